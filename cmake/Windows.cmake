@@ -1,0 +1,15 @@
+# KVT64.DLL: the monitor's sources against mingw-w64's own Win32 headers, the
+# string table as a real resource, and a .def that exports the entry table.
+enable_language(RC)
+add_compile_definitions(UNICODE _UNICODE WIN32_LEAN_AND_MEAN)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR})
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR})
+
+add_library(KVT64 SHARED ${KVT_MONITOR_SOURCES}
+            ${CMAKE_SOURCE_DIR}/resources/kvt64.rc
+            ${CMAKE_SOURCE_DIR}/monitor/kvt64.def)
+target_include_directories(KVT64 PRIVATE ${KVT_MONITOR_INCLUDES})
+set_target_properties(KVT64 PROPERTIES PREFIX "" OUTPUT_NAME KVT64 SUFFIX ".DLL")
+# No C++ runtime DLLs to ship beside the monitor.
+target_link_options(KVT64 PRIVATE -static -static-libgcc -static-libstdc++)
+target_link_libraries(KVT64 PRIVATE ws2_32 winspool advapi32 user32 kernel32)
