@@ -22,6 +22,7 @@ typedef int BOOL;
 typedef int WINBOOL;
 typedef unsigned char BYTE;
 typedef unsigned char UCHAR;
+typedef UCHAR *PUCHAR;
 typedef unsigned char BOOLEAN;
 typedef unsigned short WORD;
 typedef unsigned short USHORT;

@@ -27,6 +27,12 @@
 #define fd_set kvt_ws_fd_set
 #define timeval kvt_ws_timeval
 
+/* The same for <unistd.h> and its gethostname (size_t length), which as an
+ * overload would win over Winsock's for gethostname(buf, sizeof buf): take it
+ * first, then give the name to Winsock's. */
+#include <unistd.h>
+#define gethostname kvt_ws_gethostname_function
+
 typedef unsigned char u_char;
 typedef unsigned short u_short;
 typedef unsigned int u_int;
@@ -199,8 +205,6 @@ int WINAPI getsockopt(SOCKET s, int level, int optname, char *optval, int *optle
     __asm__("kvt_ws_getsockopt");
 int WINAPI bind(SOCKET s, const struct sockaddr *name, int namelen) __asm__("kvt_ws_bind");
 int WINAPI connect(SOCKET s, const struct sockaddr *name, int namelen) __asm__("kvt_ws_connect");
-int WINAPI select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds,
-                  const struct timeval *timeout) __asm__("kvt_ws_select");
 int WINAPI send(SOCKET s, const char *buf, int len, int flags) __asm__("kvt_ws_send");
 int WINAPI recv(SOCKET s, char *buf, int len, int flags) __asm__("kvt_ws_recv");
 int WINAPI sendto(SOCKET s, const char *buf, int len, int flags, const struct sockaddr *to,
@@ -219,5 +223,10 @@ char *WINAPI inet_ntoa(struct in_addr in) __asm__("kvt_ws_inet_ntoa");
 #ifdef __cplusplus
 }
 #endif
+
+/* Declared with C++ linkage: <sys/select.h>, included above, declares the C
+ * library's select; this one is an overload on Winsock's fd_set and timeval. */
+int WINAPI select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds,
+                  const struct timeval *timeout) __asm__("kvt_ws_select");
 
 #endif /* KVT_PLATFORM_WINSOCK2_H */

@@ -1,0 +1,27 @@
+/*
+ * Adding and configuring ports through the dialogs.  The dialogs are not part
+ * of this build yet: both entries refuse with ERROR_NOT_SUPPORTED, and ports
+ * are made in the registry tree instead.
+ */
+#include <windows.h>
+
+#include "debuglog.h"
+#include "monitor.h"
+
+extern "C" BOOL WINAPI LocalmonAddPort(LPWSTR pName, HWND hWnd, LPWSTR pMonitorName) {
+    (void)pName, (void)hWnd, (void)pMonitorName;
+    DebugLog("\n");
+    DebugLog("Entry LocalmonAddPort\n");
+    DebugLog("Leave LocalmonAddPort - not available\n");
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return FALSE;
+}
+
+extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPortName) {
+    (void)pName, (void)hWnd, (void)pPortName;
+    DebugLog("\n");
+    DebugLog("Entry LocalmonConfigurePort\n");
+    DebugLog("Leave LocalmonConfigurePort - not available\n");
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return FALSE;
+}

@@ -1,0 +1,74 @@
+// kvtmon: the spooler host for Linux.  It loads libkvt64.so as the spooler
+// loads the monitor, and drives its entry table for every administrator and
+// job action.
+#pragma once
+
+#include <windows.h>
+#include <winsplp.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kvtmon {
+
+// ---- the monitor as the spooler sees it -------------------------------------------
+// Loads the monitor library (KVT64_SO, else libkvt64.so beside kvtmon) and
+// calls InitializePrintMonitor.  NULL with a message when it can't.
+const MONITOR *LoadMonitor(std::string *error);
+
+// The name of a Win32 error number ("ERROR_IO_DEVICE"), or "" when unknown.
+const char *ErrorName(DWORD error);
+std::string DescribeError(DWORD error);  // "1117 (ERROR_IO_DEVICE)"
+
+// ---- the host's registry ---------------------------------------------------------------
+// The monitor's key name for the default profile: "PrintServer Network Port".
+std::u16string MonitorKeyPath();
+// The network components of a host that offers TCP/IP.
+void AddTcpipComponent();
+// Sets IsDEBUG and IsNOTIFY in the monitor's key, making the key if needed.
+void SetMonitorFlags(bool debug, bool notify);
+// Makes a port's keys: the server key with its address, the digit key with
+// the protocol and queue name.  False with a message for a bad port name.
+bool MakePortKeys(const std::string &portName, uint32_t address, uint8_t protocol, const std::string &queue,
+                  std::string *error);
+
+// ---- the terminal -----------------------------------------------------------------------
+// Message boxes are written to the terminal and answered OK.
+void UseTerminalForBoxes(bool quiet);
+// A progress line for jobs: bytes, rate; drawn only on a terminal.
+struct Progress {
+    std::string label;
+    uint64_t total = 0;
+    uint64_t done = 0;
+    int64_t startMs = 0;
+    int64_t lastDrawMs = -1;
+    bool enabled = false;
+};
+void ProgressStart(Progress &p, const std::string &label, uint64_t total);
+void ProgressUpdate(Progress &p, uint64_t done);
+void ProgressFinish(Progress &p);
+std::string FormatBytes(uint64_t bytes);
+
+// ---- commands ------------------------------------------------------------------------------
+struct PrintOptions {
+    std::string port;
+    std::vector<std::string> files;
+    std::string document;
+    std::string printer;
+    std::string user;
+    DWORD jobId = 1;
+    std::string server;  // the print server of a port made for this run
+    std::string queue;
+    int protocol = 0;
+    bool debug = false;
+    bool notify = false;
+    int stallSeconds = 120;
+    bool quiet = false;
+};
+// Prints through the monitor as the spooler would; the exit status.
+int RunPrint(const PrintOptions &options);
+int PrintCommand(int argc, char **argv);
+int DemoCommand(int argc, char **argv);
+
+}  // namespace kvtmon

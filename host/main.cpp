@@ -1,0 +1,36 @@
+// kvtmon: the spooler host for Linux.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "kvtmon.h"
+
+namespace {
+
+void Usage(FILE *out) {
+    std::fprintf(out,
+                 "usage: kvtmon COMMAND [ARGS]\n"
+                 "  print PORT FILE... [options]   print files through the monitor (kvtmon print --help)\n"
+                 "  demo                           run the monitor against emulated print servers\n"
+                 "                                 on a private network\n"
+                 "environment: KVT_PREFIX (default ~/.kvt), KVT64_SO (the monitor library)\n");
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    if (argc < 2) {
+        Usage(stderr);
+        return 2;
+    }
+    std::string command = argv[1];
+    if (command == "print") return kvtmon::PrintCommand(argc - 2, argv + 2);
+    if (command == "demo") return kvtmon::DemoCommand(argc - 2, argv + 2);
+    if (command == "help" || command == "--help" || command == "-h") {
+        Usage(stdout);
+        return 0;
+    }
+    std::fprintf(stderr, "kvtmon: unknown command '%s'\n", command.c_str());
+    Usage(stderr);
+    return 2;
+}

@@ -1,0 +1,215 @@
+// Loading the monitor, the host's part of the registry, and the terminal.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "kvthost.h"
+#include "kvtmon.h"
+
+namespace kvtmon {
+
+namespace {
+
+std::string ProgramDirectory() {
+    char path[4096];
+    ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+    if (n <= 0) return ".";
+    path[n] = 0;
+    std::string s(path);
+    size_t slash = s.rfind('/');
+    return slash == std::string::npos ? "." : s.substr(0, slash);
+}
+
+int64_t NowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+HKEY CreateKey(const std::u16string &path) {
+    HKEY key = nullptr;
+    if (RegCreateKeyW(HKEY_LOCAL_MACHINE, path.c_str(), &key) != ERROR_SUCCESS) return nullptr;
+    return key;
+}
+
+}  // namespace
+
+const MONITOR *LoadMonitor(std::string *error) {
+    const char *env = std::getenv("KVT64_SO");
+    std::string path = env != nullptr && *env != 0 ? env : ProgramDirectory() + "/libkvt64.so";
+    void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+        *error = std::string("cannot load the monitor: ") + dlerror();
+        return nullptr;
+    }
+    using InitFn = LPMONITOREX (*)(LPWSTR);
+    auto init = reinterpret_cast<InitFn>(dlsym(library, "InitializePrintMonitor"));
+    if (init == nullptr) {
+        *error = path + " has no InitializePrintMonitor";
+        return nullptr;
+    }
+    std::u16string root = u"System\\CurrentControlSet\\Control\\Print\\Monitors";
+    LPMONITOREX table = init(root.data());
+    if (table == nullptr || table->dwMonitorSize != sizeof(MONITOR)) {
+        *error = "the monitor gave no entry table of the right size";
+        return nullptr;
+    }
+    return &table->Monitor;
+}
+
+const char *ErrorName(DWORD error) {
+    switch (error) {
+    case 0: return "ERROR_SUCCESS";
+    case 2: return "ERROR_FILE_NOT_FOUND";
+    case 5: return "ERROR_ACCESS_DENIED";
+    case 6: return "ERROR_INVALID_HANDLE";
+    case 8: return "ERROR_NOT_ENOUGH_MEMORY";
+    case 29: return "ERROR_WRITE_FAULT";
+    case 32: return "ERROR_SHARING_VIOLATION";
+    case 50: return "ERROR_NOT_SUPPORTED";
+    case 87: return "ERROR_INVALID_PARAMETER";
+    case 122: return "ERROR_INSUFFICIENT_BUFFER";
+    case 124: return "ERROR_INVALID_LEVEL";
+    case 170: return "ERROR_BUSY";
+    case 1012: return "ERROR_CANTREAD";
+    case 1117: return "ERROR_IO_DEVICE";
+    case 1796: return "ERROR_UNKNOWN_PORT";
+    case 1801: return "ERROR_INVALID_PRINTER_NAME";
+    case 3007: return "ERROR_INVALID_PRINT_MONITOR";
+    default: return "";
+    }
+}
+
+std::string DescribeError(DWORD error) {
+    std::string name = ErrorName(error);
+    return std::to_string(error) + (name.empty() ? "" : " (" + name + ")");
+}
+
+std::u16string MonitorKeyPath() {
+    return u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port";
+}
+
+void AddTcpipComponent() {
+    if (HKEY key = CreateKey(u"SYSTEM\\CurrentControlSet\\Services\\Tcpip")) {
+        std::u16string image = u"\\SystemRoot\\System32\\drivers\\tcpip.sys";
+        RegSetValueExW(key, u"ImagePath", 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE *>(image.c_str()),
+                       static_cast<DWORD>((image.size() + 1) * 2));
+        RegCloseKey(key);
+    }
+}
+
+void SetMonitorFlags(bool debug, bool notify) {
+    if (HKEY key = CreateKey(MonitorKeyPath())) {
+        std::u16string driver = u"KVT64.DLL";
+        RegSetValueExW(key, u"Driver", 0, REG_SZ, reinterpret_cast<const BYTE *>(driver.c_str()),
+                       static_cast<DWORD>((driver.size() + 1) * 2));
+        BYTE d = debug ? 1 : 0, n = notify ? 1 : 0;
+        RegSetValueExW(key, u"IsDEBUG", 0, REG_BINARY, &d, 1);
+        RegSetValueExW(key, u"IsNOTIFY", 0, REG_BINARY, &n, 1);
+        RegCloseKey(key);
+    }
+}
+
+bool MakePortKeys(const std::string &portName, uint32_t address, uint8_t protocol, const std::string &queue,
+                  std::string *error) {
+    // <server>-P1..P3 or <server>-C1..C2; the server has 1 to 47 characters.
+    size_t n = portName.size();
+    bool ok = n >= 4 && n - 3 <= 47 && portName[n - 3] == '-' &&
+              ((portName[n - 2] == 'P' && portName[n - 1] >= '1' && portName[n - 1] <= '3') ||
+               (portName[n - 2] == 'C' && portName[n - 1] >= '1' && portName[n - 1] <= '2'));
+    if (!ok) {
+        *error = "'" + portName + "' is not a port name: <server>-P1, -P2, -P3, -C1 or -C2";
+        return false;
+    }
+    std::string server = portName.substr(0, n - 3);
+    char digit = portName[n - 2] == 'P' ? portName[n - 1] : static_cast<char>(portName[n - 1] + 3);
+    if (queue.size() > 31) {
+        *error = "a queue name has at most 31 characters";
+        return false;
+    }
+    std::u16string serverPath = MonitorKeyPath() + u"\\Ports\\" + kvthost::Widen(server);
+    HKEY serverKey = CreateKey(serverPath);
+    HKEY digitKey = CreateKey(serverPath + u"\\" + char16_t(digit));
+    if (serverKey == nullptr || digitKey == nullptr) {
+        *error = "cannot write the port's keys";
+        if (serverKey) RegCloseKey(serverKey);
+        if (digitKey) RegCloseKey(digitKey);
+        return false;
+    }
+    BYTE zero[6] = {};
+    RegSetValueExW(serverKey, u"IP    ", 0, REG_BINARY, reinterpret_cast<const BYTE *>(&address), 4);
+    RegSetValueExW(serverKey, u"Network", 0, REG_BINARY, zero, 4);
+    RegSetValueExW(serverKey, u"Node Address", 0, REG_BINARY, zero, 6);
+    RegSetValueExW(digitKey, u" ", 0, REG_BINARY, &protocol, 1);
+    if (digit <= '3') {
+        std::u16string q = kvthost::Widen(queue);
+        RegSetValueExW(digitKey, u"QueueName", 0, REG_SZ, reinterpret_cast<const BYTE *>(q.c_str()),
+                       static_cast<DWORD>((q.size() + 1) * 2));
+    }
+    RegCloseKey(digitKey);
+    RegCloseKey(serverKey);
+    return true;
+}
+
+void UseTerminalForBoxes(bool quiet) {
+    kvthost::SetMessageBoxHandler([quiet](HWND, const std::u16string &text, const std::u16string &caption,
+                                          unsigned) {
+        if (!quiet) {
+            std::string t = kvthost::Narrow(text);
+            while (!t.empty() && t.back() == '\n') t.pop_back();
+            std::fprintf(stderr, "[%s] %s\n", kvthost::Narrow(caption).c_str(), t.c_str());
+        }
+        return IDOK;
+    });
+}
+
+std::string FormatBytes(uint64_t bytes) {
+    char text[32];
+    if (bytes >= (1ull << 30)) std::snprintf(text, sizeof text, "%.1f GiB", bytes / 1073741824.0);
+    else if (bytes >= (1ull << 20)) std::snprintf(text, sizeof text, "%.1f MiB", bytes / 1048576.0);
+    else if (bytes >= 1024) std::snprintf(text, sizeof text, "%.1f KiB", bytes / 1024.0);
+    else std::snprintf(text, sizeof text, "%llu B", static_cast<unsigned long long>(bytes));
+    return text;
+}
+
+void ProgressStart(Progress &p, const std::string &label, uint64_t total) {
+    p.label = label;
+    p.total = total;
+    p.done = 0;
+    p.startMs = NowMs();
+    p.lastDrawMs = -1;
+    p.enabled = isatty(STDERR_FILENO) != 0;
+}
+
+static void Draw(Progress &p, int64_t now) {
+    double seconds = (now - p.startMs) / 1000.0;
+    double rate = seconds > 0 ? p.done / seconds : 0;
+    int width = 30;
+    int filled = p.total > 0 ? static_cast<int>(width * static_cast<double>(p.done) / p.total) : width;
+    std::string bar(static_cast<size_t>(filled), '#');
+    bar.resize(static_cast<size_t>(width), '.');
+    std::fprintf(stderr, "\r%s [%s] %s / %s  %s/s   ", p.label.c_str(), bar.c_str(), FormatBytes(p.done).c_str(),
+                 FormatBytes(p.total).c_str(), FormatBytes(static_cast<uint64_t>(rate)).c_str());
+    std::fflush(stderr);
+    p.lastDrawMs = now;
+}
+
+void ProgressUpdate(Progress &p, uint64_t done) {
+    p.done = done;
+    if (!p.enabled) return;
+    int64_t now = NowMs();
+    if (p.lastDrawMs < 0 || now - p.lastDrawMs >= 100) Draw(p, now);
+}
+
+void ProgressFinish(Progress &p) {
+    if (!p.enabled) return;
+    Draw(p, NowMs());
+    std::fprintf(stderr, "\n");
+}
+
+}  // namespace kvtmon

@@ -1,0 +1,114 @@
+/*
+ * monitor.h: the port record, the monitor's global state and the operations
+ * that the rest of the monitor calls.
+ */
+#ifndef KVT_MONITOR_H
+#define KVT_MONITOR_H
+
+#include <winsock2.h>
+#include <windows.h>
+#include <winspool.h>
+#include <nb30.h>
+
+/* ---- status word of a port ---------------------------------------------- */
+#define PP_INSTARTDOC 0x00000001u  /* a job holds the port */
+#define PP_CONNECTING 0x10000000u  /* a non-blocking TCP connect is under way */
+#define PP_RETRY 0x20000000u       /* the last LPR connect may be repeated */
+#define PP_CONNECTED 0x40000000u   /* TCP up, LPR header still to send */
+#define PP_LPRREADY 0x80000000u    /* LPR job open: data may be sent */
+#define PP_LPRSTATES (PP_CONNECTING | PP_RETRY | PP_CONNECTED | PP_LPRREADY)
+
+/* ---- protocol codes ---------------------------------------------------------
+ * The registry scheme (a port's " " value, SupportProtocol, WorkProtocol):   */
+#define PROTOCOL_AUTO 0
+#define PROTOCOL_IPX 1
+#define PROTOCOL_TCPIP 2
+#define PROTOCOL_NETBIOS 4
+#define PROTOCOL_ALL (PROTOCOL_IPX | PROTOCOL_TCPIP | PROTOCOL_NETBIOS)
+/* The selector that PrintProtocol holds once a job has started: */
+#define SELECTOR_TCPIP 0
+#define SELECTOR_IPX 1
+#define SELECTOR_NETBIOS 2
+
+#define INIPORT_SIGNATURE 0x4F50
+
+/* The port record: one allocation holding the record and its two strings. */
+typedef struct _INIPORT {
+    DWORD signature;
+    DWORD cb;
+    struct _INIPORT *pNext;
+    LPWSTR pName;
+    LPWSTR pDeviceDesc;
+    DWORD Status;
+    HANDLE hPrinter;
+    DWORD JobId;
+    WORD ZeroWriteCount;
+    WORD PrinterStatus;
+    DWORD IPAddress;   /* host byte order */
+    SOCKET Socket;     /* INVALID_SOCKET when there is none */
+    BYTE Lptn;         /* the digit key, '1' to '5' */
+    BYTE NodeID[6];    /* all zero: no node address known */
+    BYTE NetNum[4];    /* always zero: the local network */
+    BYTE Tid;
+    BYTE ChannelPort;
+    NCB NcbCopy;
+    DWORD SendSeq;
+    char ServerName[20];
+    DWORD PrintProtocol;
+    DWORD WorkProtocol;
+} IniPort, *PINIPORT;
+
+/* ---- global state -------------------------------------------------------------- */
+extern HINSTANCE DllInstance;
+extern DWORD MessageTlsSlot;
+extern HMODULE ResourceModule;
+extern CRITICAL_SECTION PortListLock;
+extern PINIPORT PortListHead;
+extern BYTE SupportProtocol;
+extern BOOL bStartup;
+extern BOOL AddPortBusy;
+extern BYTE IsNOTIFY;
+extern BYTE IsDEBUG;
+extern BYTE ProfileFound;
+extern WCHAR VendorDesc[29];
+extern WCHAR DeviceDesc[29];
+extern WCHAR MonitorName[32];
+extern WCHAR WindowsPath[360];
+extern WCHAR SystemPath[512];
+
+/* ---- entry table ---------------------------------------------------------------- */
+extern "C" {
+BOOL WINAPI DllEntryPoint(HINSTANCE instance, DWORD reason, LPVOID reserved);
+BOOL WINAPI LocalmonEnumPorts(LPWSTR pName, DWORD Level, LPBYTE pPorts, DWORD cbBuf,
+                              LPDWORD pcbNeeded, LPDWORD pcReturned);
+BOOL WINAPI LocalmonOpenPort(LPWSTR pName, PHANDLE pHandle);
+BOOL WINAPI LocalmonStartDocPort(HANDLE hPort, LPWSTR pPrinterName, DWORD JobId, DWORD Level,
+                                 LPBYTE pDocInfo);
+BOOL WINAPI LocalmonWritePort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuf, LPDWORD pcbWritten);
+BOOL WINAPI LocalmonReadPort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuffer, LPDWORD pcbRead);
+BOOL WINAPI LocalmonEndDocPort(HANDLE hPort);
+BOOL WINAPI LocalmonClosePort(HANDLE hPort);
+BOOL WINAPI LocalmonAddPort(LPWSTR pName, HWND hWnd, LPWSTR pMonitorName);
+BOOL WINAPI LocalmonAddPortEx(LPWSTR pName, DWORD Level, LPBYTE lpBuffer, LPWSTR lpMonitorName);
+BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPortName);
+BOOL WINAPI LocalmonDeletePort(LPWSTR pName, HWND hWnd, LPWSTR pPortName);
+BOOL WINAPI LocalmonGetPrinterDataFromPort(HANDLE hPort, DWORD ControlID, LPWSTR pValueName,
+                                           LPWSTR lpInBuffer, DWORD cbInBuffer, LPWSTR lpOutBuffer,
+                                           DWORD cbOutBuffer, LPDWORD lpcbReturned);
+BOOL WINAPI LocalmonSetPortTimeOuts(HANDLE hPort, LPCOMMTIMEOUTS lpCTO, DWORD reserved);
+}
+
+/* ---- port list ---------------------------------------------------------------------- */
+PINIPORT FindPortFromList(LPCWSTR pName);
+PINIPORT CreateMonitorPortEntry(LPCWSTR pName, LPCWSTR pDeviceDesc, DWORD IPAddress,
+                                const BYTE *NetNum, const BYTE *NodeID, BYTE Lptn);
+BOOL DeleteMonitorPortEntry(LPCWSTR pPortName);
+
+/* ---- host facts ------------------------------------------------------------------------- */
+BYTE GetProtocol(void);
+
+/* ---- job flow ------------------------------------------------------------------------------ */
+/* The deletion test: TRUE when the spooler marks the port's job as being deleted. */
+BOOL IsJobDeleting(PINIPORT pIniPort);
+
+#endif /* KVT_MONITOR_H */

@@ -1,0 +1,101 @@
+/*
+ * The port list: records in creation order, each one allocation holding the
+ * record and its two strings.  A port handle is the record's address.
+ */
+#include <windows.h>
+
+#include <string.h>
+
+#include "debuglog.h"
+#include "monitor.h"
+
+PINIPORT FindPortFromList(LPCWSTR pName) {
+    if (pName == NULL || *pName == 0) return NULL;
+    for (PINIPORT p = PortListHead; p != NULL; p = p->pNext)
+        if (_wcsicmp(p->pName, pName) == 0) return p;
+    return NULL;
+}
+
+PINIPORT CreateMonitorPortEntry(LPCWSTR pName, LPCWSTR pDeviceDesc, DWORD IPAddress, const BYTE *NetNum,
+                                const BYTE *NodeID, BYTE Lptn) {
+    (void)NetNum; /* ports are always on the local network */
+    DebugLog("\n");
+    DebugLog("Entry CreateMonitorPortEntry\n");
+    if (pName != NULL) LogWideName("PortName: %s\n", pName);
+    else DebugLog("PortName: NULL\n");
+    if (pDeviceDesc != NULL) LogWideName("DeviceDesc: %s\n", pDeviceDesc);
+    else DebugLog("DeviceDesc: NULL\n");
+    LogPrintf("IPAddress: %08X \t Lptn: %c\n", (unsigned)IPAddress, Lptn);
+
+    DWORD cbName = (DWORD)(lstrlenW(pName) + 1) * sizeof(WCHAR);
+    DWORD cbDesc = (DWORD)(lstrlenW(pDeviceDesc) + 1) * sizeof(WCHAR);
+    DWORD cb = sizeof(IniPort) + cbName + cbDesc;
+    PINIPORT pIniPort = (PINIPORT)LocalAlloc(LPTR, cb);
+    if (pIniPort == NULL) {
+        DebugLog("Leave CreateMonitorPortEntry\n");
+        return NULL;
+    }
+    pIniPort->pName = (LPWSTR)(pIniPort + 1);
+    pIniPort->pDeviceDesc = (LPWSTR)((LPBYTE)pIniPort->pName + cbName);
+    if (pName != NULL) memcpy(pIniPort->pName, pName, cbName);
+    if (pDeviceDesc != NULL) memcpy(pIniPort->pDeviceDesc, pDeviceDesc, cbDesc);
+    pIniPort->cb = cb;
+    pIniPort->signature = INIPORT_SIGNATURE;
+    pIniPort->pNext = NULL;
+    pIniPort->Lptn = Lptn;
+    pIniPort->IPAddress = IPAddress;
+    if (NodeID != NULL) memcpy(pIniPort->NodeID, NodeID, sizeof pIniPort->NodeID);
+    pIniPort->Socket = INVALID_SOCKET;
+    memset(pIniPort->NetNum, 0, sizeof pIniPort->NetNum);
+    LogPrintf("AllocSplMem success ( %d bytes)\n", (int)cb);
+
+    EnterCriticalSection(&PortListLock);
+    if (PortListHead == NULL) {
+        PortListHead = pIniPort;
+    } else {
+        PINIPORT tail = PortListHead;
+        while (tail->pNext != NULL) tail = tail->pNext;
+        tail->pNext = pIniPort;
+    }
+    LeaveCriticalSection(&PortListLock);
+    DebugLog("Leave CreateMonitorPortEntry\n");
+    return pIniPort;
+}
+
+/* The caller holds PortListLock.  A port that a job holds is not removed: its
+ * record stays valid for the job's thread, and the delete fails with
+ * ERROR_BUSY. */
+BOOL DeleteMonitorPortEntry(LPCWSTR pPortName) {
+    DebugLog("\n");
+    DebugLog("Entry DeleteMonitorPortEntry\n");
+    PINIPORT prev = NULL;
+    for (PINIPORT p = PortListHead; p != NULL && pPortName != NULL; prev = p, p = p->pNext) {
+        if (_wcsicmp(p->pName, pPortName) != 0) continue;
+        if (p->Status != 0) {
+            LogPrintf("Leave DeleteMonitorPortEntry - port in use (status: %08X)\n", (unsigned)p->Status);
+            SetLastError(ERROR_BUSY);
+            return FALSE;
+        }
+        if (prev == NULL) PortListHead = p->pNext;
+        else prev->pNext = p->pNext;
+        LocalFree(p);
+        DebugLog("Leave DeleteMonitorPortEntry - success\n");
+        return TRUE;
+    }
+    DebugLog("Leave DeleteMonitorPortEntry - not found\n");
+    SetLastError(ERROR_UNKNOWN_PORT);
+    return FALSE;
+}
+
+extern "C" BOOL WINAPI LocalmonOpenPort(LPWSTR pName, PHANDLE pHandle) {
+    EnterCriticalSection(&PortListLock);
+    DebugLog("\n");
+    DebugLog("Entry LocalmonOpenPort\n");
+    if (pName != NULL) LogWideName("Open port name: %s\n", pName);
+    else DebugLog("Open port name: NULL\n");
+    PINIPORT pIniPort = FindPortFromList(pName);
+    if (pIniPort != NULL && pHandle != NULL) *pHandle = (HANDLE)pIniPort;
+    LeaveCriticalSection(&PortListLock);
+    DebugLog(pIniPort != NULL ? "Leave LocalmonOpenPort - success\n" : "Leave LocalmonOpenPort - not found\n");
+    return pIniPort != NULL ? TRUE : FALSE;
+}

@@ -1,0 +1,37 @@
+// The registry tree shared by the Win32 registry calls and the hive file.
+#pragma once
+
+#include <windows.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kvtreg {
+
+struct Value {
+    std::u16string name;
+    DWORD type;
+    std::vector<BYTE> data;
+};
+
+struct Key {
+    std::u16string name;
+    std::map<std::u16string, std::unique_ptr<Key>> children;  // by upper-case name
+    std::vector<Value> values;                                // in order of creation
+};
+
+std::u16string Upper(const std::u16string &s);
+const Key *Find(const Key *root, const std::vector<std::u16string> &path);
+Key *FindMutable(Key *root, const std::vector<std::u16string> &path);
+Key *CreateChild(Key *parent, const std::u16string &name);
+Value *FindValue(Key *key, const std::u16string &name);
+
+// The tree as it stands now; NULL with the status when it cannot be read.
+const Key *Current(LSTATUS *status);
+// Applies one change to the tree and keeps it; the edit's status is returned.
+LSTATUS Change(const std::function<LSTATUS(Key &)> &edit);
+
+}  // namespace kvtreg
