@@ -1,0 +1,171 @@
+#include <set>
+
+#include <arpa/inet.h>
+
+#include "kvtps.h"
+#include "lpr_server.h"
+
+namespace kvtps {
+
+const char *OutcomeName(LprOutcome outcome) {
+    switch (outcome) {
+    case LprOutcome::Completed: return "completed";
+    case LprOutcome::ClientClosed: return "client-closed";
+    case LprOutcome::ProtocolError: return "protocol-error";
+    case LprOutcome::FaultClosed: return "fault-closed";
+    case LprOutcome::Nakked: return "nakked";
+    case LprOutcome::Unanswered: return "unanswered";
+    case LprOutcome::Stopped: return "stopped";
+    }
+    return "?";
+}
+
+bool ValidateFaults(const LprFaults &f, std::string *error) {
+    auto fail = [&](const std::string &message) {
+        if (error) *error = message;
+        return false;
+    };
+    if (f.closeBeforeAck < 0 || f.closeBeforeAck > 4) return fail("close-before-ack step must be 1..4");
+    if (f.nakAtStep < 0 || f.nakAtStep > 4) return fail("nak step must be 1..4");
+    if (f.nakAtStep != 0 && f.nakByte == 0) return fail("a nak byte must not be 0x00");
+    if (f.closeBeforeAckCount < -1 || f.nakCount < -1) return fail("a fault count must be -1 or more");
+    if (f.readDelayMs < 0 || f.readDelayMs > 60000) return fail("read delay must be 0..60000 ms");
+    if (f.ackDelayMs < 0 || f.ackDelayMs > 600000) return fail("ack delay must be 0..600000 ms");
+    if (f.recvBufferBytes < 0) return fail("receive buffer size must not be negative");
+    return true;
+}
+
+Emulator::Emulator() = default;
+
+Emulator::~Emulator() { Stop(); }
+
+bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
+    std::string ignored;
+    if (!error) error = &ignored;
+    std::lock_guard<std::mutex> lock(mu_);
+    if (running_) {
+        *error = "the emulator is already running";
+        return false;
+    }
+    std::set<std::string> names;
+    for (const auto &config : configs) {
+        in_addr address;
+        if (config.name.empty()) {
+            *error = "a server needs a name";
+            return false;
+        }
+        if (!names.insert(config.name).second) {
+            *error = "server " + config.name + " is configured twice";
+            return false;
+        }
+        if (inet_pton(AF_INET, config.address.c_str(), &address) != 1) {
+            *error = "server " + config.name + ": bad IPv4 address '" + config.address + "'";
+            return false;
+        }
+        std::string why;
+        if (!ValidateFaults(config.lpr, &why)) {
+            *error = "server " + config.name + ": " + why;
+            return false;
+        }
+    }
+    std::vector<std::shared_ptr<detail::LprServer>> servers;
+    for (auto &config : configs) {
+        auto server = std::make_shared<detail::LprServer>(std::move(config), observer_);
+        std::string why;
+        if (!server->Open(&why)) {
+            *error = "server " + server->name() + ": " + why;
+            return false;  // the servers opened so far close as they go
+        }
+        servers.push_back(std::move(server));
+    }
+    for (auto &server : servers) server->Run();
+    servers_ = std::move(servers);
+    running_ = true;
+    return true;
+}
+
+void Emulator::Stop() {
+    std::vector<std::shared_ptr<detail::LprServer>> servers;
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (!running_) return;
+        running_ = false;
+        servers = servers_;
+    }
+    // Not under mu_: an observer running on a server thread may call in.
+    for (auto &server : servers) server->Stop();
+}
+
+bool Emulator::Running() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return running_;
+}
+
+void Emulator::SetJobObserver(JobObserver observer) {
+    std::lock_guard<std::mutex> lock(mu_);
+    observer_ = std::move(observer);
+}
+
+std::shared_ptr<detail::LprServer> Emulator::Find(const std::string &server) const {
+    std::lock_guard<std::mutex> lock(mu_);
+    for (const auto &s : servers_) {
+        if (s->name() == server) return s;
+    }
+    return nullptr;
+}
+
+std::vector<std::string> Emulator::ServerNames() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    std::vector<std::string> names;
+    for (const auto &s : servers_) names.push_back(s->name());
+    return names;
+}
+
+bool Emulator::HasServer(const std::string &server) const { return Find(server) != nullptr; }
+
+uint16_t Emulator::LprPort(const std::string &server) const {
+    auto s = Find(server);
+    return s ? s->Port() : 0;
+}
+
+std::vector<LprJob> Emulator::Jobs(const std::string &server) const {
+    auto s = Find(server);
+    return s ? s->Jobs() : std::vector<LprJob>{};
+}
+
+size_t Emulator::JobCount(const std::string &server) const {
+    auto s = Find(server);
+    return s ? s->JobCount() : 0;
+}
+
+bool Emulator::WaitForJobs(const std::string &server, size_t count, int timeoutMs) const {
+    auto s = Find(server);
+    return s && s->WaitForJobs(count, timeoutMs);
+}
+
+void Emulator::ClearJobs(const std::string &server) {
+    if (auto s = Find(server)) s->ClearJobs();
+}
+
+LprCounters Emulator::Counters(const std::string &server) const {
+    auto s = Find(server);
+    return s ? s->Counters() : LprCounters{};
+}
+
+LprFaults Emulator::Faults(const std::string &server) const {
+    auto s = Find(server);
+    return s ? s->Faults() : LprFaults{};
+}
+
+bool Emulator::SetLprFaults(const std::string &server, const LprFaults &faults,
+                            std::string *error) {
+    auto s = Find(server);
+    if (!s) {
+        if (error) *error = "no server named " + server;
+        return false;
+    }
+    if (!ValidateFaults(faults, error)) return false;
+    return s->SetFaults(faults, error);
+}
+
+}  // namespace kvtps

@@ -1,0 +1,201 @@
+// kvtps: the print-server emulator.  One Emulator hosts one or more virtual
+// KVT print servers inside the calling process; each listens for the LPR
+// exchange on port 515 of its own address (127.0.0.2, 127.0.0.3, ...), stores
+// every job it receives byte for byte, counts what it saw, and can be told to
+// misbehave (fault knobs) while it runs.
+//
+// The LPR exchange, from the client's side, each step answered by one byte:
+//   1. 0x02 queue 0x0A                                   -> 0x00
+//   2. 0x02 L 0x20 cfA007pc1 0x0A                         -> 0x00
+//   3. the control file: L+1 bytes, 0x02, lines, 0x00     -> 0x00
+//   4. 0x03 2147483647 0x20 dfA007pc1 0x0A                -> 0x00
+//   5. the raw data, until the client closes the connection.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kvtps {
+
+// ---- limits -------------------------------------------------------------------
+// A control file longer than this (L) is a protocol error: the length comes from
+// the client and is never trusted further than that.
+constexpr size_t kMaxControlFileLength = 64 * 1024;
+// A command line (steps 1, 2 and 4) longer than this without its 0x0A is a
+// protocol error.
+constexpr size_t kMaxCommandLine = 1024;
+
+// ---- checksum -------------------------------------------------------------------
+// FNV-1a, 64 bits: the running checksum of a job's data, kept whether or not the
+// data itself is stored.
+constexpr uint64_t kFnvOffset = 0xcbf29ce484222325ull;
+constexpr uint64_t kFnvPrime = 0x100000001b3ull;
+inline uint64_t Fnv1a64(const void *bytes, size_t size, uint64_t hash = kFnvOffset) {
+    const auto *p = static_cast<const unsigned char *>(bytes);
+    for (size_t i = 0; i < size; ++i) {
+        hash ^= p[i];
+        hash *= kFnvPrime;
+    }
+    return hash;
+}
+
+// ---- configuration ----------------------------------------------------------------
+// How a server misbehaves on LPR.  Every knob can change while the server runs
+// (Emulator::SetLprFaults); a change applies to the next decision it governs.
+struct LprFaults {
+    bool refuse = false;  // nothing listens: a connect is refused
+    bool silent = false;  // accept and read, never answer
+    // Close the connection instead of sending ack k (1..4; 0 = off), for the next
+    // closeBeforeAckCount connections that reach step k (-1 = every one).
+    int closeBeforeAck = 0;
+    int closeBeforeAckCount = -1;
+    // Answer ack k (1..4; 0 = off) with nakByte instead of 0x00, for the next
+    // nakCount connections that reach step k (-1 = every one); the connection is
+    // then kept, and read, until the client closes it.
+    int nakAtStep = 0;
+    uint8_t nakByte = 0x01;
+    int nakCount = -1;
+    // Slow reading: at most readChunk bytes per read (0 = no limit), and a pause
+    // of readDelayMs after each read; recvBufferBytes sets SO_RCVBUF of the
+    // listening socket and of each connection (0 = the system's default).
+    size_t readChunk = 0;
+    int readDelayMs = 0;
+    int recvBufferBytes = 0;
+    // A pause before each ack (and before a nak), in milliseconds.
+    int ackDelayMs = 0;
+};
+
+struct ServerConfig {
+    std::string name;                  // the print server's name, as jobs and counters report it
+    std::string address = "127.0.0.2"; // its own IPv4 address
+    uint16_t lprPort = 515;            // 0: any free port (see Emulator::LprPort)
+    bool storeData = true;             // false: count and checksum the data only
+    LprFaults lpr;
+    // The other carriers (management datagrams, IPX, NetBIOS) and the device's
+    // identity (short name, node, model, queue names) are configured here as
+    // they are added.
+};
+
+// ---- what a server saw --------------------------------------------------------------
+// How a connection's exchange ended.
+enum class LprOutcome {
+    Completed,      // the client closed the connection after ack 4
+    ClientClosed,   // the client closed (or reset) it before the data
+    ProtocolError,  // the server closed it on bytes it could not accept
+    FaultClosed,    // closed instead of an ack (closeBeforeAck)
+    Nakked,         // a non-zero ack was sent; the client then closed
+    Unanswered,     // silent server; the client gave up and closed
+    Stopped,        // the emulator stopped while the connection was open
+};
+const char *OutcomeName(LprOutcome outcome);
+
+// One connection that delivered at least one byte.  Byte fields hold the bytes
+// exactly as received (std::string used as a byte buffer).
+struct LprJob {
+    std::string server;
+    uint64_t connection = 0;     // 1 for the server's first accepted connection, ...
+    std::string peer;            // the client's address and port, "127.0.0.1:40312"
+    std::string header;          // every byte received before the data, exactly
+    std::string queue;           // step 1, between 0x02 and 0x0A
+    std::string controlCommand;  // step 2, raw: 0x02 ... 0x0A
+    size_t controlLength = 0;    // L of step 2
+    std::string controlFileName;
+    std::string controlFile;     // step 3, raw: L+1 bytes
+    std::vector<std::string> controlLines;  // its lines without 0x02, 0x0A and 0x00
+    std::string dataCommand;     // step 4, raw: 0x03 ... 0x0A
+    std::string dataLength;      // the count of step 4 as sent ("2147483647")
+    std::string dataFileName;
+    std::string data;            // the data (empty unless storeData)
+    uint64_t dataBytes = 0;
+    uint64_t dataChecksum = kFnvOffset;  // FNV-1a 64 of the data
+    uint64_t ignoredBytes = 0;   // read and dropped after a withheld ack or a nak
+    uint64_t totalBytes = 0;     // every byte received on the connection
+    int acks = 0;                // acks (0x00) sent, 0..4
+    int step = 0;                // the step the exchange ended in: 1..4, 5 = data
+    LprOutcome outcome = LprOutcome::ClientClosed;
+    bool complete = false;       // outcome == Completed
+    std::string error;           // what went wrong, for anything but Completed
+};
+
+struct LprCounters {
+    uint64_t connectionsAccepted = 0;
+    uint64_t connectionsOpen = 0;
+    uint64_t emptyConnections = 0;  // closed without a byte: no job stored
+    uint64_t acksSent[5] = {};      // [k]: acks of step k sent (index 0 unused)
+    uint64_t naksSent = 0;
+    uint64_t faultCloses = 0;
+    uint64_t unanswered = 0;        // acks withheld by a silent server
+    uint64_t protocolErrors = 0;
+    uint64_t jobsCompleted = 0;
+    uint64_t jobsBrokenOff = 0;     // every stored job that did not complete
+    uint64_t bytesReceived = 0;
+    uint64_t reads = 0;             // successful reads that returned bytes
+    uint64_t largestRead = 0;
+    bool listening = false;
+    std::string listenError;        // why the last attempt to listen failed
+};
+
+// Called on the server's thread for each job as it is stored.
+using JobObserver = std::function<void(const LprJob &job)>;
+
+namespace detail {
+class LprServer;
+}
+
+class Emulator {
+public:
+    Emulator();
+    ~Emulator();  // stops
+    Emulator(const Emulator &) = delete;
+    Emulator &operator=(const Emulator &) = delete;
+
+    // Binds every server (unless its faults say refuse) and starts them; on any
+    // failure nothing runs and *error names the server and the reason.  The jobs
+    // and counters of a previous run are dropped.
+    bool Start(std::vector<ServerConfig> servers, std::string *error);
+    // Closes every listener and connection (open jobs are stored as Stopped) and
+    // joins the threads.  What the servers saw stays readable until the next Start.
+    void Stop();
+    bool Running() const;
+
+    // Set before Start; applies to the servers of the next Start.
+    void SetJobObserver(JobObserver observer);
+
+    std::vector<std::string> ServerNames() const;
+    bool HasServer(const std::string &server) const;
+    // The port the server's listener has (or last had) bound; 0 if unknown.
+    uint16_t LprPort(const std::string &server) const;
+
+    std::vector<LprJob> Jobs(const std::string &server) const;
+    size_t JobCount(const std::string &server) const;
+    // Waits until the server has stored at least count jobs; false on time-out.
+    bool WaitForJobs(const std::string &server, size_t count, int timeoutMs) const;
+    void ClearJobs(const std::string &server);
+    LprCounters Counters(const std::string &server) const;
+
+    LprFaults Faults(const std::string &server) const;
+    // Takes effect before it returns (a refusing server has closed its listener,
+    // a server no longer refusing listens again); the counts of count-limited
+    // faults start afresh.  False with a message for an unknown server, invalid
+    // faults, or a listener that cannot be opened again.
+    bool SetLprFaults(const std::string &server, const LprFaults &faults,
+                      std::string *error = nullptr);
+
+private:
+    std::shared_ptr<detail::LprServer> Find(const std::string &server) const;
+
+    mutable std::mutex mu_;
+    std::vector<std::shared_ptr<detail::LprServer>> servers_;
+    JobObserver observer_;
+    bool running_ = false;
+};
+
+// Checks a configuration's values; false with a message naming what is wrong.
+bool ValidateFaults(const LprFaults &faults, std::string *error);
+
+}  // namespace kvtps
