@@ -1,0 +1,185 @@
+// Winsock's start-up, its fd_set, its error numbers, options and names.
+#include <windows.h>
+
+#include <thread>
+
+#include "kvthost.h"
+#include "posix_peer.h"
+#include "winsock_fixture.h"
+
+namespace {
+
+TEST(WinsockStartup, CallsBeforeStartupFailAndCleanupClosesSockets) {
+    EXPECT_EQ(socket(AF_INET, SOCK_STREAM, 0), INVALID_SOCKET);
+    EXPECT_EQ(WSAGetLastError(), WSANOTINITIALISED);
+    char name[64];
+    EXPECT_EQ(gethostname(name, sizeof name), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSANOTINITIALISED);
+    EXPECT_EQ(gethostbyname("localhost"), nullptr);
+    EXPECT_EQ(WSACleanup(), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSANOTINITIALISED);
+
+    WSADATA data;
+    ASSERT_EQ(WSAStartup(0x0101, &data), 0);
+    EXPECT_EQ(data.wVersion, 0x0101);
+    EXPECT_EQ(data.wHighVersion, 0x0202);
+    SOCKET s = socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_NE(s, INVALID_SOCKET);
+    EXPECT_EQ(s % 4, 0u);
+    ASSERT_EQ(WSACleanup(), 0);
+
+    ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+    EXPECT_EQ(data.wVersion, 0x0202);
+    EXPECT_EQ(closesocket(s), SOCKET_ERROR) << "the last cleanup closed it";
+    EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
+    EXPECT_EQ(socket(AF_IPX, SOCK_DGRAM, 0x3e8), INVALID_SOCKET);
+    EXPECT_EQ(WSAGetLastError(), WSAEAFNOSUPPORT);
+    EXPECT_EQ(WSACleanup(), 0);
+}
+
+TEST(WinsockErrors, LastErrorIsTheThreadsOwn) {
+    WSASetLastError(WSAECONNREFUSED);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(WSAECONNREFUSED));
+    SetLastError(ERROR_ACCESS_DENIED);
+    EXPECT_EQ(WSAGetLastError(), ERROR_ACCESS_DENIED);
+}
+
+TEST(WinsockFdSet, AddsOnceUpToSixtyFourAndClearsInOrder) {
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(0x104, &set);
+    FD_SET(0x104, &set);
+    EXPECT_EQ(set.fd_count, 1u);
+    for (SOCKET s = 0x200; s < 0x200 + 100; ++s) FD_SET(s, &set);
+    EXPECT_EQ(set.fd_count, static_cast<u_int>(FD_SETSIZE));
+    EXPECT_TRUE(FD_ISSET(0x200 + 62, &set));
+    EXPECT_FALSE(FD_ISSET(0x200 + 63, &set));
+    FD_CLR(0x104, &set);
+    EXPECT_EQ(set.fd_count, 63u);
+    EXPECT_EQ(set.fd_array[0], 0x200u);
+    EXPECT_EQ(set.fd_array[62], 0x200u + 62);
+}
+
+using WinsockSelect = WinsockTest;
+
+TEST_F(WinsockSelect, CountsReadySocketsAcrossSetsAndKeepsOnlyThem) {
+    SOCKET a = Udp("127.0.0.1", 7101), b = Udp("127.0.0.1", 7102), c = Udp("127.0.0.1", 7103);
+    ASSERT_EQ(SendTo(a, "127.0.0.1", 7102, "to b"), 4);
+    ASSERT_EQ(SendTo(a, "127.0.0.1", 7101, "to a"), 4);
+    fd_set readable, writable;
+    FD_ZERO(&readable);
+    FD_ZERO(&writable);
+    FD_SET(c, &readable);
+    FD_SET(b, &readable);
+    FD_SET(a, &readable);
+    FD_SET(a, &writable);
+    timeval wait = {5, 0};
+    EXPECT_EQ(select(99, &readable, &writable, nullptr, &wait), 3);
+    ASSERT_EQ(readable.fd_count, 2u);
+    EXPECT_EQ(readable.fd_array[0], b);
+    EXPECT_EQ(readable.fd_array[1], a);
+    EXPECT_TRUE(FD_ISSET(a, &writable));
+
+    // {0, 0} polls.
+    FD_ZERO(&readable);
+    FD_SET(c, &readable);
+    timeval now = {0, 0};
+    EXPECT_EQ(select(0, &readable, nullptr, nullptr, &now), 0);
+    EXPECT_EQ(readable.fd_count, 0u);
+
+    // Nothing to wait for, or something that is not a socket: errors.
+    EXPECT_EQ(select(0, &readable, nullptr, nullptr, &now), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAEINVAL);
+    FD_SET(0x12345, &readable);
+    EXPECT_EQ(select(0, &readable, nullptr, nullptr, &now), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
+}
+
+TEST_F(WinsockSelect, NoTimeoutWaitsForTheSocket) {
+    SOCKET a = Udp("127.0.0.1", 7111);
+    std::thread writer([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        SOCKET w = socket(AF_INET, SOCK_DGRAM, 0);
+        SendTo(w, "127.0.0.1", 7111, "late");
+        closesocket(w);
+    });
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(a, &readable);
+    EXPECT_EQ(select(0, &readable, nullptr, nullptr, nullptr), 1);
+    writer.join();
+}
+
+using WinsockOptions = WinsockTest;
+
+TEST_F(WinsockOptions, WinsockLevelsAndNumbers) {
+    SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+    int on = 1, value = 0, length = sizeof value;
+    EXPECT_EQ(setsockopt(s, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<char *>(&on), sizeof on), 0);
+    EXPECT_EQ(getsockopt(s, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<char *>(&value), &length), 0);
+    EXPECT_NE(value, 0);
+    EXPECT_EQ(setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char *>(&on), sizeof on), 0);
+    EXPECT_EQ(getsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char *>(&value), &length), 0);
+    EXPECT_NE(value, 0);
+    int size = 8192;
+    EXPECT_EQ(setsockopt(s, SOL_SOCKET, SO_RCVBUF, reinterpret_cast<char *>(&size), sizeof size), 0);
+    EXPECT_EQ(getsockopt(s, SOL_SOCKET, SO_RCVBUF, reinterpret_cast<char *>(&value), &length), 0);
+    EXPECT_EQ(value, 8192) << "as set, not doubled";
+    EXPECT_EQ(setsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char *>(&on), sizeof on), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAENOPROTOOPT);
+    EXPECT_EQ(setsockopt(s, SOL_SOCKET, 0x4242, reinterpret_cast<char *>(&on), sizeof on), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAENOPROTOOPT);
+    length = 2;
+    EXPECT_EQ(getsockopt(s, SOL_SOCKET, SO_RCVBUF, reinterpret_cast<char *>(&value), &length), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
+    closesocket(s);
+}
+
+TEST(WinsockAddresses, DottedTextAndByteOrder) {
+    in_addr a;
+    a.s_addr = static_cast<u_long>(inet_addr("127.0.0.2"));
+    EXPECT_EQ(a.S_un.S_un_b.s_b1, 127);
+    EXPECT_EQ(a.S_un.S_un_b.s_b4, 2);
+    EXPECT_STREQ(inet_ntoa(a), "127.0.0.2");
+    EXPECT_EQ(inet_addr("127.1"), inet_addr("127.0.0.1"));
+    EXPECT_EQ(inet_addr("0x7f.0.0.010"), inet_addr("127.0.0.8"));
+    EXPECT_EQ(inet_addr("255.255.255.255"), static_cast<unsigned long>(INADDR_NONE));
+    for (const char *bad : {"", "256.1.1.1", "1.2.3.4.5", "1.2.3.x", "printer"})
+        EXPECT_EQ(inet_addr(bad), static_cast<unsigned long>(INADDR_NONE)) << bad;
+    u_short port = htons(515);
+    EXPECT_EQ(reinterpret_cast<u_char *>(&port)[0], 0x02);
+    EXPECT_EQ(ntohs(port), 515);
+    EXPECT_EQ(ntohl(htonl(0x7f000001)), 0x7f000001u);
+}
+
+using WinsockNames = WinsockTest;
+
+TEST_F(WinsockNames, OwnNameResolvesWithoutLookup) {
+    kvthost::SetComputerName("PrintHost.Example.Test");
+    char name[64];
+    ASSERT_EQ(gethostname(name, sizeof name), 0);
+    EXPECT_STREQ(name, "PrintHost.Example.Test");
+    EXPECT_EQ(gethostname(name, 22), SOCKET_ERROR) << "no room for the terminating zero";
+    EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
+
+    for (const char *asked : {"printhost", "PRINTHOST.example.test", "localhost"}) {
+        hostent *h = gethostbyname(asked);
+        ASSERT_NE(h, nullptr) << asked;
+        EXPECT_EQ(h->h_addrtype, AF_INET);
+        EXPECT_EQ(h->h_length, 4);
+        in_addr first;
+        std::memcpy(&first, h->h_addr, 4);
+        EXPECT_STREQ(inet_ntoa(first), "127.0.0.1") << asked << ": loopback is all the private network has";
+        EXPECT_EQ(h->h_addr_list[1], nullptr);
+    }
+    EXPECT_STREQ(gethostbyname("printhost")->h_name, "PrintHost.Example.Test");
+    hostent *h = gethostbyname("10.1.2.3");
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(*reinterpret_cast<u_long *>(h->h_addr), static_cast<u_long>(inet_addr("10.1.2.3")));
+
+    kvthost::SetComputerName("");
+    ASSERT_EQ(gethostname(name, sizeof name), 0);
+    EXPECT_EQ(std::string(name), peer::SystemHostName());
+}
+
+}  // namespace
