@@ -8,6 +8,7 @@
 #include <winsock2.h>
 #include <windows.h>
 #include <winspool.h>
+#include <winsplp.h>
 #include <nb30.h>
 
 /* ---- status word of a port ---------------------------------------------- */
@@ -78,6 +79,7 @@ extern WCHAR SystemPath[512];
 
 /* ---- entry table ---------------------------------------------------------------- */
 extern "C" {
+LPMONITOREX WINAPI InitializePrintMonitor(LPWSTR pRegistryRoot);
 BOOL WINAPI DllEntryPoint(HINSTANCE instance, DWORD reason, LPVOID reserved);
 BOOL WINAPI LocalmonEnumPorts(LPWSTR pName, DWORD Level, LPBYTE pPorts, DWORD cbBuf,
                               LPDWORD pcbNeeded, LPDWORD pcReturned);

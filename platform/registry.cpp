@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "kvthost.h"
 #include "registry_internal.h"
 
 namespace {
@@ -132,6 +133,16 @@ const Key *Current(LSTATUS *status) {
 LSTATUS Change(const std::function<LSTATUS(Key &)> &edit) { return edit(gRoot); }
 
 }  // namespace kvtreg
+
+namespace kvthost {
+
+void ResetRegistry() {
+    std::lock_guard<std::recursive_mutex> lock(gMutex);
+    gRoot.children.clear();
+    gRoot.values.clear();
+}
+
+}  // namespace kvthost
 
 extern "C" {
 

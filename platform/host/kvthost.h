@@ -41,6 +41,10 @@ bool MakePrefix(std::string *error);
 // Maps a Windows path (C:\Windows\System32\KVTLOG) to the file in the prefix.
 std::string MapPath(const std::u16string &windowsPath);
 
+// ---- registry -----------------------------------------------------------------
+// Forgets every key of HKEY_LOCAL_MACHINE held in this process (tests).
+void ResetRegistry();
+
 // ---- clock ----------------------------------------------------------------------
 // KVT_TIMESCALE scales every platform wait (Sleep, select, timers); GetTickCount
 // advances in scaled milliseconds, so the monitor's own arithmetic holds.

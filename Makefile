@@ -1,0 +1,41 @@
+# The two set-up commands: `make demo` and `make test`.  Everything else is here
+# for the engineer: `make` builds libkvt64.so, kvtmon, kvtps and KVT64.DLL.
+JOBS ?= 2
+CMAKE ?= cmake
+
+.PHONY: all deps linux win asan test test-linux test-asan demo bench clean
+
+all: linux win
+
+deps:
+	@scripts/deps.sh
+
+linux: deps
+	@$(CMAKE) -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@$(CMAKE) --build build -j$(JOBS)
+
+win: deps
+	@$(CMAKE) -S . -B build/win -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@$(CMAKE) --build build/win -j$(JOBS)
+
+asan: deps
+	@$(CMAKE) -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DKVT_SANITIZE=ON >/dev/null
+	@$(CMAKE) --build build/asan -j$(JOBS)
+
+# The whole suite, in the plain build and again under the address and
+# undefined-behaviour sanitizers; the Windows build first, for the DLL's checks.
+test: win linux asan
+	cd build && ctest --output-on-failure -j$(JOBS)
+	cd build/asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j$(JOBS)
+
+test-linux: win linux
+	cd build && ctest --output-on-failure -j$(JOBS)
+
+demo: linux
+	build/bin/kvtmon demo
+
+bench: linux
+	scripts/bench.sh
+
+clean:
+	rm -rf build
