@@ -168,6 +168,7 @@ int RunPrint(const PrintOptions &o) {
         if (!ok) break;
     }
     if (!o.quiet) ProgressFinish(progress);
+    double seconds = (NowMs() - start) / 1000.0;  // the data's time, without the close's pause
     m->pfnEndDocPort(handle);
     m->pfnClosePort(handle);
     kvthost::RevertToSelf();
@@ -175,7 +176,6 @@ int RunPrint(const PrintOptions &o) {
         std::fprintf(stderr, "kvtmon: %s after %s\n", error.c_str(), FormatBytes(sent).c_str());
         return 4;
     }
-    double seconds = (NowMs() - start) / 1000.0;
     if (!o.quiet)
         std::printf("printed %s to %s in %.1f s (%s/s)\n", FormatBytes(sent).c_str(), o.port.c_str(), seconds,
                     FormatBytes(seconds > 0 ? static_cast<uint64_t>(sent / seconds) : sent).c_str());

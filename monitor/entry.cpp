@@ -56,8 +56,11 @@ static MONITOREX MonitorTable = {
     },
 };
 
+/* A library whose file has been renamed has no module under the fixed name;
+ * its strings are then loaded from the library itself. */
 LPWSTR LoadStr(UINT id, LPWSTR pBuffer, int cch) {
-    if (LoadStringW(ResourceModule, id, pBuffer, cch) == 0 && cch > 0) pBuffer[0] = 0;
+    HMODULE module = ResourceModule != NULL ? ResourceModule : (HMODULE)DllInstance;
+    if (LoadStringW(module, id, pBuffer, cch) == 0 && cch > 0) pBuffer[0] = 0;
     return pBuffer;
 }
 

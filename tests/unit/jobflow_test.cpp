@@ -69,6 +69,8 @@ INSTANTIATE_TEST_SUITE_P(
                    ERROR_IO_DEVICE},
         ChoiceCase{"FixedTcpipNeverFallsOver", Host(true, true, true), 2, 0, {"TCPIP"}, 2, ERROR_IO_DEVICE},
         ChoiceCase{"FixedIpxNeverFallsOver", Host(true, true, true), 1, 0, {"IPX"}, 1, ERROR_IO_DEVICE},
+        // A port fixed to a transport the host lacks: no connect ever answered.
+        ChoiceCase{"FixedIpxOnAHostWithoutIpx", Host(true, false, false), 1, 0, {"IPX"}, 1, ERROR_IO_DEVICE},
         ChoiceCase{"FixedNetbiosNeverFallsOver", Host(true, true, true), 4, 2, {"NETBIOS"}, 4, ERROR_IO_DEVICE},
         // A host without TCP/IP skips it only when nothing has worked yet.
         ChoiceCase{"IpxHostStartsWithIpxAndMasksTcpip", Host(false, true, true), 0, 0, {"IPX", "NETBIOS"}, 0,

@@ -148,12 +148,12 @@ TEST_F(JobTest, TenThousandBytesLeaveInSlicesOf4096In_One_Call) {
 TEST_F(JobTest, ShortSendsEndTheCallWithWhatHasGoneAndTheRestFollows) {
     PINIPORT port = StartPort();
     kvtps::LprFaults slow;
-    slow.readChunk = 512;
-    slow.readDelayMs = 2;
+    slow.readChunk = 4096;
+    slow.readDelayMs = 1;
     slow.recvBufferBytes = 4096;
     StartServer(slow);
     ASSERT_TRUE(StartDoc(port));
-    std::string data(512 << 10, '\0');
+    std::string data(5 << 20, '\0');  // more than the largest send buffer
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i % 251);
     size_t done = 0;
     bool sawShortCall = false;

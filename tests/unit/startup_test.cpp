@@ -170,3 +170,50 @@ TEST(Stubs, UnsupportedEntriesAnswerAsTheyShould) {
 }
 
 }  // namespace
+
+extern const kvthost::ResourceTable kvt_module_resources;
+
+namespace {
+
+TEST(Startup, ARenamedLibraryStillFindsItsStrings) {
+    TestHost host;
+    // The module registered under another file name: no module is called KVT64.DLL.
+    static const kvthost::StringResource strings[] = {{1006, u"PrintServer"}, {1103, u"Network Port"},
+                                                      {1100, u"System\\CurrentControlSet\\Control\\Print\\Monitors"}};
+    static const kvthost::ResourceTable renamed = {u"KVTOLD.DLL", strings, 3};
+    kvthost::RegisterModule(DllInstance, &renamed);
+    InitializePrintMonitor(nullptr);
+    EXPECT_EQ(ResourceModule, nullptr);
+    EXPECT_EQ(kvttest::LogLinesStartingWith(" fail").size(), 1u);
+    EXPECT_EQ(Narrow(MonitorName), "PrintServer Network Port");
+    kvthost::RegisterModule(DllInstance, &kvt_module_resources);
+}
+
+TEST(PortList, DeletingAPortThatIsNotThereSaysSoWithTheLogOn) {
+    TestHost host;
+    kvttest::MakePortKeys(u"PS1", u'1', 0x7F000002, 0, nullptr);
+    InitializePrintMonitor(nullptr);
+    ASSERT_EQ(IsDEBUG, 1);
+    SetLastError(kSentinel);
+    EXPECT_FALSE(LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(u"PS1-P2")));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_UNKNOWN_PORT)) << "the log's own calls keep it";
+    EXPECT_NE(PortListHead, nullptr);
+}
+
+class BusyPort : public JobTest {};
+
+TEST_F(BusyPort, APortWithARunningJobIsNotDeletedUnderIt) {
+    PINIPORT port = StartPort();
+    StartServer();
+    ASSERT_TRUE(StartDoc(port));
+    SetLastError(kSentinel);
+    EXPECT_FALSE(LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(u"ps1-p1")));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_BUSY));
+    EXPECT_EQ(PortListHead, port);
+    ASSERT_TRUE(WriteAll(port, "the job goes on"));
+    EXPECT_TRUE(LocalmonEndDocPort(port));
+    EXPECT_TRUE(LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(u"ps1-p1")));
+    EXPECT_EQ(PortListHead, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,149 @@
+// kvtmon print as a user runs it: a job to an emulated print server, a job
+// that cannot go out, and command lines that make no sense.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "kvtps.h"
+
+extern char **environ;
+
+namespace {
+
+struct ProgramRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string Slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+class KvtmonPrint : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/kvt-kvtmon-XXXXXX";
+        dir_ = mkdtemp(dir);
+        job_ = dir_ + "/job.prn";
+        std::ofstream(job_, std::ios::binary) << std::string(100000, 'k') << "end of job";
+    }
+    void TearDown() override {
+        emulator_.Stop();
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+
+    void StartServer(const kvtps::LprFaults &faults = kvtps::LprFaults()) {
+        kvtps::ServerConfig config;
+        config.name = "PS9";
+        config.address = "127.0.0.9";
+        config.lpr = faults;
+        std::string error;
+        ASSERT_TRUE(emulator_.Start({config}, &error)) << error;
+    }
+
+    ProgramRun Kvtmon(std::vector<std::string> args) {
+        const char *kvtmon = std::getenv("KVTMON");
+        args.insert(args.begin(), {kvtmon != nullptr ? kvtmon : "kvtmon", "print"});
+        std::vector<char *> argv;
+        for (auto &a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        std::vector<std::string> env = {"KVT_PREFIX=" + dir_ + "/prefix", "KVT_TIMESCALE=0.01"};
+        for (char **e = environ; *e != nullptr; ++e)
+            if (std::strncmp(*e, "KVT_PREFIX=", 11) != 0 && std::strncmp(*e, "KVT_TIMESCALE=", 14) != 0)
+                env.push_back(*e);
+        std::vector<char *> envp;
+        for (auto &e : env) envp.push_back(e.data());
+        envp.push_back(nullptr);
+
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        std::string out = dir_ + "/out", err = dir_ + "/err";
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        pid_t pid;
+        ProgramRun run;
+        if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) == 0) {
+            int status = 0;
+            waitpid(pid, &status, 0);
+            run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        }
+        posix_spawn_file_actions_destroy(&actions);
+        run.out = Slurp(out);
+        run.err = Slurp(err);
+        return run;
+    }
+
+    std::string dir_, job_;
+    kvtps::Emulator emulator_;
+};
+
+TEST_F(KvtmonPrint, PrintsAFileAndTheServerGetsItWhole) {
+    StartServer();
+    ProgramRun run = Kvtmon({"PS9-P1", job_, "--server", "127.0.0.9", "--document", "Quarterly report", "--job-id", "5",
+                      "--user", "alice", "--queue", "fast"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("printed"), std::string::npos);
+    ASSERT_TRUE(emulator_.WaitForJobs("PS9", 1, 10000));
+    kvtps::LprJob job = emulator_.Jobs("PS9").front();
+    EXPECT_EQ(job.queue, "fast");
+    EXPECT_EQ(job.controlLines[0], "Halice");
+    EXPECT_EQ(job.controlLines[1], "JQuarterly report");
+    EXPECT_EQ(job.controlFileName.substr(0, 6), "cfA005");
+    EXPECT_EQ(job.data, Slurp(job_));
+}
+
+TEST_F(KvtmonPrint, AJobThatCannotGoOutSaysWhyWithTheLastError) {
+    kvtps::LprFaults faults;
+    faults.nakAtStep = 2;
+    StartServer(faults);
+    ProgramRun run = Kvtmon({"PS9-P1", job_, "--server", "127.0.0.9", "--protocol", "2"});
+    EXPECT_NE(run.status, 0);
+    EXPECT_NE(run.err.find("1117 (ERROR_IO_DEVICE)"), std::string::npos) << run.err;
+}
+
+TEST_F(KvtmonPrint, NonsenseOnTheCommandLineIsRefusedClearly) {
+    struct Case {
+        std::vector<std::string> args;
+        std::string message;
+    };
+    std::vector<Case> cases = {
+        {{"PS9-P1", job_, "--job-id", "seven"}, "--job-id takes a number"},
+        {{"PS9-P1", job_, "--job-id", "0"}, "--job-id takes a number"},
+        {{"PS9-P1", job_, "--protocol", "3"}, "--protocol takes 0, 1, 2 or 4"},
+        {{"PS9-P1", job_, "--server", "999.1.1.1"}, "not an IPv4 address"},
+        {{"PS9-X1", job_, "--server", "127.0.0.9"}, "is not a port name"},
+        {{"PS9-P1", dir_ + "/missing.prn"}, "cannot read"},
+        {{"PS9-P1", job_, "--frobnicate"}, "unknown option"},
+        {{"PS9-P1", job_, "--document"}, "needs a value"},
+        {{"PS9-P1"}, "usage"},
+    };
+    for (const auto &c : cases) {
+        ProgramRun run = Kvtmon(c.args);
+        EXPECT_EQ(run.status, 2) << c.message;
+        EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+    }
+}
+
+TEST_F(KvtmonPrint, AnUnknownPortIsNamed) {
+    ProgramRun run = Kvtmon({"Nowhere-P1", job_});
+    EXPECT_EQ(run.status, 3);
+    EXPECT_NE(run.err.find("no port 'Nowhere-P1'"), std::string::npos) << run.err;
+}
+
+}  // namespace
