@@ -59,7 +59,7 @@ protected:
 
     ProgramRun Kvtmon(std::vector<std::string> args) {
         const char *kvtmon = std::getenv("KVTMON");
-        args.insert(args.begin(), {kvtmon != nullptr ? kvtmon : "kvtmon", "print"});
+        args.insert(args.begin(), {kvtmon != nullptr ? kvtmon : KVT_BIN_DIR "/kvtmon", "print"});
         std::vector<char *> argv;
         for (auto &a : args) argv.push_back(a.data());
         argv.push_back(nullptr);

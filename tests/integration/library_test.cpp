@@ -26,7 +26,7 @@ namespace {
 
 const char *LibraryPath() {
     const char *path = std::getenv("KVT64_SO");
-    return path != nullptr ? path : "libkvt64.so";
+    return path != nullptr ? path : KVT_BIN_DIR "/libkvt64.so";
 }
 
 // The names a shared object defines in its dynamic symbol table.
