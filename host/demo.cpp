@@ -51,6 +51,8 @@ int DemoCommand(int argc, char **argv) {
         std::fprintf(stderr, "kvtmon demo: %s\n", error.c_str());
         return 2;
     }
+    AddTcpipComponent();
+    SetMonitorFlags(true, false);
 
     std::printf("KVT print monitor demo, on a private network (loopback only)\n");
     kvtps::Emulator emulator;

@@ -21,13 +21,19 @@ const MONITOR *LoadMonitor(std::string *error);
 const char *ErrorName(DWORD error);
 std::string DescribeError(DWORD error);  // "1117 (ERROR_IO_DEVICE)"
 
-// ---- the host's registry ---------------------------------------------------------------
-// The monitor's key name for the default profile: "PrintServer Network Port".
+// ---- the host's prefix and registry ------------------------------------------------------
+// False, with a message, when the prefix is missing or its hive can't be read.
+bool CheckPrefix();
+// The monitor's name as start-up composes it from the profile KVTLPR.INI:
+// "PrintServer Network Port" without one.
+std::u16string MonitorNameFromProfile();
+// HKEY_LOCAL_MACHINE's path of the monitor's key.
 std::u16string MonitorKeyPath();
 // The network components of a host that offers TCP/IP.
 void AddTcpipComponent();
 // Sets IsDEBUG and IsNOTIFY in the monitor's key, making the key if needed.
 void SetMonitorFlags(bool debug, bool notify);
+void SetMonitorFlag(const char16_t *name, bool on);
 // Makes a port's keys: the server key with its address, the digit key with
 // the protocol and queue name.  False with a message for a bad port name.
 bool MakePortKeys(const std::string &portName, uint32_t address, uint8_t protocol, const std::string &queue,
@@ -69,6 +75,10 @@ struct PrintOptions {
 // Prints through the monitor as the spooler would; the exit status.
 int RunPrint(const PrintOptions &options);
 int PrintCommand(int argc, char **argv);
+int InitCommand(int argc, char **argv);
+int PortsCommand(int argc, char **argv);
+int DeleteCommand(int argc, char **argv);
+int LogCommand(int argc, char **argv);
 int DemoCommand(int argc, char **argv);
 
 }  // namespace kvtmon

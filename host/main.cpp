@@ -10,6 +10,10 @@ namespace {
 void Usage(FILE *out) {
     std::fprintf(out,
                  "usage: kvtmon COMMAND [ARGS]\n"
+                 "  init [--debug] [--notify]      make the prefix: folders, network components, monitor key\n"
+                 "  ports [--json]                 list the ports as the spooler sees them\n"
+                 "  delete PORT                    delete a port from the list and the registry\n"
+                 "  log [--follow]                 show the diagnostic log\n"
                  "  print PORT FILE... [options]   print files through the monitor (kvtmon print --help)\n"
                  "  demo                           run the monitor against emulated print servers\n"
                  "                                 on a private network\n"
@@ -25,6 +29,10 @@ int main(int argc, char **argv) {
     }
     std::string command = argv[1];
     if (command == "print") return kvtmon::PrintCommand(argc - 2, argv + 2);
+    if (command == "init") return kvtmon::InitCommand(argc - 2, argv + 2);
+    if (command == "ports") return kvtmon::PortsCommand(argc - 2, argv + 2);
+    if (command == "delete") return kvtmon::DeleteCommand(argc - 2, argv + 2);
+    if (command == "log") return kvtmon::LogCommand(argc - 2, argv + 2);
     if (command == "demo") return kvtmon::DemoCommand(argc - 2, argv + 2);
     if (command == "help" || command == "--help" || command == "-h") {
         Usage(stdout);

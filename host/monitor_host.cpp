@@ -91,7 +91,7 @@ std::string DescribeError(DWORD error) {
 }
 
 std::u16string MonitorKeyPath() {
-    return u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port";
+    return u"System\\CurrentControlSet\\Control\\Print\\Monitors\\" + MonitorNameFromProfile();
 }
 
 void AddTcpipComponent() {
@@ -99,6 +99,14 @@ void AddTcpipComponent() {
         std::u16string image = u"\\SystemRoot\\System32\\drivers\\tcpip.sys";
         RegSetValueExW(key, u"ImagePath", 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE *>(image.c_str()),
                        static_cast<DWORD>((image.size() + 1) * 2));
+        RegCloseKey(key);
+    }
+}
+
+void SetMonitorFlag(const char16_t *name, bool on) {
+    if (HKEY key = CreateKey(MonitorKeyPath())) {
+        BYTE value = on ? 1 : 0;
+        RegSetValueExW(key, name, 0, REG_BINARY, &value, 1);
         RegCloseKey(key);
     }
 }

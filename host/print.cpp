@@ -34,11 +34,11 @@ void PrintUsage() {
                  "  --job-id N        the spooler's job id (default 1)\n"
                  "  --printer NAME    the printer the job belongs to (default: \"KVT PORT\")\n"
                  "  --user NAME       the job's owner (default: you)\n"
-                 "  --server ADDRESS  make PORT for this run, for the print server at ADDRESS\n"
+                 "  --server ADDRESS  store PORT in the registry first, for the print server at ADDRESS\n"
                  "  --queue NAME      with --server: the port's LPR queue name (default: none stored)\n"
                  "  --protocol N      with --server: 0 automatic, 1 IPX, 2 TCP/IP, 4 NetBIOS\n"
-                 "  --debug           write the diagnostic log\n"
-                 "  --notify          show the notice after the job\n"
+                 "  --debug           turn the diagnostic log on (IsDEBUG) before the job\n"
+                 "  --notify          turn the notice after each job on (IsNOTIFY) before the job\n"
                  "  --stall SECONDS   give up when nothing moves for this long (default 120)\n"
                  "  --quiet           no progress, no boxes\n");
 }
@@ -87,8 +87,9 @@ bool WriteBuffer(const MONITOR *m, HANDLE port, const char *data, size_t size, i
 
 int RunPrint(const PrintOptions &o) {
     UseTerminalForBoxes(o.quiet);
-    AddTcpipComponent();
-    SetMonitorFlags(o.debug, o.notify);
+    if (!CheckPrefix()) return 2;
+    if (o.debug) SetMonitorFlag(u"IsDEBUG", true);
+    if (o.notify) SetMonitorFlag(u"IsNOTIFY", true);
     if (!o.server.empty()) {
         in_addr addr{};
         if (inet_pton(AF_INET, o.server.c_str(), &addr) != 1) {
@@ -139,7 +140,8 @@ int RunPrint(const PrintOptions &o) {
 
     HANDLE handle = nullptr;
     if (!m->pfnOpenPort(port.data(), &handle)) {
-        std::fprintf(stderr, "kvtmon: no port '%s' (make one with --server ADDRESS)\n", o.port.c_str());
+        std::fprintf(stderr, "kvtmon: no port '%s' (kvtmon ports lists them; --server ADDRESS makes one)\n",
+                     o.port.c_str());
         return 3;
     }
     DOC_INFO_1W info{document.data(), nullptr, const_cast<LPWSTR>(u"RAW")};

@@ -2,7 +2,8 @@
 // value names keep their case and their blanks and match without regard to
 // case; sub keys enumerate in Windows' order (by upper-case name); values
 // keep their type and bytes exactly.  A handle names its key by path, so a key
-// deleted under an open handle gives ERROR_KEY_DELETED, as on Windows.
+// deleted under an open handle gives ERROR_KEY_DELETED, as on Windows.  The
+// tree itself lives in the prefix's hive file (hive.cpp).
 #include <windows.h>
 
 #include <cstring>
@@ -19,7 +20,6 @@
 namespace {
 
 std::recursive_mutex gMutex;
-kvtreg::Key gRoot;  // HKEY_LOCAL_MACHINE
 
 struct OpenKey {
     std::vector<std::u16string> path;  // components below HKEY_LOCAL_MACHINE
@@ -124,25 +124,7 @@ Value *FindValue(Key *key, const std::u16string &name) {
     return nullptr;
 }
 
-// In this build the tree lives in memory only; the hive file replaces these two.
-const Key *Current(LSTATUS *status) {
-    *status = ERROR_SUCCESS;
-    return &gRoot;
-}
-
-LSTATUS Change(const std::function<LSTATUS(Key &)> &edit) { return edit(gRoot); }
-
 }  // namespace kvtreg
-
-namespace kvthost {
-
-void ResetRegistry() {
-    std::lock_guard<std::recursive_mutex> lock(gMutex);
-    gRoot.children.clear();
-    gRoot.values.clear();
-}
-
-}  // namespace kvthost
 
 extern "C" {
 

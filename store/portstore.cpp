@@ -33,11 +33,14 @@ static void MonitorKeyPath(LPWSTR pOut, int cch, LPCWSTR pBelow) {
     }
 }
 
+/* Port names match without regard to case, so "ps1-p1" names the key "1" as
+ * "PS1-P1" does. */
 BYTE DigitKeyFromPortName(LPCWSTR pPortName) {
     int len = lstrlenW(pPortName);
     if (len < 2) return 0;
     BYTE digit = (BYTE)pPortName[len - 1];
-    return pPortName[len - 2] == TEXT('P') ? digit : (BYTE)(digit + 3);
+    WCHAR letter = pPortName[len - 2];
+    return (letter == TEXT('P') || letter == TEXT('p')) ? digit : (BYTE)(digit + 3);
 }
 
 void PortNameFromKey(LPWSTR pOut, LPCWSTR pServer, WCHAR digitKey) {

@@ -42,8 +42,10 @@ bool MakePrefix(std::string *error);
 std::string MapPath(const std::u16string &windowsPath);
 
 // ---- registry -----------------------------------------------------------------
-// Forgets every key of HKEY_LOCAL_MACHINE held in this process (tests).
+// HKEY_LOCAL_MACHINE lives in <prefix>/system.reg.  ResetRegistry empties it
+// (tests); HivePath names the file.
 void ResetRegistry();
+std::string HivePath();
 
 // ---- clock ----------------------------------------------------------------------
 // KVT_TIMESCALE scales every platform wait (Sleep, select, timers); GetTickCount

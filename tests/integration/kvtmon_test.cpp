@@ -41,6 +41,8 @@ protected:
         dir_ = mkdtemp(dir);
         job_ = dir_ + "/job.prn";
         std::ofstream(job_, std::ios::binary) << std::string(100000, 'k') << "end of job";
+        ProgramRun init = Command({"init"});
+        ASSERT_EQ(init.status, 0) << init.err;
     }
     void TearDown() override {
         emulator_.Stop();
@@ -58,8 +60,13 @@ protected:
     }
 
     ProgramRun Kvtmon(std::vector<std::string> args) {
+        args.insert(args.begin(), "print");
+        return Command(args);
+    }
+
+    ProgramRun Command(std::vector<std::string> args) {
         const char *kvtmon = std::getenv("KVTMON");
-        args.insert(args.begin(), {kvtmon != nullptr ? kvtmon : KVT_BIN_DIR "/kvtmon", "print"});
+        args.insert(args.begin(), kvtmon != nullptr ? kvtmon : KVT_BIN_DIR "/kvtmon");
         std::vector<char *> argv;
         for (auto &a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
