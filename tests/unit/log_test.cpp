@@ -1,0 +1,168 @@
+// The diagnostic log: what one line adds to the file, when nothing is added,
+// the boxes of a log that can't be written, and the whole log of a job that
+// goes out and of one that doesn't.
+#include <unistd.h>
+
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "debuglog.h"
+#include "job_fixture.h"
+
+namespace {
+
+using kvttest::ReadLog;
+
+TEST(DebugLog, ALineIsItsTextAndOneLineFeed) {
+    kvttest::TestHost host;
+    IsDEBUG = 1;
+    DebugLog("Connect ok\n");
+    EXPECT_EQ(ReadLog(), "Connect ok\n\n");
+    DebugLog("\n");
+    EXPECT_EQ(ReadLog(), "Connect ok\n\n\n\n");
+    DebugLog("100%s done %d");  // the text is written as it stands
+    EXPECT_EQ(ReadLog(), "Connect ok\n\n\n\n100%s done %d\n");
+    IsDEBUG = 0;
+    DebugLog("not written\n");
+    EXPECT_EQ(ReadLog(), "Connect ok\n\n\n\n100%s done %d\n");
+    EXPECT_TRUE(kvthost::MessageBoxes().empty());
+}
+
+TEST(DebugLog, TooLongATextIsCutAndLogPrintfNeverOverflows) {
+    kvttest::TestHost host;
+    IsDEBUG = 1;
+    std::string name(3000, 'n');
+    LogPrintf("%s\n", name.c_str());
+    std::string log = ReadLog();
+    EXPECT_EQ(log, std::string(1023, 'n') + "\n");
+}
+
+TEST(DebugLog, AFolderThatCannotBeWrittenShowsABoxForEachLine) {
+    kvttest::TestHost host;
+    // The system folder is no folder at all: no file can be made in it, even
+    // by a user whom permissions don't stop.
+    std::string system = kvthost::MapPath(u"C:\\Windows\\System32");
+    ASSERT_EQ(rmdir(system.c_str()), 0);
+    std::ofstream(system) << "in the way";
+    IsDEBUG = 1;
+    DebugLog("first\n");
+    DebugLog("second\n");
+    auto boxes = kvthost::MessageBoxes();
+    ASSERT_EQ(boxes.size(), 2u);
+    EXPECT_EQ(boxes[0].text, u"Can't create file : kvtlog");
+    EXPECT_EQ(boxes[0].caption, u"ERROR");
+    EXPECT_EQ(boxes[0].type, 0u);
+}
+
+// The log of start-up over one port, then a job, up to the close of the port.
+const char kStartup[] =
+    "OS type : Windows NT/2000\n\n"
+    "Windows path : C:\\Windows\n\n"
+    "Load driver : KVT64.DLL\n"
+    " success\n\n"
+    "DLL version: 4.1.0.0\n\n"
+    "VendorDesc : \n\n"
+    "DeviceDesc : PrintServer\n\n"
+    "Starting DEBUG mode\n\n"
+    "\n\n"
+    "Entry CreateMonitorPortEntry\n\n"
+    "PortName: PS1-P1\n\n"
+    "DeviceDesc: PrintServer Network Port\n\n"
+    "IPAddress: 7F000002 \t Lptn: 1\n\n"
+    "AllocSplMem success ( 280 bytes)\n\n"
+    "Leave CreateMonitorPortEntry\n\n"
+    "Leave EnumPServerPorts\n\n"
+    "WSAStartup ver 1.1 success\n\n"
+    "\n\n"
+    "Entry GetProtocol\n\n"
+    "Leave GetProtocol - protocol = 2\n\n"
+    "SupportProtocol =\n"
+    " [TCPIP]\n";
+
+const char kJobStart[] =
+    "\n\n"
+    "Entry LocalmonOpenPort\n\n"
+    "Open port name: PS1-P1\n\n"
+    "Leave LocalmonOpenPort - success\n\n"
+    "\n\n"
+    "Entry LocalmonStartDocPort\n\n"
+    "PrinterName: Office\n\n"
+    "JobID: 00000007 \t Level: 00000001\n\n"
+    "\n\n"
+    "Entry GetProtocol\n\n"
+    "Leave GetProtocol - protocol = 2\n\n"
+    "Get protocol: 02\n\n"
+    "\n\n"
+    "Entry GetPrintProtocol\n\n"
+    "Leave GetPrintProtocol - protocol = 2\n\n"
+    "Status = 00000000\n\n"
+    "PrintServer status change to PP_INSTARTDOC (status: 00000001)\n\n"
+    "JobID: 00000007,reset Printer status to 0\n\n"
+    "Open printer success (status = 00000001)\n\n"
+    "\n\n"
+    "Entry GetPrintProtocol\n\n"
+    "Leave GetPrintProtocol - protocol = 2\n\n"
+    "Get Print Protocol: 2\n\n"
+    "pIniPort->WorkProtocol: 0\n\n"
+    "Printing use TCPIP\n\n"
+    "\n\n"
+    "Entry LprOpenFile()\n\n"
+    "\n\n"
+    "Entry LprHandshake\n\n"
+    "\n\n"
+    "Entry GetPrintQueueName\n\n"
+    "getPrintQueueName:6c00700000000000\n\n"
+    "getPrintQueueName_1:0000000000000000\n\n"
+    "getPrintQueueName_after pack:6c70000000000000\n\n"
+    "Leave GetPrintQueueName - success\n\n";
+
+TEST_F(JobTest, TheLogOfAJobThatGoesOutIsTheWholePath) {
+    PINIPORT port = StartPort(kvttest::HostOptions(), 2 /* TCP/IP */, u"lp");
+    StartServer();
+    HANDLE handle;
+    ASSERT_TRUE(LocalmonOpenPort(const_cast<LPWSTR>(u"PS1-P1"), &handle));
+    ASSERT_TRUE(StartDoc(port));
+    ASSERT_TRUE(WriteAll(port, "data"));
+    ASSERT_TRUE(LocalmonEndDocPort(port));
+    ASSERT_TRUE(LocalmonClosePort(port));
+    std::string expected = std::string(kStartup) + kJobStart +
+                           "Hguest\n"
+                           "Jreport\n"
+                           "Nreport\n"
+                           "Hpc1\n"
+                           "Leave LprHandshake - success\n\n"
+                           "Leave LprOpenFile()\n\n"
+                           "LprOpenFile ok\n\n"
+                           "Leave LocalmonStartDocPort - success\n\n"
+                           "Entry LocalmonWritePort\n\n"
+                           "Using TCPIP protocol\n\n"
+                           "LprWrite ok\n\n"
+                           "Leave LocalmonWritePort - (return = 1)\n\n"
+                           "\n\n"
+                           "Entry LocalmonEndDocPort (status = 80000000)\n\n"
+                           "Protocol = TCPIP , call LprCloseFile\n\n"
+                           "Reset Status and PrinterStatus to 0\n\n"
+                           "Leave LocalmonEndDocPort - success\n\n"
+                           "\n\n"
+                           "LocalmonClosePort - close port\n\n";
+    EXPECT_EQ(ReadLog(), expected);
+}
+
+TEST_F(JobTest, TheLogOfAJobThatIsRefusedEndsWithItsError) {
+    PINIPORT port = StartPort(kvttest::HostOptions(), 2 /* TCP/IP */, u"lp");
+    kvtps::LprFaults faults;
+    faults.nakAtStep = 1;
+    StartServer(faults);
+    HANDLE handle;
+    ASSERT_TRUE(LocalmonOpenPort(const_cast<LPWSTR>(u"PS1-P1"), &handle));
+    EXPECT_FALSE(StartDoc(port));
+    std::string expected = std::string(kStartup) + kJobStart +
+                           "Leave LprHandshake - acknowledgement is not 0\n\n"
+                           "Entry LprOpenFile() error 6\n\n"
+                           "LprOpenFile fail\n\n"
+                           "Leave LocalmonStartDocPort - ERROR_IO_DEVICE (status: 00000000)\n\n";
+    EXPECT_EQ(ReadLog(), expected);
+}
+
+}  // namespace
