@@ -85,7 +85,7 @@ struct ServerConfig {
 // How a connection's exchange ended.
 enum class LprOutcome {
     Completed,      // the client closed the connection after ack 4
-    ClientClosed,   // the client closed (or reset) it before the data
+    ClientClosed,   // the client closed (or reset) it before the job was whole
     ProtocolError,  // the server closed it on bytes it could not accept
     FaultClosed,    // closed instead of an ack (closeBeforeAck)
     Nakked,         // a non-zero ack was sent; the client then closed
@@ -155,8 +155,8 @@ public:
     Emulator &operator=(const Emulator &) = delete;
 
     // Binds every server (unless its faults say refuse) and starts them; on any
-    // failure nothing runs and *error names the server and the reason.  The jobs
-    // and counters of a previous run are dropped.
+    // failure nothing runs and *error names the server and the reason.  A start
+    // that succeeds drops the jobs and counters of the previous run.
     bool Start(std::vector<ServerConfig> servers, std::string *error);
     // Closes every listener and connection (open jobs are stored as Stopped) and
     // joins the threads.  What the servers saw stays readable until the next Start.
