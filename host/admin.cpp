@@ -135,7 +135,7 @@ bool CheckPrefix() {
         std::fprintf(stderr, "kvtmon: no prefix at %s; make one with `kvtmon init`\n", kvthost::Prefix().c_str());
         return false;
     }
-    HKEY key;
+    HKEY key = nullptr;
     if (RegOpenKeyW(HKEY_LOCAL_MACHINE, u"SYSTEM", &key) == ERROR_BADDB) {
         std::fprintf(stderr, "kvtmon: the registry hive %s cannot be read; mend or remove it\n",
                      kvthost::HivePath().c_str());
@@ -172,9 +172,11 @@ int InitCommand(int argc, char **argv) {
         HKEY key;
         BYTE value;
         DWORD cb = 1;
-        bool stored = RegOpenKeyW(HKEY_LOCAL_MACHINE, MonitorKeyPath().c_str(), &key) == ERROR_SUCCESS &&
-                      RegQueryValueExW(key, flag, nullptr, nullptr, &value, &cb) == ERROR_SUCCESS;
-        if (stored) RegCloseKey(key);
+        bool stored = false;
+        if (RegOpenKeyW(HKEY_LOCAL_MACHINE, MonitorKeyPath().c_str(), &key) == ERROR_SUCCESS) {
+            stored = RegQueryValueExW(key, flag, nullptr, nullptr, &value, &cb) == ERROR_SUCCESS;
+            RegCloseKey(key);
+        }
         if (given || !stored) SetMonitorFlag(flag, given);
     }
     if (HKEY key; RegCreateKeyW(HKEY_LOCAL_MACHINE, MonitorKeyPath().c_str(), &key) == ERROR_SUCCESS) {
