@@ -7,6 +7,7 @@
 #include <winsplp.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,9 +36,10 @@ void AddTcpipComponent();
 void SetMonitorFlags(bool debug, bool notify);
 void SetMonitorFlag(const char16_t *name, bool on);
 // Makes a port's keys: the server key with its address, the digit key with
-// the protocol and queue name.  False with a message for a bad port name.
-bool MakePortKeys(const std::string &portName, uint32_t address, uint8_t protocol, const std::string &queue,
-                  std::string *error);
+// the protocol and, when one is given, the queue name.  False with a message
+// for a bad port name.
+bool MakePortKeys(const std::string &portName, uint32_t address, uint8_t protocol,
+                  const std::optional<std::string> &queue, std::string *error);
 
 // ---- the terminal -----------------------------------------------------------------------
 // Message boxes are written to the terminal and answered OK.
@@ -65,7 +67,7 @@ struct PrintOptions {
     std::string user;
     DWORD jobId = 1;
     std::string server;  // the print server of a port made for this run
-    std::string queue;
+    std::optional<std::string> queue;  // none: no queue name stored
     int protocol = 0;
     bool debug = false;
     bool notify = false;

@@ -123,8 +123,8 @@ void SetMonitorFlags(bool debug, bool notify) {
     }
 }
 
-bool MakePortKeys(const std::string &portName, uint32_t address, uint8_t protocol, const std::string &queue,
-                  std::string *error) {
+bool MakePortKeys(const std::string &portName, uint32_t address, uint8_t protocol,
+                  const std::optional<std::string> &queue, std::string *error) {
     // <server>-P1..P3 or <server>-C1..C2; the server has 1 to 47 characters.
     size_t n = portName.size();
     bool ok = n >= 4 && n - 3 <= 47 && portName[n - 3] == '-' &&
@@ -136,7 +136,7 @@ bool MakePortKeys(const std::string &portName, uint32_t address, uint8_t protoco
     }
     std::string server = portName.substr(0, n - 3);
     char digit = portName[n - 2] == 'P' ? portName[n - 1] : static_cast<char>(portName[n - 1] + 3);
-    if (queue.size() > 31) {
+    if (queue && queue->size() > 31) {
         *error = "a queue name has at most 31 characters";
         return false;
     }
@@ -154,8 +154,8 @@ bool MakePortKeys(const std::string &portName, uint32_t address, uint8_t protoco
     RegSetValueExW(serverKey, u"Network", 0, REG_BINARY, zero, 4);
     RegSetValueExW(serverKey, u"Node Address", 0, REG_BINARY, zero, 6);
     RegSetValueExW(digitKey, u" ", 0, REG_BINARY, &protocol, 1);
-    if (digit <= '3') {
-        std::u16string q = kvthost::Widen(queue);
+    if (digit <= '3' && queue) {
+        std::u16string q = kvthost::Widen(*queue);
         RegSetValueExW(digitKey, u"QueueName", 0, REG_SZ, reinterpret_cast<const BYTE *>(q.c_str()),
                        static_cast<DWORD>((q.size() + 1) * 2));
     }

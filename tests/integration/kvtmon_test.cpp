@@ -154,3 +154,54 @@ TEST_F(KvtmonPrint, AnUnknownPortIsNamed) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(KvtmonPrint, PortsListsWhatTheTreeHoldsAndDeleteRemovesIt) {
+    StartServer();
+    ASSERT_EQ(Kvtmon({"PS9-P2", job_, "--server", "127.0.0.9", "--queue", "fast", "--protocol", "2"}).status, 0);
+    ProgramRun ports = Command({"ports", "--json"});
+    ASSERT_EQ(ports.status, 0) << ports.err;
+    EXPECT_NE(ports.out.find("{\"port\": \"PS9-P2\", \"description\": \"PrintServer Network Port\", \"transport\": "
+                             "\"TCP/IP\", \"protocol\": 2, \"queue\": \"fast\", \"address\": \"127.0.0.9\""),
+              std::string::npos)
+        << ports.out;
+    ProgramRun table = Command({"ports"});
+    EXPECT_NE(table.out.find("PS9-P2"), std::string::npos);
+
+    ProgramRun deleted = Command({"delete", "ps9-p2"});
+    EXPECT_EQ(deleted.status, 0) << deleted.err;
+    EXPECT_EQ(Command({"ports"}).out, "no ports\n");
+    ProgramRun again = Command({"delete", "PS9-P2"});
+    EXPECT_EQ(again.status, 3);
+    EXPECT_NE(again.err.find("no port 'PS9-P2'"), std::string::npos);
+}
+
+TEST_F(KvtmonPrint, TheLogShowsTheLastStartUpsLines) {
+    StartServer();
+    ASSERT_EQ(Kvtmon({"PS9-P1", job_, "--server", "127.0.0.9", "--debug"}).status, 0);
+    ProgramRun log = Command({"log"});
+    ASSERT_EQ(log.status, 0) << log.err;
+    EXPECT_EQ(log.out.rfind("OS type : Windows NT/2000\n", 0), 0u);
+    EXPECT_NE(log.out.find("Leave LocalmonStartDocPort - success"), std::string::npos);
+}
+
+TEST_F(KvtmonPrint, AMissingPrefixOrAnUnreadableHiveIsNamed) {
+    std::string hive = dir_ + "/prefix/system.reg";
+    std::string before = Slurp(hive) + "[HKEY_LOCAL_MACHINE\\Broken\n";
+    std::ofstream(hive, std::ios::binary) << before;
+    for (std::vector<std::string> args : {std::vector<std::string>{"ports"}, {"delete", "PS9-P1"},
+                                          {"print", "PS9-P1", job_}}) {
+        ProgramRun run = Command(args);
+        EXPECT_EQ(run.status, 2) << args[0];
+        EXPECT_NE(run.err.find("cannot be read"), std::string::npos) << run.err;
+    }
+    EXPECT_EQ(Slurp(hive), before) << "a hive that can't be read is never written over";
+
+    std::filesystem::remove_all(dir_ + "/prefix");
+    ProgramRun run = Command({"ports"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find("kvtmon init"), std::string::npos) << run.err;
+}
+
+}  // namespace
