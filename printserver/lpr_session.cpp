@@ -93,8 +93,7 @@ LprSession::Result LprSession::ParseCommandLine() {
     std::string body = line.substr(1, line.size() - 2);
 
     if (step_ == 1) {
-        if (body.empty()) return Fail("empty queue name");
-        job_.queue = body;
+        job_.queue = body;  // may be empty: the monitor sends the queue name it has
         return Result::StepComplete;
     }
     std::string count, name;

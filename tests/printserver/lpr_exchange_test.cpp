@@ -93,6 +93,16 @@ TEST_F(LprExchange, AcceptsOneByteSendsAndTheWholeJobInOneSend) {
     }
 }
 
+TEST_F(LprExchange, AnEmptyQueueNameIsStillAJob) {
+    LprClient client;  // the monitor sends "\x02\n" when a port's queue name is empty
+    ASSERT_EQ(client.Connect("127.0.0.2"), 0);
+    client.SendSteps(JobSteps(""));
+    client.Close();
+    LprJob job = Job(1);
+    EXPECT_EQ(job.queue, "");
+    EXPECT_TRUE(job.complete);
+}
+
 TEST_F(LprExchange, CountOnlyServerKeepsTheChecksumOfAMegabyte) {
     const std::string data = Pattern(1 << 20, 7);
     LprClient client;
