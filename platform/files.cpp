@@ -133,9 +133,12 @@ std::string MapPath(const std::u16string &windowsPath) {
     std::string rest;
     if (path.size() >= 2 && path[1] == ':') {
         char drive = static_cast<char>(std::tolower(static_cast<unsigned char>(path[0])));
-        rest = std::string("drive_") + drive + path.substr(2);
+        rest = "drive_";
+        rest += drive;
+        rest += path.substr(2);
     } else if (!path.empty() && path[0] == '/') {
-        rest = "drive_c" + path;
+        rest = "drive_c";
+        rest += path;
     } else {
         return path;  // relative: as given
     }
@@ -150,7 +153,8 @@ std::string MapPath(const std::u16string &windowsPath) {
             if (slash != std::string::npos && result.size() > Prefix().size()) result.erase(slash);
             continue;
         }
-        result += "/" + MatchEntry(result, part);
+        result += '/';
+        result += MatchEntry(result.substr(0, result.size() - 1), part);
     }
     return result;
 }

@@ -142,8 +142,9 @@ int WINAPI wvsprintfW(LPWSTR out, LPCWSTR fmt, va_list args) {
         case u'i': {
             long long v = wide64 ? va_arg(ap, long long) : va_arg(ap, int);
             if (shortArg) v = static_cast<short>(v);
-            body = v < 0 ? u"-" + Digits(0ULL - static_cast<unsigned long long>(v), 10, false)
-                         : Digits(static_cast<unsigned long long>(v), 10, false);
+            body = Digits(v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v),
+                          10, false);
+            if (v < 0) body.insert(body.begin(), u'-');
             break;
         }
         case u'u':

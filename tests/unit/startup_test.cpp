@@ -147,6 +147,7 @@ TEST(PortList, LookupsIgnoreCaseAndRefuseEmptyNames) {
 
 TEST(PortList, ANetworkNumberPassedInIsIgnored) {
     TestHost host;
+    InitializePrintMonitor(nullptr);
     BYTE net[4] = {1, 2, 3, 4}, node[6] = {0, 0, 0x7F, 0, 0, 2};
     PINIPORT p = CreateMonitorPortEntry(u"X-P1", u"desc", 5, net, node, '1');
     ASSERT_NE(p, nullptr);
