@@ -9,6 +9,11 @@
 #include "debuglog.h"
 #include "monitor.h"
 
+/* The last record, so that appending doesn't walk the whole list: start-up
+ * makes every port of the tree one after the other.  Kept by the two
+ * operations that change the list; it means nothing while the list is empty. */
+static PINIPORT PortListTail;
+
 PINIPORT FindPortFromList(LPCWSTR pName) {
     if (pName == NULL || *pName == 0) return NULL;
     for (PINIPORT p = PortListHead; p != NULL; p = p->pNext)
@@ -53,10 +58,9 @@ PINIPORT CreateMonitorPortEntry(LPCWSTR pName, LPCWSTR pDeviceDesc, DWORD IPAddr
     if (PortListHead == NULL) {
         PortListHead = pIniPort;
     } else {
-        PINIPORT tail = PortListHead;
-        while (tail->pNext != NULL) tail = tail->pNext;
-        tail->pNext = pIniPort;
+        PortListTail->pNext = pIniPort;
     }
+    PortListTail = pIniPort;
     LeaveCriticalSection(&PortListLock);
     DebugLog("Leave CreateMonitorPortEntry\n");
     return pIniPort;
@@ -78,6 +82,7 @@ BOOL DeleteMonitorPortEntry(LPCWSTR pPortName) {
         }
         if (prev == NULL) PortListHead = p->pNext;
         else prev->pNext = p->pNext;
+        if (p == PortListTail) PortListTail = prev;
         LocalFree(p);
         DebugLog("Leave DeleteMonitorPortEntry - success\n");
         return TRUE;

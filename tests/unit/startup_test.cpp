@@ -218,3 +218,31 @@ TEST_F(BusyPort, APortWithARunningJobIsNotDeletedUnderIt) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(PortList, AppendingAfterDeletesKeepsCreationOrder) {
+    TestHost host;
+    InitializePrintMonitor(nullptr);
+    auto names = [] {
+        std::vector<std::string> out;
+        for (PINIPORT p = PortListHead; p != nullptr; p = p->pNext) out.push_back(Narrow(p->pName));
+        return out;
+    };
+    BYTE zero[6] = {};
+    for (const char16_t *n : {u"A-P1", u"B-P1", u"C-P1"}) CreateMonitorPortEntry(n, u"d", 1, zero, zero, '1');
+    EnterCriticalSection(&PortListLock);
+    EXPECT_TRUE(DeleteMonitorPortEntry(u"C-P1"));  // the last
+    LeaveCriticalSection(&PortListLock);
+    CreateMonitorPortEntry(u"D-P1", u"d", 1, zero, zero, '1');
+    EXPECT_EQ(names(), (std::vector<std::string>{"A-P1", "B-P1", "D-P1"}));
+    EnterCriticalSection(&PortListLock);
+    for (const char16_t *n : {u"A-P1", u"D-P1", u"B-P1"}) EXPECT_TRUE(DeleteMonitorPortEntry(n));
+    LeaveCriticalSection(&PortListLock);
+    EXPECT_EQ(PortListHead, nullptr);
+    CreateMonitorPortEntry(u"E-P1", u"d", 1, zero, zero, '1');
+    CreateMonitorPortEntry(u"F-P1", u"d", 1, zero, zero, '1');
+    EXPECT_EQ(names(), (std::vector<std::string>{"E-P1", "F-P1"}));
+}
+
+}  // namespace
