@@ -128,6 +128,23 @@ std::string NodeText(const uint8_t *node) {
 
 }  // namespace
 
+bool CheckPrefix();
+
+namespace {
+
+// The monitor started over the prefix, its boxes answered without a word;
+// NULL after a message.
+const MONITOR *StartMonitorQuietly() {
+    if (!CheckPrefix()) return nullptr;
+    UseTerminalForBoxes(true);
+    std::string error;
+    const MONITOR *m = LoadMonitor(&error);
+    if (m == nullptr) std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
+    return m;
+}
+
+}  // namespace
+
 bool CheckPrefix() {
     struct stat st {};
     std::string system = kvthost::Prefix() + "/drive_c/Windows/System32";
@@ -196,14 +213,8 @@ int PortsCommand(int argc, char **argv) {
         std::fprintf(stderr, "usage: kvtmon ports [--json]\n");
         return 2;
     }
-    if (!CheckPrefix()) return 2;
-    UseTerminalForBoxes(true);
-    std::string error;
-    const MONITOR *m = LoadMonitor(&error);
-    if (m == nullptr) {
-        std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
-        return 2;
-    }
+    const MONITOR *m = StartMonitorQuietly();
+    if (m == nullptr) return 2;
     // As the spooler asks: the size first, then the records.
     DWORD needed = 0, returned = 0;
     m->pfnEnumPorts(nullptr, 2, nullptr, 0, &needed, &returned);
@@ -257,14 +268,8 @@ int DeleteCommand(int argc, char **argv) {
         std::fprintf(stderr, "usage: kvtmon delete PORT\n");
         return 2;
     }
-    if (!CheckPrefix()) return 2;
-    UseTerminalForBoxes(true);
-    std::string error;
-    const MONITOR *m = LoadMonitor(&error);
-    if (m == nullptr) {
-        std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
-        return 2;
-    }
+    const MONITOR *m = StartMonitorQuietly();
+    if (m == nullptr) return 2;
     std::u16string port = kvthost::Widen(positional[0]);
     SetLastError(0);
     if (!m->pfnDeletePort(nullptr, nullptr, port.data())) {
