@@ -180,7 +180,10 @@ void AppendValue(std::string &out, const kvtreg::Value &v) {
         out += line + dword + "\r\n";
         return;
     }
-    line += v.type == REG_BINARY ? "hex:" : "hex(" + std::to_string(v.type) + "):";
+    // The type in hexadecimal, as regedit writes it and the parser reads it (REG_QWORD is hex(b)).
+    char type[24];
+    std::snprintf(type, sizeof type, "hex(%x):", static_cast<unsigned>(v.type));
+    line += v.type == REG_BINARY ? "hex:" : type;
     for (size_t i = 0; i < v.data.size(); ++i) {
         char byte[4];
         std::snprintf(byte, sizeof byte, "%02x", v.data[i]);
@@ -356,10 +359,12 @@ struct Parser {
         bool headerSeen = false;
         kvtreg::Key *current = nullptr;
         std::string pending;  // a value whose hex list goes on on the next line
-        while (pos <= text.size()) {
+        // The text after the last newline is a line only if it is not empty: a file
+        // that ends "01,\<CR><LF>" ends inside its list (a torn or cut file).
+        while (pos < text.size()) {
             size_t end = text.find('\n', pos);
             std::string line = text.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
-            pos = end == std::string::npos ? text.size() + 1 : end + 1;
+            pos = end == std::string::npos ? text.size() : end + 1;
             ++lineNumber;
             while (!line.empty() && (line.back() == '\r' || line.back() == ' ' || line.back() == '\t'))
                 line.pop_back();
@@ -528,6 +533,11 @@ const Key *Current(LSTATUS *status) {
 LSTATUS Change(const std::function<LSTATUS(Key &)> &edit) {
     HiveLock lock(LOCK_EX);
     if (!lock.ok()) return lock.error() == ENOENT ? ERROR_PATH_NOT_FOUND : ERROR_ACCESS_DENIED;
+    // Always read the file again here, whatever its signature says: on a file
+    // system with coarse time stamps, another process's hive can have the
+    // inode, size and time of the one cached (a freed inode is reused), and
+    // editing the cached tree would then lose that process's change.
+    gCache.loaded = false;
     Refresh();
     if (gCache.bad) return ERROR_BADDB;
     LSTATUS status = edit(gCache.root);

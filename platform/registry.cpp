@@ -26,6 +26,10 @@ struct OpenKey {
 };
 std::set<OpenKey *> gHandles;
 
+// The hive file is made of lines and regedit's format has no escape for a
+// line feed: a name holding one would make the whole file unreadable.
+bool FileCanHold(const std::u16string &name) { return name.find(u'\n') == std::u16string::npos; }
+
 bool SplitPath(LPCWSTR sub, std::vector<std::u16string> *out) {
     if (sub == nullptr) return true;
     std::u16string part;
@@ -39,7 +43,7 @@ bool SplitPath(LPCWSTR sub, std::vector<std::u16string> *out) {
     }
     if (!part.empty()) out->push_back(part);
     for (const auto &c : *out)
-        if (c.size() > 255) return false;
+        if (c.size() > 255 || !FileCanHold(c)) return false;
     return true;
 }
 
@@ -66,18 +70,23 @@ LSTATUS OpenCommon(HKEY key, LPCWSTR sub, PHKEY result, bool create) {
     std::lock_guard<std::recursive_mutex> lock(gMutex);
     std::vector<std::u16string> path;
     if (!HandlePath(key, &path)) return ERROR_INVALID_HANDLE;
+    const std::vector<std::u16string> own = path;  // the handle's own key
     if (!SplitPath(sub, &path)) return ERROR_INVALID_PARAMETER;
     LSTATUS status = ERROR_SUCCESS;
     if (create) {
-        status = kvtreg::Change([&](kvtreg::Key &root) {
-            kvtreg::Key *k = &root;
-            for (const auto &name : path) k = kvtreg::CreateChild(k, name);
+        status = kvtreg::Change([&](kvtreg::Key &root) -> LSTATUS {
+            // Under a key deleted since the handle was opened nothing is
+            // created (the key is not brought back), as on Windows.
+            kvtreg::Key *k = kvtreg::FindMutable(&root, own);
+            if (k == nullptr) return ERROR_KEY_DELETED;
+            for (size_t i = own.size(); i < path.size(); ++i) k = kvtreg::CreateChild(k, path[i]);
             return ERROR_SUCCESS;
         });
     } else {
         const kvtreg::Key *root = kvtreg::Current(&status);
         if (root == nullptr) return status;
-        if (kvtreg::Find(root, path) == nullptr) return ERROR_FILE_NOT_FOUND;
+        if (kvtreg::Find(root, path) == nullptr)
+            return kvtreg::Find(root, own) == nullptr ? ERROR_KEY_DELETED : ERROR_FILE_NOT_FOUND;
     }
     if (status != ERROR_SUCCESS) return status;
     *result = NewHandle(path);
@@ -192,6 +201,7 @@ LSTATUS WINAPI RegSetValueExW(HKEY key, LPCWSTR name, DWORD, DWORD type, const B
     std::vector<std::u16string> path;
     if (!HandlePath(key, &path)) return ERROR_INVALID_HANDLE;
     std::u16string valueName = name != nullptr ? name : u"";
+    if (!FileCanHold(valueName)) return ERROR_INVALID_PARAMETER;
     return kvtreg::Change([&](kvtreg::Key &root) -> LSTATUS {
         kvtreg::Key *k = kvtreg::FindMutable(&root, path);
         if (k == nullptr) return ERROR_KEY_DELETED;
@@ -233,9 +243,11 @@ LSTATUS WINAPI RegDeleteKeyW(HKEY key, LPCWSTR sub) {
     std::lock_guard<std::recursive_mutex> lock(gMutex);
     std::vector<std::u16string> path;
     if (!HandlePath(key, &path)) return ERROR_INVALID_HANDLE;
+    const std::vector<std::u16string> own = path;
     if (!SplitPath(sub, &path)) return ERROR_INVALID_PARAMETER;
     if (path.empty()) return ERROR_ACCESS_DENIED;
     return kvtreg::Change([&](kvtreg::Key &root) -> LSTATUS {
+        if (kvtreg::Find(&root, own) == nullptr) return ERROR_KEY_DELETED;
         std::vector<std::u16string> parentPath(path.begin(), path.end() - 1);
         kvtreg::Key *parent = kvtreg::FindMutable(&root, parentPath);
         if (parent == nullptr) return ERROR_FILE_NOT_FOUND;
