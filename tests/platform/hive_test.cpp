@@ -1,0 +1,217 @@
+// The hive file both ways: what an administrator, a script or regedit writes
+// is read exactly as written; what the platform writes reads back the same
+// and stays a file a person can read; a file that cannot be parsed is refused
+// by every call and never written over.
+#include <cstring>
+#include <random>
+
+#include "hive_fixture.h"
+
+namespace {
+
+const char16_t kHandWritten[] = uR"(; kept by hand
+Windows Registry Editor Version 5.00
+
+; the port monitor
+[hkey_local_machine\SYSTEM\CurrentControlSet\Control\Print\Monitors\KVT Port]
+@="KVT print port"
+"Driver"="kvt64.dll"
+
+[HKEY_LOCAL_MACHINE\system\currentcontrolset\Control\Print\Monitors\KVT Port\Ports\KVT1:]
+" "=hex:2a
+"IP    "=hex:01,02,a8,c0
+"Path"="C:\\Windows\\\"q\""
+"Timeout"=dword:0000EA60
+"Expand"=hex(2):25,00,53,00,00,00
+"Blob"=hex:00,01,02,03,04,05,06,07,08,09,0a,0b,0c,0d,0e,0f,10,11,12,13,14,15,\
+  16,17,18,19,1a,1b,1c,1d,1e,1f
+"Grüße"="naïve €"
+)";
+
+std::string Utf8(const std::u16string &s) {
+    std::string out;
+    for (size_t i = 0; i < s.size(); ++i) {
+        uint32_t c = s[i];
+        if (c >= 0xD800 && c < 0xDC00) c = 0x10000 + ((c - 0xD800) << 10) + (s[++i] - 0xDC00);
+        int extra = c < 0x80 ? 0 : c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
+        out.push_back(static_cast<char>(extra == 0 ? c : (0xFF << (7 - extra)) | (c >> (6 * extra))));
+        for (int k = extra - 1; k >= 0; --k) out.push_back(static_cast<char>(0x80 | ((c >> (6 * k)) & 0x3F)));
+    }
+    return out;
+}
+
+// The text as a file: LF or CRLF lines; no mark, a UTF-8 mark, or UTF-16LE with its mark.
+std::string Encode(const std::u16string &text, bool crlf, int mark) {
+    std::u16string lines;
+    for (char16_t c : text) lines += c == u'\n' && crlf ? u"\r\n" : std::u16string(1, c);
+    if (mark < 2) return (mark == 1 ? "\xEF\xBB\xBF" : "") + Utf8(lines);
+    std::string bytes = "\xFF\xFE";
+    for (char16_t c : lines) bytes += {static_cast<char>(c & 0xFF), static_cast<char>(c >> 8)};
+    return bytes;
+}
+
+TEST_F(HiveTest, HandWrittenHiveIsReadAsWritten) {
+    std::vector<BYTE> blob(32);
+    for (BYTE i = 0; i < 32; ++i) blob[i] = i;
+    for (int mark = 0; mark < 3; ++mark) {
+        for (bool crlf : {false, true}) {
+            SCOPED_TRACE("mark " + std::to_string(mark) + (crlf ? ", CRLF" : ", LF"));
+            kvthost::ResetRegistry();
+            WriteHive(Encode(kHandWritten, crlf, mark));
+            HKEY monitor = Open(HKEY_LOCAL_MACHINE, u"SYSTEM\\CurrentControlSet\\Control\\Print\\Monitors\\KVT Port");
+            HKEY port = Open(monitor, u"ports\\kvt1:");
+            RegValue ip = Query(port, u"IP    ");
+            ASSERT_EQ(ip, (RegValue{ERROR_SUCCESS, REG_BINARY, {0x01, 0x02, 0xa8, 0xc0}}));
+            uint32_t address;
+            std::memcpy(&address, ip.data.data(), 4);
+            EXPECT_EQ(address, 0xC0A80201u);
+            EXPECT_EQ(Query(port, u"IP").status, ERROR_FILE_NOT_FOUND) << "the blanks belong to the name";
+            EXPECT_EQ(Query(port, u" "), (RegValue{ERROR_SUCCESS, REG_BINARY, {0x2a}}));
+            EXPECT_EQ(Query(port, u"path"), (RegValue{ERROR_SUCCESS, REG_SZ, SzBytes(u"C:\\Windows\\\"q\"")}));
+            EXPECT_EQ(Query(port, u"Timeout"), (RegValue{ERROR_SUCCESS, REG_DWORD, {0x60, 0xea, 0, 0}}));
+            EXPECT_EQ(Query(port, u"Expand"), (RegValue{ERROR_SUCCESS, REG_EXPAND_SZ, SzBytes(u"%S")}));
+            EXPECT_EQ(Query(port, u"Blob"), (RegValue{ERROR_SUCCESS, REG_BINARY, blob}));
+            EXPECT_EQ(Query(port, u"Grüße"), (RegValue{ERROR_SUCCESS, REG_SZ, SzBytes(u"naïve €")}));
+            EXPECT_EQ(Query(monitor, u""), (RegValue{ERROR_SUCCESS, REG_SZ, SzBytes(u"KVT print port")}));
+            // A key keeps the case of its first appearance.
+            EXPECT_EQ(SubKeys(HKEY_LOCAL_MACHINE), std::vector<std::u16string>{u"SYSTEM"});
+            EXPECT_EQ(SubKeys(monitor), std::vector<std::u16string>{u"Ports"});
+            RegCloseKey(port);
+            RegCloseKey(monitor);
+        }
+    }
+}
+
+TEST_F(HiveTest, WhatIsWrittenReadsBackIdentically) {
+    std::vector<BYTE> longList(300);
+    for (size_t i = 0; i < longList.size(); ++i) longList[i] = static_cast<BYTE>(i * 7);
+    const std::pair<std::u16string, RegValue> values[] = {  // name, {status 0 = ERROR_SUCCESS, type, bytes}
+        {u"", {0, REG_SZ, SzBytes(u"default")}},
+        {u" ", {0, REG_SZ, SzBytes(u"one blank")}},
+        {u"IP    ", {0, REG_BINARY, {0x01, 0x02, 0xa8, 0xc0}}},
+        {u"NoTerminator", {0, REG_SZ, {'a', 0, 'b', 0}}},
+        {u"OddSize", {0, REG_SZ, {'a', 0, 'b'}}},
+        {u"EmptyText", {0, REG_SZ, {}}},
+        {u"EmptyBinary", {0, REG_BINARY, {}}},
+        {u"Text", {0, REG_SZ, SzBytes(u"Grüße € \"q\" C:\\dir\\ \U0001F5A8")}},
+        {u"Lines", {0, REG_SZ, SzBytes(u"a\r\nb\t")}},
+        {u"Dword", {0, REG_DWORD, {0xef, 0xbe, 0xad, 0xde}}},
+        {u"ShortDword", {0, REG_DWORD, {1, 2}}},
+        {u"Qword", {0, 11, {1, 2, 3, 4, 5, 6, 7, 8}}},
+        {u"Multi", {0, 7, {'a', 0, 0, 0, 'b', 0, 0, 0, 0, 0}}},
+        {u"LargestType", {0, 0xFFFFFFFF, {9}}},
+        {u"None", {0, REG_NONE, {}}},
+        {u"Long", {0, REG_BINARY, longList}},
+        {u"Quote\"and\\back", {0, REG_SZ, SzBytes(u"x")}},
+        {u"Ünïcödé", {0, REG_DWORD, {1, 0, 0, 0}}},
+    };
+    HKEY port = Open(HKEY_LOCAL_MACHINE, u"Software\\Kvt\\Ports\\KVT1:", true);
+    for (const auto &[name, v] : values) ASSERT_EQ(Set(port, name, v), ERROR_SUCCESS);
+    RegCloseKey(port);
+
+    // A file a person (and regedit) reads.
+    const std::string text = HiveBytes();
+    EXPECT_EQ(text.rfind("Windows Registry Editor Version 5.00\r\n\r\n", 0), 0u);
+    for (const char *line : {"[HKEY_LOCAL_MACHINE\\Software\\Kvt\\Ports\\KVT1:]", "@=\"default\"",
+                             "\"IP    \"=hex:01,02,a8,c0", "\"Dword\"=dword:deadbeef",
+                             "\"Qword\"=hex(b):01,02,03,04,05,06,07,08", "\"Quote\\\"and\\\\back\"=\"x\""})
+        EXPECT_NE(text.find(std::string("\r\n") + line + "\r\n"), std::string::npos) << line << " in\n" << text;
+    for (size_t start = 0, end; (end = text.find("\r\n", start)) != std::string::npos; start = end + 2)
+        ASSERT_LE(end - start, 80u) << "long lists are wrapped";
+
+    // The same bytes in another prefix: the same tree, and written again, the same file.
+    const std::string copy = prefix_ + "/copy";
+    ASSERT_TRUE(std::filesystem::create_directory(copy));
+    kvthost::SetPrefix(copy);
+    WriteHive(text);
+    port = Open(HKEY_LOCAL_MACHINE, u"SOFTWARE\\kvt\\ports\\kvt1:");
+    for (const auto &[name, v] : values) EXPECT_EQ(Query(port, name), v) << kvthost::Narrow(name);
+    RegCloseKey(port);
+    RegCloseKey(Open(HKEY_LOCAL_MACHINE, u"Software", true));  // a change that changes nothing
+    EXPECT_EQ(HiveBytes(), text);
+}
+
+TEST_F(HiveTest, UnreadableHiveIsRefusedAndNeverWrittenOver) {
+    const std::string header = "Windows Registry Editor Version 5.00\r\n\r\n", key = "[HKEY_LOCAL_MACHINE\\A]\r\n";
+    const std::string good = header + key + "\"v\"=dword:00000007\r\n";
+    const std::pair<const char *, std::string> bad[] = {
+        {"no header", key},
+        {"empty file", ""},
+        {"value before any key", header + "\"v\"=\"x\"\r\n" + key},
+        {"unterminated quote", header + key + "\"v\"=\"x\r\n"},
+        {"bad hex byte", header + key + "\"v\"=hex:01,0g\r\n"},
+        {"key outside HKEY_LOCAL_MACHINE", header + "[HKEY_CURRENT_USER\\A]\r\n"},
+        {"dword of seven digits", header + key + "\"v\"=dword:0000001\r\n"},
+        {"dword of nine digits", header + key + "\"v\"=dword:000000001\r\n"},
+        {"garbage line", header + key + "v=1\r\n"},
+        {"key line without its bracket", header + "[HKEY_LOCAL_MACHINE\\A\r\n"},
+        {"end inside a continuation", header + key + "\"v\"=hex:01,02,\\\r\n"},
+        {"end inside a continuation, no newline", header + key + "\"v\"=hex:01,02,\\"},
+    };
+    const DWORD one = 1;
+    const BYTE *oneBytes = reinterpret_cast<const BYTE *>(&one);
+    for (const auto &[what, text] : bad) {
+        SCOPED_TRACE(what);
+        kvthost::ResetRegistry();
+        WriteHive(good);
+        HKEY opened = Open(HKEY_LOCAL_MACHINE, u"A"), key = nullptr;
+        ASSERT_NE(text.size(), good.size()) << "written in place, the change is seen by the size";
+        WriteHive(text);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, u"A", &key), ERROR_BADDB);
+        EXPECT_EQ(RegCreateKeyW(HKEY_LOCAL_MACHINE, u"B", &key), ERROR_BADDB);
+        EXPECT_EQ(RegSetValueExW(opened, u"v", 0, REG_DWORD, oneBytes, 4), ERROR_BADDB);
+        EXPECT_EQ(Query(opened, u"v").status, ERROR_BADDB);
+        EXPECT_EQ(RegDeleteKeyW(HKEY_LOCAL_MACHINE, u"A"), ERROR_BADDB);
+        const std::string message = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(HiveBytes(), text);
+        const std::string says = kvthost::HivePath() + " cannot be read";
+        size_t at = message.find(says);
+        EXPECT_NE(at, std::string::npos) << message;
+        EXPECT_EQ(message.find(says, at + 1), std::string::npos) << "said once:\n" << message;
+
+        WriteHive(good + "\"w\"=\"mended\"\r\n");
+        EXPECT_EQ(Query(opened, u"v"), (RegValue{ERROR_SUCCESS, REG_DWORD, {7, 0, 0, 0}}));
+        EXPECT_EQ(RegSetValueExW(opened, u"v", 0, REG_DWORD, oneBytes, 4), ERROR_SUCCESS);
+        EXPECT_EQ(Query(opened, u"w"), (RegValue{ERROR_SUCCESS, REG_SZ, SzBytes(u"mended")}));
+        RegCloseKey(opened);
+    }
+}
+
+TEST_F(HiveTest, RandomAndMutatedHivesParseOrAreRefused) {
+    std::mt19937 random(1009);
+    const std::string good = Encode(kHandWritten, true, 0), header = "Windows Registry Editor Version 5.00\r\n";
+    const std::string alphabet = "\"\\[]=,:@;-\r\n \thexdword(2)0aF\xC3\xBC";
+    auto pick = [&](size_t n) { return static_cast<size_t>(random() % n); };
+    auto some = [&] { return pick(4) == 0 ? static_cast<char>(random()) : alphabet[pick(alphabet.size())]; };
+    testing::internal::CaptureStderr();  // the many messages about bad files
+    for (int i = 0; i < 2000; ++i) {
+        // A quarter random text (half of it after a header), the rest a good hive mutated.
+        std::string text = i % 4 != 0 ? good : i % 8 == 0 ? "" : header;
+        for (size_t n = i % 4 != 0 ? 1 + pick(4) : pick(300); n > 0; --n) {
+            size_t at = pick(text.size() + 1), op = i % 4 != 0 ? pick(3) : 1;
+            if (op == 0 && at < text.size()) text[at] = some();
+            if (op == 1) text.insert(at, 1, some());
+            if (op == 2) text.erase(at, 1 + pick(8));
+        }
+        kvthost::ResetRegistry();
+        WriteHive(text);
+        HKEY key = nullptr;
+        LSTATUS opened = RegOpenKeyW(HKEY_LOCAL_MACHINE, u"SYSTEM", &key);
+        ASSERT_TRUE(opened == ERROR_SUCCESS || opened == ERROR_FILE_NOT_FOUND || opened == ERROR_BADDB) << text;
+        if (opened == ERROR_SUCCESS) RegCloseKey(key);
+        LSTATUS created = RegCreateKeyW(HKEY_LOCAL_MACHINE, u"Fuzz", &key);
+        ASSERT_EQ(created, opened == ERROR_BADDB ? ERROR_BADDB : ERROR_SUCCESS) << text;
+        if (created == ERROR_BADDB) {
+            ASSERT_EQ(HiveBytes(), text);
+            continue;
+        }
+        RegCloseKey(key);
+        ReadAfresh();  // what is written from a readable hive is readable
+        ASSERT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, u"Fuzz", &key), ERROR_SUCCESS) << "from:\n" << text;
+        RegCloseKey(key);
+    }
+    testing::internal::GetCapturedStderr();
+}
+
+}  // namespace
