@@ -24,8 +24,11 @@ fi
 
 cpu=$(grep -m1 'model name' /proc/cpuinfo 2>/dev/null | cut -d: -f2 | sed 's/^ *//')
 type=$(sed -n 's/^CMAKE_BUILD_TYPE:[A-Z]*=//p' "$build/CMakeCache.txt" 2>/dev/null)
-commit=$(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo unknown)
-git -C "$root" diff --quiet HEAD -- bench monitor transport platform printserver 2>/dev/null || commit="$commit (with local changes)"
+# The commit of the sources the build was made from, and whether they differ from it.
+source=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$build/CMakeCache.txt" 2>/dev/null)
+source=${source:-$root}
+commit=$(git -C "$source" rev-parse --short HEAD 2>/dev/null || echo unknown)
+git -C "$source" diff --quiet HEAD 2>/dev/null || commit="$commit (with local changes)"
 
 {
     echo "date:    $(date -u '+%Y-%m-%d %H:%M:%S') UTC"
