@@ -4,6 +4,7 @@
 
 #include "kvtps.h"
 #include "lpr_server.h"
+#include "mgmt_server.h"
 
 namespace kvtps {
 
@@ -63,11 +64,13 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
             return false;
         }
         std::string why;
-        if (!ValidateFaults(config.lpr, &why)) {
+        if (!ValidateFaults(config.lpr, &why) || !ValidateManagement(config, &why)) {
             *error = "server " + config.name + ": " + why;
             return false;
         }
     }
+    auto mgmt = std::make_shared<detail::MgmtServer>(configs);
+    if (!mgmt->Open(error)) return false;
     std::vector<std::shared_ptr<detail::LprServer>> servers;
     for (auto &config : configs) {
         auto server = std::make_shared<detail::LprServer>(std::move(config), observer_);
@@ -79,21 +82,26 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
         servers.push_back(std::move(server));
     }
     for (auto &server : servers) server->Run();
+    mgmt->Run();
     servers_ = std::move(servers);
+    mgmt_ = std::move(mgmt);
     running_ = true;
     return true;
 }
 
 void Emulator::Stop() {
     std::vector<std::shared_ptr<detail::LprServer>> servers;
+    std::shared_ptr<detail::MgmtServer> mgmt;
     {
         std::lock_guard<std::mutex> lock(mu_);
         if (!running_) return;
         running_ = false;
         servers = servers_;
+        mgmt = mgmt_;
     }
     // Not under mu_: an observer running on a server thread may call in.
     for (auto &server : servers) server->Stop();
+    if (mgmt) mgmt->Stop();
 }
 
 bool Emulator::Running() const {
@@ -166,6 +174,66 @@ bool Emulator::SetLprFaults(const std::string &server, const LprFaults &faults,
     }
     if (!ValidateFaults(faults, error)) return false;
     return s->SetFaults(faults, error);
+}
+
+std::shared_ptr<detail::MgmtServer> Emulator::Management() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return mgmt_;
+}
+
+NodeId Emulator::Node(const std::string &server) const {
+    auto m = Management();
+    return m ? m->Node(server) : NodeId{};
+}
+
+std::string Emulator::Address(const std::string &server) const {
+    auto m = Management();
+    return m ? m->Address(server) : "";
+}
+
+bool Emulator::SetAddress(const std::string &server, const std::string &address, std::string *error) {
+    auto s = Find(server);
+    auto m = Management();
+    if (!s || !m) {
+        if (error) *error = "no server named " + server;
+        return false;
+    }
+    in_addr a;
+    if (inet_pton(AF_INET, address.c_str(), &a) != 1) {
+        if (error) *error = "bad IPv4 address '" + address + "'";
+        return false;
+    }
+    if (!s->SetAddress(address, error)) return false;
+    m->SetAddress(server, address);
+    return true;
+}
+
+MgmtCounters Emulator::ManagementCounters(const std::string &server) const {
+    auto m = Management();
+    return m ? m->Counters(server) : MgmtCounters{};
+}
+
+MgmtTraffic Emulator::ManagementTraffic() const {
+    auto m = Management();
+    return m ? m->Traffic() : MgmtTraffic{};
+}
+
+MgmtFaults Emulator::ManagementFaults(const std::string &server) const {
+    auto m = Management();
+    return m ? m->Faults(server) : MgmtFaults{};
+}
+
+bool Emulator::SetManagementFaults(const std::string &server, const MgmtFaults &faults, std::string *error) {
+    auto m = Management();
+    if (!m || !m->Has(server)) {
+        if (error) *error = "no server named " + server;
+        return false;
+    }
+    ServerConfig check;
+    check.mgmt = faults;
+    if (!ValidateManagement(check, error)) return false;
+    m->SetFaults(server, faults);
+    return true;
 }
 
 }  // namespace kvtps

@@ -10,13 +10,25 @@
 //   3. the control file: L+1 bytes, 0x02, lines, 0x00     -> 0x00
 //   4. 0x03 2147483647 0x20 dfA007pc1 0x0A                -> 0x00
 //   5. the raw data, until the client closes the connection.
+//
+// Each server also answers the management datagrams by which the monitor
+// finds print servers and asks for their addresses: UDP to port 0x3434, sent
+// to the limited broadcast address.  A query is 10 bytes, the 6-byte prefix
+// (the target's node, or six 0xFF for all) and 00 CMD FF ~CMD; a reply is the
+// server's node, 01 CMD 00 00 and the command's body (search: 66 bytes; EEPROM
+// image: 512; queue names: 193; status: 62, its address at body offsets 58-61).
+// One socket per emulator, bound to 0.0.0.0:0x3434 beside any others (a socket
+// bound to a server's own address would not see broadcasts), hands each query
+// to the servers it names.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -70,15 +82,98 @@ struct LprFaults {
     int ackDelayMs = 0;
 };
 
+// ---- management datagrams ------------------------------------------------------------
+constexpr uint16_t kMgmtPort = 0x3434;
+constexpr uint8_t kMgmtReadEeprom = 0x02;
+constexpr uint8_t kMgmtSearch = 0x04;
+constexpr uint8_t kMgmtStatus = 0x05;
+constexpr uint8_t kMgmtQueueNames = 0x11;
+constexpr size_t kMgmtQueryBytes = 10;
+constexpr size_t kMgmtHeadBytes = 10;  // node prefix and reply head: the body starts here
+constexpr size_t kSearchBodyBytes = 66;
+constexpr size_t kEepromBytes = 512;
+constexpr size_t kQueueBodyBytes = 193;
+constexpr size_t kStatusBodyBytes = 62;
+constexpr size_t kQueueTextBytes = 63;  // each queue-name text's field; a text of 63 has no terminator
+constexpr size_t kSearchNameBytes = 50;  // the name's field; a name of 50 has no terminator
+constexpr size_t kShortNameBytes = 8;
+
+// Which commands a server answers (MgmtFaults::answers).
+constexpr unsigned kAnswerSearch = 1;
+constexpr unsigned kAnswerReadEeprom = 2;
+constexpr unsigned kAnswerQueueNames = 4;
+constexpr unsigned kAnswerStatus = 8;
+constexpr unsigned kAnswerAll = kAnswerSearch | kAnswerReadEeprom | kAnswerQueueNames | kAnswerStatus;
+
+using NodeId = std::array<uint8_t, 6>;
+// "00-00-7f-00-00-02"; ParseNode takes that form or with ':' between the bytes.
+std::string NodeText(const NodeId &node);
+bool ParseNode(const std::string &text, NodeId *node);
+// The node of a device at an IPv4 address a.b.c.d: 00-00-a-b-c-d.
+NodeId NodeFromAddress(const std::string &address);
+
+// How a server misbehaves on management datagrams.  Every knob can change
+// while it runs (Emulator::SetManagementFaults) and applies to the next query.
+struct MgmtFaults {
+    bool silent = false;             // answers nothing (and counts what it was asked)
+    unsigned answers = kAnswerAll;   // the commands it answers; others go unanswered
+    bool foreignNode = false;        // replies carry replyNode in their prefix, not its node
+    NodeId replyNode{};
+    int replyCommand = -1;           // replies carry this command byte (0..255; -1: the one asked)
+    size_t cutReplyTo = 0;           // replies are cut to this many bytes (0: whole)
+    unsigned faultCommands = kAnswerAll;  // the replies that the three faults above change
+    std::string statusAddress;       // the address status replies name (empty: its own)
+};
+
 struct ServerConfig {
     std::string name;                  // the print server's name, as jobs and counters report it
     std::string address = "127.0.0.2"; // its own IPv4 address
     uint16_t lprPort = 515;            // 0: any free port (see Emulator::LprPort)
     bool storeData = true;             // false: count and checksum the data only
     LprFaults lpr;
-    // The other carriers (management datagrams, IPX, NetBIOS) and the device's
-    // identity (short name, node, model, queue names) are configured here as
-    // they are added.
+
+    // The device as its management datagrams show it.
+    bool management = true;            // answers management datagrams over UDP
+    std::string deviceName;            // the name it announces (empty: name); several may share one
+    std::string shortName;             // at most 8 bytes (empty: name, cut to 8)
+    std::optional<NodeId> node;        // none: derived from address, and kept when it moves
+    uint8_t model = 1;                 // model byte: its two low bits are the printer ports
+    uint8_t type = 4;                  // 4: the monitor takes its queue names; 0: "lpt1".."lpt3"
+    uint8_t autoProtocol = 1;          // 0: ports made from it are fixed to TCP/IP
+    uint8_t psConfig = 0x04;           // EEPROM image offset 72: bit value 4, TCP/IP enabled
+    uint8_t psSupportProtocol = 0x01;  // EEPROM image offset 489: bit value 1, TCP/IP supported
+    std::string eepromAddress;         // the address in the EEPROM image (empty: its address;
+                                       // "0.0.0.0": it takes one automatically)
+    // The queue-name texts as the device reports them: the LPR queue name and a
+    // two-byte port mark, which the monitor cuts off (with one blank before it).
+    std::array<std::string, 3> queueTexts = {"lpt1 P1", "lpt2 P2", "lpt3 P3"};
+    MgmtFaults mgmt;
+
+    // The kvtps program moves the server to moveAddress moveAfterMs after it
+    // starts (-1: never), as a device that takes a new address would.
+    std::string moveAddress;
+    int moveAfterMs = -1;
+};
+
+// What one server was asked over UDP management datagrams: the queries whose
+// prefix named it (its node or six 0xFF), by command.
+struct MgmtCounters {
+    uint64_t search = 0;
+    uint64_t readEeprom = 0;
+    uint64_t queueNames = 0;
+    uint64_t status = 0;
+    uint64_t otherCommands = 0;  // well-formed, with a command it doesn't know
+    uint64_t replies = 0;        // replies sent
+    uint64_t unanswered = 0;     // queries it let pass (silent, not among its answers, unknown)
+};
+
+// What the emulator's management socket received as a whole.
+struct MgmtTraffic {
+    uint64_t datagrams = 0;   // every datagram on port 0x3434
+    uint64_t malformed = 0;   // shorter than 10 bytes, or not 00 CMD FF ~CMD behind the prefix
+    uint64_t unaddressed = 0; // well-formed, naming no server of this emulator
+    bool listening = false;
+    std::string listenError;
 };
 
 // ---- what a server saw --------------------------------------------------------------
@@ -145,6 +240,7 @@ using JobObserver = std::function<void(const LprJob &job)>;
 
 namespace detail {
 class LprServer;
+class MgmtServer;
 }
 
 class Emulator {
@@ -186,16 +282,38 @@ public:
     bool SetLprFaults(const std::string &server, const LprFaults &faults,
                       std::string *error = nullptr);
 
+    // ---- management datagrams and the device's address ----
+    NodeId Node(const std::string &server) const;
+    std::string Address(const std::string &server) const;
+    // The server takes another address, as after a new lease: its LPR listener
+    // moves there (open connections stay), and its status replies and EEPROM
+    // image (unless that names a fixed address) report it.  The node stays.
+    bool SetAddress(const std::string &server, const std::string &address,
+                    std::string *error = nullptr);
+    MgmtCounters ManagementCounters(const std::string &server) const;
+    MgmtTraffic ManagementTraffic() const;
+    MgmtFaults ManagementFaults(const std::string &server) const;
+    bool SetManagementFaults(const std::string &server, const MgmtFaults &faults,
+                             std::string *error = nullptr);
+
 private:
     std::shared_ptr<detail::LprServer> Find(const std::string &server) const;
+    std::shared_ptr<detail::MgmtServer> Management() const;
 
     mutable std::mutex mu_;
     std::vector<std::shared_ptr<detail::LprServer>> servers_;
+    std::shared_ptr<detail::MgmtServer> mgmt_;
     JobObserver observer_;
     bool running_ = false;
 };
 
 // Checks a configuration's values; false with a message naming what is wrong.
 bool ValidateFaults(const LprFaults &faults, std::string *error);
+bool ValidateManagement(const ServerConfig &config, std::string *error);
+
+// The reply a server sends to a command, faults applied; empty when it
+// answers nothing.  The node and address are the server's current ones.
+std::string BuildMgmtReply(const ServerConfig &config, const NodeId &node,
+                           const std::string &address, uint8_t command);
 
 }  // namespace kvtps

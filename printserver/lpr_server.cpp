@@ -148,9 +148,10 @@ void LprServer::ApplyFaults() {
     std::lock_guard<std::mutex> lock(mu_);
     if (appliedGeneration_ == faultGeneration_) return;
     live_ = faults_;
-    if (listenFd_ >= 0 && (faults_.refuse || faults_.recvBufferBytes != listenRcvBuf_)) {
+    if (listenFd_ >= 0 && (faults_.refuse || faults_.recvBufferBytes != listenRcvBuf_ || rebind_)) {
         CloseListener();
     }
+    rebind_ = false;
     std::string ignored;  // kept in counters_.listenError
     if (!faults_.refuse && listenFd_ < 0) OpenListener(&ignored);
     appliedGeneration_ = faultGeneration_;
@@ -169,6 +170,12 @@ bool LprServer::SetFaults(const LprFaults &faults, std::string *error) {
         appliedGeneration_ = generation;
         return true;
     }
+    return WaitApplied(lock, generation, error);
+}
+
+// Lets the thread apply a change of faults or address, and says whether the
+// listener is open again where it should be.
+bool LprServer::WaitApplied(std::unique_lock<std::mutex> &lock, uint64_t generation, std::string *error) {
     lock.unlock();
     Wake();
     lock.lock();
@@ -179,11 +186,28 @@ bool LprServer::SetFaults(const LprFaults &faults, std::string *error) {
         if (error) *error = "server " + config_.name + " did not apply the faults in time";
         return false;
     }
-    if (!faults.refuse && listenFd_ < 0 && threadRunning_) {
+    if (!faults_.refuse && listenFd_ < 0 && threadRunning_) {
         if (error) *error = counters_.listenError;
         return false;
     }
     return true;
+}
+
+bool LprServer::SetAddress(const std::string &address, std::string *error) {
+    std::unique_lock<std::mutex> lock(mu_);
+    if (inet_pton(AF_INET, address.c_str(), &address_.sin_addr) != 1) {
+        if (error) *error = "bad IPv4 address '" + address + "'";
+        return false;
+    }
+    config_.address = address;
+    rebind_ = true;
+    const uint64_t generation = ++faultGeneration_;
+    if (!threadRunning_) {
+        appliedGeneration_ = generation;
+        rebind_ = false;
+        return true;
+    }
+    return WaitApplied(lock, generation, error);
 }
 
 LprFaults LprServer::Faults() const {

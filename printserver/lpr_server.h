@@ -39,6 +39,9 @@ public:
     LprCounters Counters() const;
     LprFaults Faults() const;
     bool SetFaults(const LprFaults &faults, std::string *error);
+    // Moves the listener to another address, keeping its port; open
+    // connections stay.  A refusing server only remembers the address.
+    bool SetAddress(const std::string &address, std::string *error);
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -47,6 +50,7 @@ private:
 
     void Loop();
     bool OpenListener(std::string *error);  // with mu_ held
+    bool WaitApplied(std::unique_lock<std::mutex> &lock, uint64_t generation, std::string *error);
     void CloseListener();                   // with mu_ held
     void ApplyFaults();                     // on the thread
     void Wake();
@@ -81,6 +85,7 @@ private:
     LprFaults faults_;
     int closeRemaining_ = -1;  // connections left for closeBeforeAck (-1: all)
     int nakRemaining_ = -1;
+    bool rebind_ = false;      // the address changed: the listener opens anew
     uint64_t faultGeneration_ = 0;
     uint64_t appliedGeneration_ = 0;
     std::vector<LprJob> jobs_;

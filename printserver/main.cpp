@@ -1,4 +1,6 @@
 // kvtps: virtual KVT print servers in one process, until SIGINT or SIGTERM.
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <mutex>
@@ -22,6 +24,45 @@ void PrintSummary(const kvtps::Emulator &emulator) {
                     static_cast<unsigned long long>(c.jobsCompleted),
                     static_cast<unsigned long long>(c.jobsBrokenOff),
                     static_cast<unsigned long long>(c.protocolErrors));
+        kvtps::MgmtCounters m = emulator.ManagementCounters(name);
+        std::printf("kvtps: %s: management queries: %llu search, %llu EEPROM, %llu queue names, "
+                    "%llu status; %llu replies\n",
+                    name.c_str(), static_cast<unsigned long long>(m.search),
+                    static_cast<unsigned long long>(m.readEeprom), static_cast<unsigned long long>(m.queueNames),
+                    static_cast<unsigned long long>(m.status), static_cast<unsigned long long>(m.replies));
+    }
+}
+
+// A server's timed move to another address (--move).
+struct Move {
+    std::string server;
+    std::string address;
+    std::chrono::steady_clock::time_point at;
+};
+
+// Waits for SIGINT or SIGTERM, moving servers as their times come.
+int WaitForStop(const sigset_t &stopSignals, kvtps::Emulator &emulator, std::vector<Move> moves,
+                std::mutex &outputLock, bool quiet) {
+    std::sort(moves.begin(), moves.end(), [](const Move &a, const Move &b) { return a.at < b.at; });
+    for (size_t next = 0;;) {
+        if (next == moves.size()) {
+            int signal = 0;
+            sigwait(&stopSignals, &signal);
+            return signal;
+        }
+        auto wait = std::max(moves[next].at - std::chrono::steady_clock::now(), std::chrono::steady_clock::duration(0));
+        auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(wait).count();
+        timespec timeout{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+        int signal = sigtimedwait(&stopSignals, nullptr, &timeout);
+        if (signal > 0) return signal;
+        if (std::chrono::steady_clock::now() < moves[next].at) continue;  // EINTR
+        const Move &m = moves[next++];
+        std::string error;
+        bool moved = emulator.SetAddress(m.server, m.address, &error);
+        std::lock_guard<std::mutex> lock(outputLock);
+        if (!moved) std::fprintf(stderr, "kvtps: %s cannot move to %s: %s\n", m.server.c_str(), m.address.c_str(), error.c_str());
+        else if (!quiet) std::printf("kvtps: %s moved to %s\n", m.server.c_str(), m.address.c_str());
+        std::fflush(stdout);
     }
 }
 
@@ -72,15 +113,22 @@ int main(int argc, char **argv) {
         std::lock_guard<std::mutex> lock(outputLock);
         for (const auto &server : options.servers) {
             const bool refusing = server.lpr.refuse;
-            std::printf("kvtps: %s on %s:%u%s\n", server.name.c_str(), server.address.c_str(),
-                        emulator.LprPort(server.name), refusing ? " (refusing)" : "");
+            std::printf("kvtps: %s on %s:%u%s, node %s%s\n", server.name.c_str(), server.address.c_str(),
+                        emulator.LprPort(server.name), refusing ? " (refusing)" : "",
+                        kvtps::NodeText(emulator.Node(server.name)).c_str(),
+                        server.management ? "" : " (no management)");
         }
         std::printf("kvtps: ready\n");
         std::fflush(stdout);
     }
 
-    int signal = 0;
-    sigwait(&stopSignals, &signal);
+    std::vector<Move> moves;
+    const auto started = std::chrono::steady_clock::now();
+    for (const auto &server : options.servers) {
+        if (server.moveAfterMs >= 0)
+            moves.push_back({server.name, server.moveAddress, started + std::chrono::milliseconds(server.moveAfterMs)});
+    }
+    WaitForStop(stopSignals, emulator, moves, outputLock, options.quiet);
     emulator.Stop();
     if (!options.quiet) {
         std::lock_guard<std::mutex> lock(outputLock);

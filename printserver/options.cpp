@@ -38,6 +38,32 @@ const char kUsage[] =
     "  --ack-delay NAME=MS           wait MS ms before each answer\n"
     "  --count-only NAME             keep only the byte count and checksum of the data\n"
     "\n"
+    "The device, as management datagrams (UDP port 0x3434) show it, per server:\n"
+    "  --device-name NAME=TEXT       the name it announces (default NAME; servers may share one)\n"
+    "  --short-name NAME=TEXT        its short name, at most 8 bytes (default: NAME cut to 8)\n"
+    "  --node NAME=XX-XX-XX-XX-XX-XX its node address (default 00-00-a-b-c-d for a.b.c.d)\n"
+    "  --model NAME=BYTE             model byte; its two low bits are the printer ports (default 1)\n"
+    "  --type NAME=BYTE              4: the monitor takes its queue names; 0: lpt1..lpt3 (default 4)\n"
+    "  --auto-protocol NAME=BYTE     0: ports made from it are fixed to TCP/IP (default 1)\n"
+    "  --ps-config NAME=BYTE         EEPROM byte 72; bit value 4: TCP/IP enabled (default 4)\n"
+    "  --ps-support NAME=BYTE        EEPROM byte 489; bit value 1: TCP/IP supported (default 1)\n"
+    "  --eeprom-address NAME=ADDRESS the address in its EEPROM image (default: its address;\n"
+    "                                0.0.0.0: it takes one automatically)\n"
+    "  --queue NAME=K:TEXT           the queue-name text of printer port K (1-3) as the device\n"
+    "                                reports it, with its two-byte port mark (default \"lptK PK\")\n"
+    "  --no-management NAME          answers no management datagram at all\n"
+    "  --move NAME=ADDRESS,MS        takes ADDRESS MS ms after the start (LPR moves there,\n"
+    "                                status replies report it; the node stays)\n"
+    "Management faults, per server:\n"
+    "  --mgmt-silent NAME            counts the queries it is sent, answers none\n"
+    "  --answer NAME=LIST            answers only these commands: search, eeprom, queues, status\n"
+    "  --reply-node NAME=XX-XX-...   replies carry this node instead of its own\n"
+    "  --reply-command NAME=BYTE     replies carry this command byte instead of the one asked\n"
+    "  --cut-replies NAME=BYTES      replies are cut to BYTES bytes\n"
+    "  --status-address NAME=ADDRESS status replies name ADDRESS (0.0.0.0: none yet)\n"
+    "  --faults-on NAME=LIST         the replies that --reply-node, --reply-command and\n"
+    "                                --cut-replies change (default: all)\n"
+    "\n"
     "Program:\n"
     "  --spool DIR                   write each completed job's control and data file to\n"
     "                                DIR/NAME/ under the names the client sent (made safe)\n"
@@ -58,6 +84,8 @@ const char kUsage[] =
     "  slow = 512,10\n"
     "  rcvbuf = 4096\n"
     "  ack-delay = 100\n"
+    "  device-name = Office     # and every other per-server option, without its dashes\n"
+    "  queue = 1:lp P1\n"
     "\n"
     "Each job prints one line: server, connection, queue, control lines, data bytes,\n"
     "FNV-1a 64 checksum of the data, and how the exchange ended.\n"
@@ -119,6 +147,101 @@ void SplitPair(const std::string &text, char separator, std::string *first, std:
     *second = at == std::string::npos ? "" : text.substr(at + 1);
 }
 
+bool ParseAddress(const std::string &text) {
+    in_addr address;
+    return inet_pton(AF_INET, text.c_str(), &address) == 1;
+}
+
+// "search,eeprom,queues,status" into kAnswer* bits.
+bool ParseAnswers(const std::string &text, unsigned *answers) {
+    unsigned bits = 0;
+    std::istringstream in(text);
+    std::string item;
+    while (std::getline(in, item, ',')) {
+        if (item == "search") bits |= kAnswerSearch;
+        else if (item == "eeprom") bits |= kAnswerReadEeprom;
+        else if (item == "queues") bits |= kAnswerQueueNames;
+        else if (item == "status") bits |= kAnswerStatus;
+        else if (!item.empty()) return false;
+    }
+    *answers = bits;
+    return true;
+}
+
+// The settings of the device and its management datagrams.  False with
+// *known false when key is none of them.
+bool ApplyDeviceSetting(ServerConfig *s, const std::string &key, const std::string &value, bool fromFlag,
+                        bool *known, std::string *error) {
+    MgmtFaults &f = s->mgmt;
+    long long n = 0;
+    std::string a, b;
+    *known = true;
+    auto byte = [&](uint8_t *out) {
+        if (!ParseNumber(value, 0, 255, true, &n)) return Fail(error, key + " wants a byte, not '" + value + "'");
+        *out = static_cast<uint8_t>(n);
+        return true;
+    };
+    if (key == "device-name") {
+        if (value.size() > kSearchNameBytes) return Fail(error, "a device name has at most 50 bytes");
+        s->deviceName = value;
+    } else if (key == "short-name") {
+        if (value.size() > kShortNameBytes) return Fail(error, "a short name has at most 8 bytes");
+        s->shortName = value;
+    } else if (key == "node" || key == "reply-node") {
+        NodeId node;
+        if (!ParseNode(value, &node)) return Fail(error, key + " wants XX-XX-XX-XX-XX-XX, not '" + value + "'");
+        if (key == "node") s->node = node;
+        else f.foreignNode = true, f.replyNode = node;
+    } else if (key == "model") {
+        return byte(&s->model);
+    } else if (key == "type") {
+        return byte(&s->type);
+    } else if (key == "auto-protocol") {
+        return byte(&s->autoProtocol);
+    } else if (key == "ps-config") {
+        return byte(&s->psConfig);
+    } else if (key == "ps-support") {
+        return byte(&s->psSupportProtocol);
+    } else if (key == "eeprom-address" || key == "status-address") {
+        if (!ParseAddress(value)) return Fail(error, "bad IPv4 address '" + value + "'");
+        (key == "eeprom-address" ? s->eepromAddress : f.statusAddress) = value;
+    } else if (key == "queue") {
+        SplitPair(value, ':', &a, &b);
+        if (!ParseNumber(a, 1, 3, false, &n) || value.find(':') == std::string::npos || b.size() > kQueueTextBytes) {
+            return Fail(error, "queue wants K:TEXT with K 1-3 and at most 63 bytes, not '" + value + "'");
+        }
+        s->queueTexts[static_cast<size_t>(n - 1)] = b;
+    } else if (key == "management" || key == "no-management" || key == "mgmt-silent") {
+        bool on = true;
+        if (!fromFlag && !ParseYesNo(value, &on)) return Fail(error, key + " wants yes or no, not '" + value + "'");
+        if (key == "management") s->management = on;
+        if (key == "no-management") s->management = !on;
+        if (key == "mgmt-silent") f.silent = on;
+    } else if (key == "answer" || key == "faults-on") {
+        if (!ParseAnswers(value, key == "answer" ? &f.answers : &f.faultCommands)) {
+            return Fail(error, key + " wants a list of search, eeprom, queues, status, not '" + value + "'");
+        }
+    } else if (key == "reply-command") {
+        uint8_t command;
+        if (!byte(&command)) return false;
+        f.replyCommand = command;
+    } else if (key == "cut-replies") {
+        if (!ParseNumber(value, 1, 65535, false, &n)) return Fail(error, "cut-replies wants a byte count");
+        f.cutReplyTo = static_cast<size_t>(n);
+    } else if (key == "move") {
+        SplitPair(value, ',', &a, &b);
+        if (!ParseAddress(a) || !ParseNumber(b, 0, 86400000, false, &n)) {
+            return Fail(error, "move wants ADDRESS,MS, not '" + value + "'");
+        }
+        s->moveAddress = a;
+        s->moveAfterMs = static_cast<int>(n);
+    } else {
+        *known = false;
+        return false;
+    }
+    return true;
+}
+
 // One setting of a server, by the key the file uses (the long option without
 // its dashes).  value is empty for a flag given on the command line.
 bool ApplySetting(ServerConfig *s, const std::string &key, const std::string &value,
@@ -126,6 +249,9 @@ bool ApplySetting(ServerConfig *s, const std::string &key, const std::string &va
     LprFaults &f = s->lpr;
     long long n = 0, m = 0;
     std::string a, b;
+    bool known = false;
+    if (ApplyDeviceSetting(s, key, value, fromFlag, &known, error)) return true;
+    if (known) return false;
     if (key == "address") {
         in_addr address;
         if (inet_pton(AF_INET, value.c_str(), &address) != 1) {
@@ -266,7 +392,12 @@ bool ParseCommandLine(const std::vector<std::string> &args, ProgramOptions *opti
     };
     std::vector<Knob> knobs;
     static const char *const kKnobs[] = {"refuse", "silent", "close-before-ack", "nak",
-                                         "slow", "rcvbuf", "ack-delay", "count-only"};
+                                         "slow", "rcvbuf", "ack-delay", "count-only",
+                                         "device-name", "short-name", "node", "model", "type",
+                                         "auto-protocol", "ps-config", "ps-support",
+                                         "eeprom-address", "queue", "no-management", "move",
+                                         "mgmt-silent", "answer", "reply-node", "reply-command",
+                                         "cut-replies", "status-address", "faults-on"};
     for (size_t i = 0; i < args.size(); ++i) {
         std::string arg = args[i];
         if (arg.rfind("--", 0) != 0 || arg.size() == 2) {
@@ -319,7 +450,8 @@ bool ParseCommandLine(const std::vector<std::string> &args, ProgramOptions *opti
     }
     if (options->help) return true;
     for (const auto &knob : knobs) {
-        const bool flag = knob.key == "refuse" || knob.key == "silent" || knob.key == "count-only";
+        const bool flag = knob.key == "refuse" || knob.key == "silent" || knob.key == "count-only" ||
+                          knob.key == "no-management" || knob.key == "mgmt-silent";
         std::string server = knob.argument, value;
         if (!flag) {
             size_t equals = knob.argument.find('=');

@@ -1,0 +1,295 @@
+// The emulator's management side: which queries a server answers, its replies
+// byte for byte, each fault knob, a new address while it runs, emulators that
+// share the port, and the program's options for all of it.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "kvtps.h"
+#include "kvtps_program.h"
+#include "lpr_client.h"
+
+using namespace kvtps;
+using namespace kvtps_test;
+
+namespace {
+
+const NodeId kAll = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+const NodeId kNode2 = {0x00, 0x00, 0x7F, 0x00, 0x00, 0x02};
+const NodeId kOther = {0x00, 0x40, 0x26, 0x00, 0x00, 0x0B};
+
+// A monitor's side of the datagrams: a socket on any address that broadcasts
+// a query and collects the replies (by the address they came from).
+class Asker {
+public:
+    Asker() {
+        fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        int on = 1;
+        setsockopt(fd_, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
+        sockaddr_in any{};
+        any.sin_family = AF_INET;
+        bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any);
+    }
+    ~Asker() { close(fd_); }
+
+    void Send(const NodeId &node, uint8_t command) { SendRaw(Query(node, command)); }
+    void SendRaw(const std::string &bytes) {
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(kMgmtPort);
+        to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
+        sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+    }
+    static std::string Query(const NodeId &node, uint8_t command) {
+        std::string q(node.begin(), node.end());
+        return q + std::string{0, char(command), char(0xFF), char(~command)};
+    }
+    // Replies until none has come for waitMs, keyed by the sender's address.
+    std::multimap<std::string, std::string> Replies(int waitMs = 300) {
+        std::multimap<std::string, std::string> replies;
+        pollfd p{fd_, POLLIN, 0};
+        while (poll(&p, 1, waitMs) == 1) {
+            char buffer[2048];
+            sockaddr_in from{};
+            socklen_t length = sizeof from;
+            ssize_t n = recvfrom(fd_, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&from), &length);
+            char text[INET_ADDRSTRLEN];
+            inet_ntop(AF_INET, &from.sin_addr, text, sizeof text);
+            if (n >= 0) replies.emplace(text, std::string(buffer, static_cast<size_t>(n)));
+        }
+        return replies;
+    }
+    std::string OnlyReply(uint8_t command, const NodeId &node = kAll) {
+        Send(node, command);
+        auto replies = Replies();
+        EXPECT_EQ(replies.size(), 1u);
+        return replies.empty() ? "" : replies.begin()->second;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+ServerConfig Server(const std::string &name, const std::string &address) {
+    ServerConfig c;
+    c.name = name;
+    c.address = address;
+    return c;
+}
+
+std::string Head(const NodeId &node, uint8_t command) {
+    return std::string(node.begin(), node.end()) + std::string{1, char(command), 0, 0};
+}
+
+class Management : public ::testing::Test {
+protected:
+    void Start(std::vector<ServerConfig> servers) {
+        std::string error;
+        ASSERT_TRUE(emulator.Start(std::move(servers), &error)) << error;
+    }
+    Emulator emulator;
+    Asker asker;
+};
+
+TEST_F(Management, AServerAnswersItsNodeAndEveryoneButNoOtherNode) {
+    Start({Server("PS1", "127.0.0.2"), Server("PS2", "127.0.0.3")});
+    asker.Send(kAll, kMgmtSearch);
+    auto replies = asker.Replies();
+    ASSERT_EQ(replies.size(), 2u);
+    EXPECT_EQ(replies.find("127.0.0.2")->second.substr(0, 10), Head(kNode2, kMgmtSearch)) << "from its own address";
+    asker.Send(kNode2, kMgmtStatus);
+    replies = asker.Replies();
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(replies.begin()->first, "127.0.0.2");
+    asker.Send(kOther, kMgmtStatus);
+    EXPECT_TRUE(asker.Replies(100).empty());
+    asker.SendRaw("\xFF\xFF\xFF\xFF\xFF\xFF\x00\x04\xFF\xFA");  // a wrong complement
+    asker.SendRaw("short");
+    EXPECT_TRUE(asker.Replies(100).empty());
+
+    MgmtCounters c = emulator.ManagementCounters("PS1");
+    EXPECT_EQ(c.search, 1u);
+    EXPECT_EQ(c.status, 1u);
+    EXPECT_EQ(c.replies, 2u);
+    EXPECT_EQ(emulator.ManagementCounters("PS2").status, 0u);
+    MgmtTraffic t = emulator.ManagementTraffic();
+    EXPECT_EQ(t.datagrams, 5u);
+    EXPECT_EQ(t.malformed, 2u);
+    EXPECT_EQ(t.unaddressed, 1u);
+}
+
+TEST_F(Management, RepliesCarryEachFieldWhereTheMonitorReadsIt) {
+    ServerConfig c = Server("PS1", "127.0.0.2");
+    c.deviceName = "Front office";
+    c.shortName = "FRONT";
+    c.node = kOther;
+    c.model = 0x83;
+    c.type = 0;
+    c.autoProtocol = 0;
+    c.psConfig = 0x14;
+    c.psSupportProtocol = 0x03;
+    c.eepromAddress = "10.1.2.3";
+    c.queueTexts = {"lp P1", std::string(63, 'q'), ""};
+    Start({c});
+
+    std::string search = asker.OnlyReply(kMgmtSearch);
+    ASSERT_EQ(search.size(), 76u);
+    EXPECT_EQ(search.substr(0, 10), Head(kOther, kMgmtSearch));
+    EXPECT_EQ(search.substr(10, 8), Raw("FRONT\0\0\0"));
+    EXPECT_EQ(search.substr(18, 13), Raw("Front office\0"));
+    EXPECT_EQ(search[68], 0) << "Type";
+    EXPECT_EQ(search[70], 0) << "AutoProtocol";
+
+    std::string image = asker.OnlyReply(kMgmtReadEeprom, kOther);
+    ASSERT_EQ(image.size(), 522u);
+    EXPECT_EQ(image.substr(12, 6), std::string(kOther.begin(), kOther.end()));
+    EXPECT_EQ(uint8_t(image[18]), 0x83);
+    EXPECT_EQ(uint8_t(image[82]), 0x14) << "ps.Config";
+    EXPECT_EQ(uint8_t(image[499]), 0x03) << "ps.SupportProtocol";
+    EXPECT_EQ(image.substr(508, 4), Raw("\x0A\x01\x02\x03"));
+
+    std::string queues = asker.OnlyReply(kMgmtQueueNames, kOther);
+    ASSERT_EQ(queues.size(), 203u);
+    EXPECT_EQ(queues.substr(12, 6), Raw("lp P1\0"));
+    EXPECT_EQ(queues.substr(76, 63), std::string(63, 'q')) << "a full field has no terminator";
+    EXPECT_EQ(queues[139], 0);
+    EXPECT_EQ(queues[140], 0);
+
+    std::string status = asker.OnlyReply(kMgmtStatus, kOther);
+    ASSERT_EQ(status.size(), 72u);
+    EXPECT_EQ(status.substr(68, 4), Raw("\x7F\x00\x00\x02")) << "its address, not the EEPROM's";
+}
+
+TEST_F(Management, FaultKnobsChangeRepliesWhileItRuns) {
+    Start({Server("PS1", "127.0.0.2")});
+    MgmtFaults f;
+    f.answers = kAnswerSearch | kAnswerStatus;
+    ASSERT_TRUE(emulator.SetManagementFaults("PS1", f));
+    asker.Send(kNode2, kMgmtReadEeprom);
+    EXPECT_TRUE(asker.Replies(100).empty());
+    EXPECT_EQ(emulator.ManagementCounters("PS1").unanswered, 1u);
+
+    f.foreignNode = true;
+    f.replyNode = kOther;
+    f.replyCommand = 0x07;
+    f.cutReplyTo = 66;
+    f.statusAddress = "0.0.0.0";
+    f.faultCommands = kAnswerStatus;
+    ASSERT_TRUE(emulator.SetManagementFaults("PS1", f));
+    EXPECT_EQ(asker.OnlyReply(kMgmtStatus, kNode2), Head(kOther, 0x07) + std::string(56, '\0'));
+    EXPECT_EQ(asker.OnlyReply(kMgmtSearch).substr(0, 10), Head(kNode2, kMgmtSearch)) << "faults on status only";
+
+    f = MgmtFaults();
+    f.silent = true;
+    ASSERT_TRUE(emulator.SetManagementFaults("PS1", f));
+    asker.Send(kAll, kMgmtSearch);
+    EXPECT_TRUE(asker.Replies(100).empty());
+    EXPECT_EQ(emulator.ManagementCounters("PS1").search, 2u) << "a silent server counts what it is asked";
+
+    f.statusAddress = "300.1.1.1";
+    std::string error;
+    EXPECT_FALSE(emulator.SetManagementFaults("PS1", f, &error));
+    EXPECT_EQ(error, "bad status address '300.1.1.1'");
+    EXPECT_FALSE(emulator.SetManagementFaults("PS9", MgmtFaults(), &error));
+}
+
+TEST_F(Management, ANewAddressMovesTheListenerAndTheStatusButNotTheNode) {
+    Start({Server("PS1", "127.0.0.2")});
+    std::string error;
+    ASSERT_TRUE(emulator.SetAddress("PS1", "127.0.0.7", &error)) << error;
+    EXPECT_EQ(emulator.Address("PS1"), "127.0.0.7");
+    EXPECT_EQ(emulator.Node("PS1"), kNode2);
+    EXPECT_EQ(asker.OnlyReply(kMgmtStatus, kNode2).substr(68, 4), Raw("\x7F\x00\x00\x07"));
+    EXPECT_EQ(asker.OnlyReply(kMgmtReadEeprom, kNode2).substr(508, 4), Raw("\x7F\x00\x00\x07"));
+    LprClient client;
+    EXPECT_EQ(client.Connect("127.0.0.2"), ECONNREFUSED);
+    ASSERT_EQ(client.Connect("127.0.0.7"), 0);
+    client.SendSteps(JobSteps());
+    EXPECT_FALSE(emulator.SetAddress("PS1", "127.0.0.256", &error));
+    EXPECT_EQ(error, "bad IPv4 address '127.0.0.256'");
+}
+
+TEST_F(Management, EmulatorsShareThePortAndServersMayShareAName) {
+    ServerConfig a = Server("A", "127.0.0.2"), b = Server("B", "127.0.0.3"), quiet = Server("Q", "127.0.0.4");
+    a.deviceName = b.deviceName = "Twin";
+    quiet.management = false;
+    Start({a, quiet});
+    Emulator second;
+    std::string error;
+    ASSERT_TRUE(second.Start({b}, &error)) << error;
+    asker.Send(kAll, kMgmtSearch);
+    auto replies = asker.Replies();
+    ASSERT_EQ(replies.size(), 2u) << "both emulators, not the server without management";
+    for (const auto &[from, reply] : replies) EXPECT_EQ(reply.substr(18, 5), Raw("Twin\0")) << from;
+    EXPECT_EQ(emulator.ManagementCounters("Q").search, 0u);
+}
+
+TEST(ManagementConfig, NodesAndBadSettingsAreRefusedWithAReason) {
+    NodeId node;
+    EXPECT_TRUE(ParseNode("00:40:26:0a:0B:ff", &node));
+    EXPECT_EQ(NodeText(node), "00-40-26-0a-0b-ff");
+    EXPECT_FALSE(ParseNode("00-40-26-0a-0b", &node));
+    EXPECT_FALSE(ParseNode("00-40-26-0a-0b-fg", &node));
+    EXPECT_EQ(NodeFromAddress("10.1.2.3"), (NodeId{0, 0, 10, 1, 2, 3}));
+
+    Emulator emulator;
+    std::string error;
+    ServerConfig c = Server("PS1", "127.0.0.2");
+    c.shortName = "TOOLONGNAME";
+    EXPECT_FALSE(emulator.Start({c}, &error));
+    EXPECT_EQ(error, "server PS1: a short name has at most 8 bytes");
+    c = Server("PS1", "127.0.0.2");
+    c.queueTexts[2] = std::string(64, 'q');
+    EXPECT_FALSE(emulator.Start({c}, &error));
+    EXPECT_EQ(error, "server PS1: a queue-name text has at most 63 bytes");
+}
+
+TEST(ManagementOptions, TheDeviceAndItsFaultsFromLineAndFile) {
+    char dir[] = "/tmp/kvtps-mgmt-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string conf = std::string(dir) + "/kvtps.conf";
+    {
+        FILE *f = std::fopen(conf.c_str(), "w");
+        std::fputs("[pc2]\naddress = 127.0.0.3\nqueue = 2:raw P2\nanswer = search,status\nmove = 127.0.0.9,1500\n", f);
+        std::fclose(f);
+    }
+    ProgramOptions o;
+    std::string error;
+    ASSERT_TRUE(ParseCommandLine({"--server", "pc1@127.0.0.2", "--config", conf, "--device-name", "pc1=Front office",
+                                  "--node", "pc1=00-40-26-00-00-0a", "--model", "pc1=0x83", "--type", "pc1=0",
+                                  "--mgmt-silent", "pc2", "--reply-node", "pc1=00-40-26-00-00-0b",
+                                  "--faults-on", "pc1=eeprom", "--cut-replies", "pc1=66"},
+                                 &o, &error))
+        << error;
+    std::remove(conf.c_str());
+    rmdir(dir);
+    ASSERT_EQ(o.servers.size(), 2u);
+    const ServerConfig &a = o.servers[0], &b = o.servers[1];
+    EXPECT_EQ(a.deviceName, "Front office");
+    EXPECT_EQ(a.node, (NodeId{0x00, 0x40, 0x26, 0x00, 0x00, 0x0a}));
+    EXPECT_EQ(a.model, 0x83);
+    EXPECT_EQ(a.type, 0);
+    EXPECT_TRUE(a.mgmt.foreignNode);
+    EXPECT_EQ(a.mgmt.faultCommands, kAnswerReadEeprom);
+    EXPECT_EQ(a.mgmt.cutReplyTo, 66u);
+    EXPECT_EQ(b.queueTexts[1], "raw P2");
+    EXPECT_EQ(b.mgmt.answers, kAnswerSearch | kAnswerStatus);
+    EXPECT_TRUE(b.mgmt.silent);
+    EXPECT_EQ(b.moveAddress, "127.0.0.9");
+    EXPECT_EQ(b.moveAfterMs, 1500);
+
+    ProgramOptions bad;
+    EXPECT_FALSE(ParseCommandLine({"--server", "pc1@127.0.0.2", "--answer", "pc1=search,print"}, &bad, &error));
+    EXPECT_EQ(error, "--answer: answer wants a list of search, eeprom, queues, status, not 'search,print'");
+    bad = ProgramOptions();
+    EXPECT_FALSE(ParseCommandLine({"--server", "pc1@127.0.0.2", "--queue", "pc1=4:x"}, &bad, &error));
+    EXPECT_EQ(error, "--queue: queue wants K:TEXT with K 1-3 and at most 63 bytes, not '4:x'");
+}
+
+}  // namespace
