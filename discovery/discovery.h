@@ -1,0 +1,49 @@
+/*
+ * discovery.h: the searches for print servers, which fill AvailPS.
+ */
+#ifndef KVT_DISCOVERY_H
+#define KVT_DISCOVERY_H
+
+#include <winsock2.h>
+#include <windows.h>
+
+#include "availps.h"
+
+/* ---- TCP/IP discovery (discovery/tcpsearch.cpp) ------------------------------------ */
+#define TCP_SEARCH_PASSES 3
+#define TCP_EEPROM_TRIES 5
+#define TCP_QUEUE_NAME_TRIES 7
+#define TCP_SEARCH_WAIT_MS 1500          /* every wait: for writing and for a datagram */
+#define TCP_SEARCH_BUFFER 150            /* the search's receive buffer */
+#define TCP_READ_BUFFER 1024             /* the EEPROM and queue-name reads' */
+/* A pass that keeps receiving never ends by silence: it takes at most this
+ * many datagrams, so a chattering network can't hold the thread for ever. */
+#define TCP_SEARCH_PASS_DATAGRAMS 1000
+/* The shortest replies that hold every byte read from them. */
+#define TCP_SEARCH_REPLY_MIN (MGMT_UDP_BODY + SEARCH_AUTOPROTOCOL_OFFSET + 1)
+#define TCP_EEPROM_REPLY_MIN (MGMT_UDP_BODY + EEPROM_IP_OFFSET + 4)
+#define TCP_QUEUE_REPLY_MIN \
+    (MGMT_UDP_BODY + QUEUE_BODY_TEXT_OFFSET + 2 * QUEUE_BODY_TEXT_STRIDE + QUEUE_BODY_TEXT_BYTES)
+
+/* The three stages: one broadcast search in three passes, then the EEPROM
+ * image and the queue names of every server found.  FALSE only when its
+ * socket could not be set up. */
+BOOL TCPSearch(void);
+/* Read into record index; TRUE when they have run, answered or not. */
+BOOL TCPReadEEPROM(const BYTE *nodeID, int index);
+BOOL TCPSearchQueueName(const BYTE *nodeID, int index);
+/* One datagram into buffer; *pcbReceived its length. */
+BOOL TCPSearchRcv(SOCKET s, char *buffer, int size, struct sockaddr_in *source, int *pcbReceived);
+
+/* What each stage takes from one datagram, on its own for the tests. */
+/* A search reply: a new record, unless it is no search reply, its Type is
+ * neither 0 nor 4, the name is in the table already, or the table is full. */
+BOOL TCPSearchTakeReply(const BYTE *pReply, int cb);
+/* An EEPROM reply: TRUE when it is one from nodeID, and record index is filled. */
+BOOL TCPTakeEEPROM(const BYTE *pReply, int cb, const BYTE *nodeID, int index);
+/* A queue-name reply: TRUE when it is one, and record index has its names. */
+BOOL TCPTakeQueueNames(const BYTE *pReply, int cb, int index);
+/* Cuts a queue-name text of len bytes as the search stores it; the new length. */
+int CutQueueName(char *pText, int len);
+
+#endif /* KVT_DISCOVERY_H */
