@@ -1,5 +1,6 @@
 // kvtmon demo: the monitor at work on a private network (loopback only)
 // against emulated print servers.
+#include <arpa/inet.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +29,26 @@ std::string MakeJob(size_t size) {
     while (job.size() < size) job.push_back(static_cast<char>(random() & 0xFF));
     job.resize(size);
     return job;
+}
+
+// Makes port <name>-P1 from a search record as the add-port dialog would: its
+// address, its node (so that each job looks the address up), the transport
+// fixed to TCP/IP when the server asks for it, and its queue name when its
+// Type says the record has one.
+bool MakePortFromRecord(const FoundServer &s, std::string *portName, std::string *queue, std::string *error) {
+    *portName = s.name + "-P1";
+    *queue = s.type == 4 ? s.queues[0] : "lpt1";
+    const uint8_t protocol = s.autoProtocol == 0 ? 2 : 0;
+    if (!MakePortKeys(*portName, ntohl(s.ipAddress), protocol, *queue, error)) return false;
+    std::u16string path = MonitorKeyPath() + u"\\Ports\\" + kvthost::Widen(s.name);
+    HKEY key = nullptr;
+    if (RegOpenKeyW(HKEY_LOCAL_MACHINE, path.c_str(), &key) != ERROR_SUCCESS) {
+        *error = "cannot open the port's server key";
+        return false;
+    }
+    RegSetValueExW(key, u"Node Address", 0, REG_BINARY, s.node, sizeof s.node);
+    RegCloseKey(key);
+    return true;
 }
 
 }  // namespace
@@ -59,30 +80,68 @@ int DemoCommand(int argc, char **argv) {
     std::vector<kvtps::ServerConfig> servers(2);
     servers[0].name = "PS1";
     servers[0].address = "127.0.0.2";
+    servers[0].queueTexts = {"lp P1", "lpt2 P2", "lpt3 P3"};
     servers[1].name = "PS2";
     servers[1].address = "127.0.0.3";
+    servers[1].model = 3;
     if (!emulator.Start(servers, &error)) {
         std::fprintf(stderr, "kvtmon demo: the print servers did not start: %s\n", error.c_str());
         return 2;
     }
-    std::printf("  emulated print servers: PS1 at 127.0.0.2, PS2 at 127.0.0.3 (LPR on port 515)\n");
+    std::printf("  emulated print servers: PS1 at 127.0.0.2, PS2 at 127.0.0.3 (LPR on port 515,\n"
+                "  management datagrams on UDP port 0x3434)\n");
+
+    // The search runs in a child (kvtmon discover): this process loads
+    // libkvt64.so to print, and the search module is a second copy of it.
+    std::printf("searching the network for print servers (kvtmon discover) ...\n");
+    std::fflush(stdout);
+    std::vector<FoundServer> found;
+    if (!DiscoverInChild(&found, &error)) {
+        std::fprintf(stderr, "kvtmon demo: the search failed: %s\n", error.c_str());
+        return 1;
+    }
+    std::string table = DiscoverTable(found);
+    for (size_t at = 0, end; at < table.size(); at = end + 1) {
+        end = table.find('\n', at);
+        std::printf("  %s\n", table.substr(at, end - at).c_str());
+    }
+    const FoundServer *target = nullptr;
+    for (const FoundServer &s : found)
+        if (s.name == "PS1") target = &s;
+    if (found.size() != servers.size() || target == nullptr) {
+        std::fprintf(stderr, "kvtmon demo: the search found %zu of the %zu print servers\n", found.size(),
+                     servers.size());
+        return 1;
+    }
+    std::string port, queue;
+    if (!MakePortFromRecord(*target, &port, &queue, &error)) {
+        std::fprintf(stderr, "kvtmon demo: %s\n", error.c_str());
+        return 2;
+    }
+    const uint8_t *n = target->node;
+    std::printf("  port %s made from what the search found: %s, node %02X-%02X-%02X-%02X-%02X-%02X, queue \"%s\"\n",
+                port.c_str(), AddressShown(*target).c_str(), n[0], n[1], n[2], n[3], n[4], n[5], queue.c_str());
+    // A new address for PS1: the port finds it by the node before the job.
+    if (!emulator.SetAddress("PS1", "127.0.0.12", &error)) {
+        std::fprintf(stderr, "kvtmon demo: PS1 did not move: %s\n", error.c_str());
+        return 2;
+    }
+    std::printf("  PS1 takes a new address, 127.0.0.12; the port looks it up by node before the job\n");
 
     const std::string jobPath = prefix + "/report.prn";
     const std::string job = MakeJob(1 << 20);
     std::ofstream(jobPath, std::ios::binary).write(job.data(), static_cast<std::streamsize>(job.size()));
 
     PrintOptions o;
-    o.port = "PS1-P1";
+    o.port = port;
     o.files = {jobPath};
     o.document = "report.prn";
     o.user = "demo";
     o.jobId = 7;
-    o.server = "127.0.0.2";
-    o.queue = "lp";
     o.debug = true;
     o.stallSeconds = 30;
-    std::printf("  port PS1-P1 on PS1, queue \"lp\", automatic transport\n");
-    std::printf("printing report.prn (%s) to PS1-P1 as job 7 of user demo\n", FormatBytes(job.size()).c_str());
+    std::printf("printing report.prn (%s) to %s as job 7 of user demo\n", FormatBytes(job.size()).c_str(),
+                port.c_str());
     std::fflush(stdout);
     int status = RunPrint(o);
     if (status != 0) {
@@ -95,7 +154,8 @@ int DemoCommand(int argc, char **argv) {
         return 1;
     }
     kvtps::LprJob got = emulator.Jobs("PS1").front();
-    std::printf("PS1 received job %s on queue \"%s\":\n", got.dataFileName.c_str(), got.queue.c_str());
+    std::printf("PS1 received job %s on queue \"%s\" at %s:\n", got.dataFileName.c_str(), got.queue.c_str(),
+                emulator.Address("PS1").c_str());
     for (const auto &line : got.controlLines) std::printf("  control line  %s\n", line.c_str());
     bool same = got.complete && got.data == job;
     std::printf("  data          %s, %s\n", FormatBytes(got.dataBytes).c_str(),

@@ -82,5 +82,32 @@ int PortsCommand(int argc, char **argv);
 int DeleteCommand(int argc, char **argv);
 int LogCommand(int argc, char **argv);
 int DemoCommand(int argc, char **argv);
+int DiscoverCommand(int argc, char **argv);
+
+// ---- discovery (discover.cpp) ------------------------------------------------------------
+// A print server as the monitor's TCP/IP search left it in its table.
+struct FoundServer {
+    std::string name;
+    uint32_t ipAddress = 0;  // network byte order
+    uint8_t flags = 0;       // 1: TCP/IP supported, 4: TCP/IP enabled
+    uint8_t model = 0;       // its two low bits: the printer ports
+    uint8_t node[6] = {};
+    uint8_t autoProtocol = 0;
+    uint8_t type = 0;
+    std::string queues[3];
+};
+// The address as the monitor's lists show it: dotted, "Automatic IP" or
+// "TCP/IP Disabled".
+std::string AddressShown(const FoundServer &server);
+// Runs the search in this process, through libkvtsearch.so (KVT_SEARCH_SO,
+// else beside kvtmon), with a progress line on a terminal when asked.  A
+// process that runs it must not load libkvt64.so.  The exit status.
+int SearchNetwork(std::vector<FoundServer> *found, bool progress, std::string *error);
+// Runs `kvtmon discover --json` as a child over this process's prefix, for a
+// process that has the monitor loaded or will load it.
+bool DiscoverInChild(std::vector<FoundServer> *found, std::string *error);
+std::string DiscoverJson(const std::vector<FoundServer> &found);
+std::string DiscoverTable(const std::vector<FoundServer> &found);
+bool ParseDiscoverJson(const std::string &text, std::vector<FoundServer> *found, std::string *error);
 
 }  // namespace kvtmon

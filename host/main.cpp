@@ -15,6 +15,7 @@ void Usage(FILE *out) {
                  "  delete PORT                    delete a port from the list and the registry\n"
                  "  log [--follow]                 show the diagnostic log\n"
                  "  print PORT FILE... [options]   print files through the monitor (kvtmon print --help)\n"
+                 "  discover [--json] [--debug]    search the network for print servers over TCP/IP\n"
                  "  demo                           run the monitor against emulated print servers\n"
                  "                                 on a private network\n"
                  "environment: KVT_PREFIX (default ~/.kvt), KVT64_SO (the monitor library)\n");
@@ -34,6 +35,7 @@ int main(int argc, char **argv) {
     if (command == "delete") return kvtmon::DeleteCommand(argc - 2, argv + 2);
     if (command == "log") return kvtmon::LogCommand(argc - 2, argv + 2);
     if (command == "demo") return kvtmon::DemoCommand(argc - 2, argv + 2);
+    if (command == "discover") return kvtmon::DiscoverCommand(argc - 2, argv + 2);
     if (command == "help" || command == "--help" || command == "-h") {
         Usage(stdout);
         return 0;

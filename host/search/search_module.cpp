@@ -1,0 +1,33 @@
+// The one call of libkvtsearch.so beside start-up: the TCP/IP search, as the
+// add-port flow runs it (TotalPrintServer set to 0 first, the table read
+// afterwards), with the records copied into the host's own form.
+#include <string.h>
+
+#include "availps.h"
+#include "discovery.h"
+#include "kvtsearch.h"
+
+extern "C" int KvtSearchTcpip(KvtFoundServer *out, int max) {
+    TotalPrintServer = 0;
+    if (!TCPSearch()) return -1;
+    int found = TotalPrintServer;
+    for (int i = 0; i < found && i < max; ++i) {
+        const AvailPSRecord &r = AvailPS[i];
+        KvtFoundServer &s = out[i];
+        memset(&s, 0, sizeof s);
+        static_assert(sizeof s.name == sizeof r.Name, "names have one size");
+        memcpy(s.name, r.Name, sizeof s.name);
+        s.name[KVT_SEARCH_NAME_CHARS - 1] = 0;
+        s.ipAddress = r.IPAddress;
+        s.flags = r.Flags;
+        s.model = r.ModelType;
+        memcpy(s.node, r.NodeID, sizeof s.node);
+        s.autoProtocol = r.AutoProtocol;
+        s.type = r.Type;
+        for (int q = 0; q < 3; ++q) {
+            memcpy(s.queues[q], r.QueueName[q].Text, KVT_SEARCH_QUEUE_BYTES);
+            s.queues[q][KVT_SEARCH_QUEUE_BYTES - 1] = 0;
+        }
+    }
+    return found;
+}

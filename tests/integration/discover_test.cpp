@@ -1,0 +1,183 @@
+// kvtmon discover as a user runs it against emulated print servers, and
+// kvtmon demo, which finds its print servers the same way before it prints.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "kvtps.h"
+
+extern char **environ;
+
+namespace {
+
+struct CommandRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string Slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+class KvtmonDiscover : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/kvt-discover-XXXXXX";
+        dir_ = mkdtemp(dir);
+    }
+    void TearDown() override {
+        emulator_.Stop();
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+
+    void StartServers(const std::vector<kvtps::ServerConfig> &servers) {
+        std::string error;
+        ASSERT_TRUE(emulator_.Start(servers, &error)) << error;
+    }
+
+    // kvtmon with a prefix of this test's own and the monitor's waits shrunk.
+    CommandRun Kvtmon(std::vector<std::string> args) {
+        const char *kvtmon = std::getenv("KVTMON");
+        args.insert(args.begin(), kvtmon != nullptr ? kvtmon : KVT_BIN_DIR "/kvtmon");
+        std::vector<char *> argv;
+        for (auto &a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        std::vector<std::string> env = {"KVT_PREFIX=" + dir_ + "/prefix", "KVT_TIMESCALE=0.1"};
+        for (char **e = environ; *e != nullptr; ++e)
+            if (std::strncmp(*e, "KVT_PREFIX=", 11) != 0 && std::strncmp(*e, "KVT_TIMESCALE=", 14) != 0)
+                env.push_back(*e);
+        std::vector<char *> envp;
+        for (auto &e : env) envp.push_back(e.data());
+        envp.push_back(nullptr);
+
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        std::string out = dir_ + "/out", err = dir_ + "/err";
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        pid_t pid;
+        CommandRun run;
+        if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) == 0) {
+            int status = 0;
+            waitpid(pid, &status, 0);
+            run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        }
+        posix_spawn_file_actions_destroy(&actions);
+        run.out = Slurp(out);
+        run.err = Slurp(err);
+        return run;
+    }
+
+    static kvtps::ServerConfig Server(const std::string &name, const std::string &address) {
+        kvtps::ServerConfig c;
+        c.name = name;
+        c.address = address;
+        return c;
+    }
+
+    std::string dir_;
+    kvtps::Emulator emulator_;
+};
+
+TEST_F(KvtmonDiscover, ShowsEachServerAsTheMonitorFoundIt) {
+    ASSERT_EQ(Kvtmon({"init"}).status, 0);
+    kvtps::ServerConfig ps1 = Server("PS1", "127.0.0.2"), ps2 = Server("PS2", "127.0.0.3"),
+                        ps3 = Server("PS3", "127.0.0.4");
+    ps1.queueTexts = {"lp P1", "raw P2", "text P3"};
+    ps1.model = 3;
+    ps2.eepromAddress = "0.0.0.0";
+    ps2.type = 0;
+    ps2.autoProtocol = 0;
+    ps3.psConfig = 0;
+    ps3.node = kvtps::NodeId{0x00, 0x40, 0x26, 0x12, 0x34, 0x56};
+    StartServers({ps1, ps2, ps3});
+
+    CommandRun table = Kvtmon({"discover"});
+    ASSERT_EQ(table.status, 0) << table.err;
+    EXPECT_NE(table.out.find("NAME"), std::string::npos);
+    EXPECT_NE(table.out.find("PS1                  127.0.0.2        00-00-7F-00-00-02 0x03  3     4    1    lp, raw, text"),
+              std::string::npos)
+        << table.out;
+    EXPECT_NE(table.out.find("PS2                  Automatic IP     00-00-7F-00-00-03 0x01  1     0    0"),
+              std::string::npos)
+        << table.out;
+    EXPECT_NE(table.out.find("PS3                  TCP/IP Disabled  00-40-26-12-34-56"), std::string::npos)
+        << table.out;
+    EXPECT_EQ(table.err, "") << "no progress line off a terminal";
+
+    CommandRun json = Kvtmon({"discover", "--json"});
+    ASSERT_EQ(json.status, 0) << json.err;
+    EXPECT_EQ(json.out.front(), '[');
+    EXPECT_NE(json.out.find("{\"name\": \"PS2\", \"address\": \"Automatic IP\", \"ipAddress\": \"0.0.0.0\", "
+                            "\"node\": \"00-00-7F-00-00-03\", \"model\": 1, \"ports\": 1, \"flags\": 5, "
+                            "\"queues\": [\"lpt1\", \"lpt2\", \"lpt3\"], \"type\": 0, \"autoProtocol\": 0}"),
+              std::string::npos)
+        << json.out;
+    for (const char *name : {"PS1", "PS2", "PS3"}) EXPECT_EQ(emulator_.ManagementCounters(name).search, 6u) << name;
+}
+
+TEST_F(KvtmonDiscover, AQuietNetworkListsNothingAndAMissingPrefixIsNamed) {
+    CommandRun none = Kvtmon({"discover"});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_NE(none.err.find("make one with `kvtmon init`"), std::string::npos) << none.err;
+
+    ASSERT_EQ(Kvtmon({"init"}).status, 0);
+    none = Kvtmon({"discover"});
+    EXPECT_EQ(none.status, 0) << none.err;
+    EXPECT_EQ(none.out, "no print server answered\n");
+    CommandRun json = Kvtmon({"discover", "--json"});
+    EXPECT_EQ(json.out, "[]\n");
+    EXPECT_EQ(Kvtmon({"discover", "--tsv"}).status, 2);
+}
+
+TEST_F(KvtmonDiscover, WithDebugTheSearchIsInTheLog) {
+    ASSERT_EQ(Kvtmon({"init"}).status, 0);
+    StartServers({Server("PS1", "127.0.0.2")});
+    ASSERT_EQ(Kvtmon({"discover", "--debug"}).status, 0);
+    std::string log = Kvtmon({"log"}).out;
+    EXPECT_NE(log.find("[TCPReadEEPROM] Enter\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("Receive NodeID:00-00-7F-00-00-02\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("enter search Queuename receive ok\n"), std::string::npos) << log;
+}
+
+// The demo runs its own private network inside this test's.
+TEST(KvtmonDemo, FindsItsPrintServersAndPrintsToAPortMadeFromWhatItFound) {
+    const char *kvtmon = std::getenv("KVTMON");
+    std::string command = std::string(kvtmon != nullptr ? kvtmon : KVT_BIN_DIR "/kvtmon") + " demo 2>&1";
+    setenv("KVT_TIMESCALE", "0.1", 1);
+    FILE *p = popen(command.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    std::string out;
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, p)) > 0;) out.append(buffer, n);
+    int status = pclose(p);
+    unsetenv("KVT_TIMESCALE");
+    EXPECT_EQ(WEXITSTATUS(status), 0) << out;
+    EXPECT_NE(out.find("  PS2                  127.0.0.3        00-00-7F-00-00-03 0x03  3     4    1    lpt1, lpt2, lpt3"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("port PS1-P1 made from what the search found: 127.0.0.2, node 00-00-7F-00-00-02, queue \"lp\""),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("PS1 received job dfA007"), std::string::npos) << out;
+    EXPECT_NE(out.find("on queue \"lp\" at 127.0.0.12"), std::string::npos) << out;
+    EXPECT_NE(out.find("demo ok"), std::string::npos) << out;
+}
+
+}  // namespace
