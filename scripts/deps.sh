@@ -3,7 +3,8 @@
 # otherwise says what is missing and how to install it.
 set -euo pipefail
 
-packages=(cmake make g++ libgtest-dev libgmock-dev mingw-w64 g++-mingw-w64-x86-64 iproute2 util-linux)
+packages=(cmake make g++ libgtest-dev libgmock-dev mingw-w64 g++-mingw-w64-x86-64 iproute2 util-linux
+          clang libclang-rt-14-dev)  # clang and libFuzzer: the fuzz targets
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
