@@ -110,15 +110,6 @@ TEST_F(StatusLookup, ASilentNetworkCostsFivePassesThenTimeout) {
     EXPECT_EQ(port->IPAddress, 0x7F000009u);
 }
 
-TEST(StatusReply, TheAddressIsReadMostSignificantByteFirst) {
-    Bytes reply = Reply(Node(1, 2, 3, 4, 5, 6), MGMT_STATUS, 62);
-    reply[68] = char(192), reply[69] = char(168), reply[70] = 1, reply[71] = 20;
-    DWORD address = 0;
-    EXPECT_TRUE(StatusReplyAddress(Data(reply), 72, &address));
-    EXPECT_EQ(address, 0xC0A80114u);
-    EXPECT_FALSE(StatusReplyAddress(Data(reply), 71, &address));
-}
-
 // ---- the lookup in a job -----------------------------------------------------------------
 
 TEST_F(StatusLookup, AJobFollowsItsPrintServerToANewAddress) {
