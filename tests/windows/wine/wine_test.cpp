@@ -1,0 +1,685 @@
+// KVT64.DLL in a real Win32 environment: Wine, with its own registry, files,
+// Winsock and print spooler, standing in for Windows.  kvtspool.exe (the
+// harness, spooler_harness.cpp) installs and drives the monitor inside Wine;
+// the print servers are kvtps's, in this Linux process; everything runs on
+// this process's private network, the Wine server included.
+//
+// Measured on Wine 8.0 (Debian 8.0~repack-4), and relied on here:
+// - Wine's server makes every socket of its processes: a server of the prefix
+//   that runs outside the private network would connect the monitor outside
+//   it (a connect to 127.0.0.2:515 is then refused).  Each test therefore
+//   stops any server of the prefix first, and its own at the end.
+// - GetUserNameW gives $USER, so the tests run as user "guest", as the
+//   monitor's unit tests do.  gethostname gives the host's own name, which
+//   has to resolve (gethostbyname), or the LPR job start fails with error 3.
+// - GetWindowsDirectoryW gives "C:\windows", in lower case.
+// - RegEnumKeyExW gives sub keys in order of their names without regard to
+//   case, as Windows does, so the monitor's records come in that order.
+#include <fcntl.h>
+#include <netdb.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kvtps.h"
+
+extern char **environ;
+
+namespace {
+
+constexpr int kRunMs = 60000;  // the longest a harness run may take
+// The port record without its two strings, in the 64-bit Windows build.
+constexpr size_t kIniPortBytes = 216;
+const std::string kMonitorName = "PrintServer Network Port";
+
+std::string ReadFile(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+void WriteFile(const std::string &path, const std::string &bytes) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// The prefix that the test wine_prefix_made has made.
+const std::string &Prefix() {
+    static std::string prefix = [] {
+        std::string text = ReadFile(KVT_WINE_PREFIX_RECORD);
+        while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+        return text;
+    }();
+    return prefix;
+}
+
+std::string SystemFolder() { return Prefix() + "/drive_c/windows/system32"; }
+
+// A Unix path as Wine's drive Z: shows it.
+std::string OnDriveZ(std::string path) {
+    for (char &c : path)
+        if (c == '/') c = '\\';
+    return "Z:" + path;
+}
+
+// What a program printed, and the lines "what: value" of the harness.
+struct Ran {
+    int status = -1;  // exit status; -1 when it was killed or did not end
+    std::string out, err;
+
+    std::vector<std::string> All(const std::string &what) const {
+        std::vector<std::string> values;
+        std::istringstream lines(out);
+        std::string line, head = what + ": ";
+        while (std::getline(lines, line))
+            if (line.compare(0, head.size(), head) == 0) values.push_back(line.substr(head.size()));
+        return values;
+    }
+    std::string One(const std::string &what) const {
+        auto values = All(what);
+        return values.size() == 1 ? values[0] : "<" + std::to_string(values.size()) + " lines " + what + ">";
+    }
+    // The words of the one line "what: ...", such as an entry's "RESULT ERROR".
+    std::vector<std::string> Words(const std::string &what) const {
+        std::vector<std::string> words;
+        std::istringstream in(One(what));
+        for (std::string word; in >> word;) words.push_back(word);
+        return words;
+    }
+    // The result of an entry (1 TRUE, 0 FALSE), whatever its last error.
+    std::string Result(const std::string &what) const {
+        auto words = Words(what);
+        return words.empty() ? "<no " + what + ">" : words[0];
+    }
+    // The log file as the harness printed it after a call of Wine's spooler.
+    std::string Log(const std::string &what) const {
+        std::string log;
+        for (const auto &line : All(what + ".log")) log += line + "\n";
+        return log;
+    }
+};
+
+std::ostream &operator<<(std::ostream &os, const Ran &ran) {
+    return os << "status " << ran.status << "\n--- out\n" << ran.out << "--- err\n" << ran.err;
+}
+
+// Runs a program with the environment of Wine's runs and waits for it, at
+// most timeoutMs.  Its output goes to files: Wine's server and services
+// inherit them and outlive the program.
+Ran RunProgram(const std::vector<std::string> &argv, int timeoutMs = kRunMs) {
+    std::vector<std::string> env;
+    for (char **e = environ; *e != nullptr; ++e) {
+        std::string var = *e;
+        std::string name = var.substr(0, var.find('='));
+        if (name != "DISPLAY" && name != "WAYLAND_DISPLAY" && name != "WINEPREFIX" && name != "WINEDEBUG" &&
+            name != "WINEDLLOVERRIDES" && name != "USER")
+            env.push_back(var);
+    }
+    env.push_back("WINEPREFIX=" + Prefix());
+    env.push_back("WINEDEBUG=-all");
+    env.push_back("WINEDLLOVERRIDES=mscoree,mshtml=");
+    env.push_back("USER=guest");
+
+    char outPath[] = "/tmp/kvt-wine-out.XXXXXX", errPath[] = "/tmp/kvt-wine-err.XXXXXX";
+    int out = mkstemp(outPath), err = mkstemp(errPath);
+    Ran ran;
+    pid_t pid = fork();
+    if (pid == 0) {
+        std::vector<char *> args, envp;
+        for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+        for (const auto &e : env) envp.push_back(const_cast<char *>(e.c_str()));
+        args.push_back(nullptr);
+        envp.push_back(nullptr);
+        int devnull = open("/dev/null", O_RDONLY);
+        dup2(devnull, 0);
+        dup2(out, 1);
+        dup2(err, 2);
+        execve(args[0], args.data(), envp.data());
+        _exit(127);
+    }
+    int status = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (pid > 0 && waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            ran.err = "killed after " + std::to_string(timeoutMs) + " ms\n";
+            status = -1;
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    if (status != -1 && WIFEXITED(status)) ran.status = WEXITSTATUS(status);
+    close(out);
+    close(err);
+    ran.out = ReadFile(outPath);
+    ran.err += ReadFile(errPath);
+    unlink(outPath);
+    unlink(errPath);
+    return ran;
+}
+
+// Stops the prefix's Wine server, wherever it runs, and waits for it to end.
+void StopWineServer() {
+    RunProgram({KVT_WINESERVER, "-k"});
+    RunProgram({KVT_WINESERVER, "-w"});
+}
+
+std::string Hex(const std::string &bytes) {
+    std::string hex;
+    char two[3];
+    for (unsigned char b : bytes) {
+        std::snprintf(two, sizeof two, "%02x", b);
+        hex += two;
+    }
+    return hex;
+}
+
+// Text as UTF-16LE with its terminator, as the spooler's buffers hold it.
+std::string Wide(const std::string &ascii) {
+    std::string bytes;
+    for (char c : ascii) bytes += std::string{c, '\0'};
+    return bytes + std::string(2, '\0');
+}
+
+std::string Le(uint64_t value, int size) {
+    std::string bytes;
+    for (int i = 0; i < size; ++i) bytes += static_cast<char>((value >> (8 * i)) & 0xFF);
+    return bytes;
+}
+
+// The buffer of the monitor's EnumPorts for these ports: the records from the
+// front, each string at the buffer's end and below the one before, pointers
+// given as offsets from the buffer's start.
+std::string EnumBuffer(int level, const std::vector<std::string> &ports) {
+    std::vector<std::vector<std::string>> strings;
+    size_t total = 0;
+    for (const auto &name : ports) {
+        strings.push_back(level == 1 ? std::vector<std::string>{name}
+                                     : std::vector<std::string>{name, kMonitorName, kMonitorName});
+        total += level == 1 ? 8 : 32;
+        for (const auto &s : strings.back()) total += Wide(s).size();
+    }
+    std::string records, tail;
+    size_t end = total;
+    for (const auto &set : strings) {
+        for (const auto &s : set) {
+            end -= Wide(s).size();
+            records += Le(end, 8);
+            tail = Wide(s) + tail;
+        }
+        if (level == 2) records += Le(1, 4) + Le(0, 4);  // PORT_TYPE_WRITE, Reserved
+    }
+    return Hex(records + tail);
+}
+
+struct PortRecord {
+    std::string name;
+    std::string address;  // as the log shows it, "%08X" of the host-order value
+    char lptn;
+};
+
+// The log of a start-up with the log on, over these ports in registry order.
+std::string StartupLog(const std::vector<PortRecord> &ports) {
+    std::string log =
+        "OS type : Windows NT/2000\n\n"
+        "Windows path : C:\\windows\n\n"
+        "Load driver : KVT64.DLL\n"
+        " success\n\n"
+        "DLL version: 4.1.0.0\n\n"
+        "VendorDesc : \n\n"
+        "DeviceDesc : PrintServer\n\n"
+        "Starting DEBUG mode\n\n";
+    for (const auto &port : ports) {
+        size_t bytes = kIniPortBytes + 2 * (port.name.size() + 1) + 2 * (kMonitorName.size() + 1);
+        log += "\n\nEntry CreateMonitorPortEntry\n\nPortName: " + port.name +
+               "\n\nDeviceDesc: PrintServer Network Port\n\nIPAddress: " + port.address + " \t Lptn: " + port.lptn +
+               "\n\nAllocSplMem success ( " + std::to_string(bytes) + " bytes)\n\nLeave CreateMonitorPortEntry\n\n";
+    }
+    return log +
+           "Leave EnumPServerPorts\n\n"
+           "WSAStartup ver 1.1 success\n\n"
+           "\n\n"
+           "Entry GetProtocol\n\n"
+           "Leave GetProtocol - protocol = 2\n\n"
+           "SupportProtocol =\n"
+           " [TCPIP]\n";
+}
+
+std::string JobIdLine(const char *format, unsigned jobId) {
+    char line[128];
+    std::snprintf(line, sizeof line, format, jobId);
+    return line;
+}
+
+// The log from the open of PS<n>-P1 to its queue name, for a port fixed to
+// TCP/IP with the queue name "lp", on the printer Office.
+std::string LprJobStartLog(const std::string &port, unsigned jobId) {
+    return "\n\nEntry LocalmonOpenPort\n\n"
+           "Open port name: " + port + "\n\n"
+           "Leave LocalmonOpenPort - success\n\n"
+           "\n\nEntry LocalmonStartDocPort\n\n"
+           "PrinterName: Office\n\n" +
+           JobIdLine("JobID: %08X \t Level: 00000001\n\n", jobId) +
+           "\n\nEntry GetProtocol\n\n"
+           "Leave GetProtocol - protocol = 2\n\n"
+           "Get protocol: 02\n\n"
+           "\n\nEntry GetPrintProtocol\n\n"
+           "Leave GetPrintProtocol - protocol = 2\n\n"
+           "Status = 00000000\n\n"
+           "PrintServer status change to PP_INSTARTDOC (status: 00000001)\n\n" +
+           JobIdLine("JobID: %08x,reset Printer status to 0\n\n", jobId) +
+           "Open printer success (status = 00000001)\n\n"
+           "\n\nEntry GetPrintProtocol\n\n"
+           "Leave GetPrintProtocol - protocol = 2\n\n"
+           "Get Print Protocol: 2\n\n"
+           "pIniPort->WorkProtocol: 0\n\n"
+           "Printing use TCPIP\n\n"
+           "\n\nEntry LprOpenFile()\n\n"
+           "\n\nEntry LprHandshake\n\n"
+           "\n\nEntry GetPrintQueueName\n\n"
+           "getPrintQueueName:6c00700000000000\n\n"
+           "getPrintQueueName_1:0000000000000000\n\n"
+           "getPrintQueueName_after pack:6c70000000000000\n\n"
+           "Leave GetPrintQueueName - success\n\n";
+}
+
+// The non-empty lines of a log from the first line that begins with `from` to
+// the first after it that begins with `to`.
+std::vector<std::string> LogLines(const std::string &log, const std::string &from, const std::string &to) {
+    std::vector<std::string> lines;
+    std::istringstream in(log);
+    std::string line;
+    bool inside = false;
+    while (std::getline(in, line)) {
+        if (!inside && line.compare(0, from.size(), from) == 0) inside = true;
+        if (!inside || line.empty()) continue;
+        lines.push_back(line);
+        if (lines.size() > 1 && line.compare(0, to.size(), to) == 0) break;
+    }
+    return lines;
+}
+
+// The keys and values below "Ports" of kvtspool's tree, in its order.
+std::vector<std::string> PortsTree(const Ran &dump) {
+    std::vector<std::string> lines;
+    std::istringstream in(dump.out);
+    std::string line;
+    while (std::getline(in, line))
+        if (line.compare(0, 11, "key: Ports\\") == 0 || line.compare(0, 13, "value: Ports\\") == 0)
+            lines.push_back(line.substr(line.find(": ") + 2));
+    return lines;
+}
+
+// Bytes of every value, so that a job that loses or reorders any shows it.
+std::string JobBytes(size_t size) {
+    std::string bytes(size, '\0');
+    uint32_t x = 2463534242u;
+    for (size_t i = 0; i < size; ++i) {
+        x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+        bytes[i] = static_cast<char>(i < 512 ? i : x);
+    }
+    return bytes;
+}
+
+// The host's name up to its first dot, as the control file names the host.
+std::string ShortHostName() {
+    char name[256] = "";
+    gethostname(name, sizeof name - 1);
+    return std::string(name).substr(0, std::string(name).find('.'));
+}
+
+// The LPR job start needs the host's own name to resolve, as Windows always
+// has it; a machine without it in its hosts file fails here, and says so.
+void ExpectHostNameResolves() {
+    char name[256] = "";
+    gethostname(name, sizeof name - 1);
+    addrinfo *found = nullptr;
+    int error = getaddrinfo(name, nullptr, nullptr, &found);
+    if (found != nullptr) freeaddrinfo(found);
+    ASSERT_EQ(error, 0) << "the host's name " << name << " does not resolve: the monitor's LPR job start "
+                        << "fails without it (LprOpenFile error 3); add it to /etc/hosts";
+}
+
+class UnderWine : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_FALSE(Prefix().empty()) << "no Wine prefix: the test wine_prefix_made makes it";
+        StopWineServer();
+    }
+
+    void TearDown() override {
+        emulator.Stop();
+        StopWineServer();
+    }
+
+    static Ran Spool(std::vector<std::string> args) {
+        args.insert(args.begin(), {KVT_WINE, KVT_SPOOL_EXE});
+        return RunProgram(args);
+    }
+
+    // The monitor installed into the prefix, its key written anew with the
+    // items of kvtspool's setup.
+    static void Install(std::vector<std::string> items) {
+        items.insert(items.begin(), {"setup", OnDriveZ(KVT_WIN_DLL)});
+        Ran ran = Spool(items);
+        ASSERT_EQ(ran.status, 0) << ran;
+    }
+
+    // The data of a job, as C:\kvtjob.bin.
+    static std::string JobFile(const std::string &bytes) {
+        WriteFile(Prefix() + "/drive_c/kvtjob.bin", bytes);
+        return "C:\\kvtjob.bin";
+    }
+
+    static std::string Log() { return ReadFile(SystemFolder() + "/KVTLOG"); }
+
+    void StartServers(const std::vector<kvtps::ServerConfig> &servers) {
+        std::string error;
+        ASSERT_TRUE(emulator.Start(servers, &error)) << error;
+    }
+
+    static kvtps::ServerConfig Server(const std::string &name, const std::string &address) {
+        kvtps::ServerConfig config;
+        config.name = name;
+        config.address = address;
+        return config;
+    }
+
+    kvtps::Emulator emulator;
+};
+
+TEST_F(UnderWine, AJobOverLprArrivesWholeAndTheLogIsTheWholePath) {
+    ASSERT_NO_FATAL_FAILURE(ExpectHostNameResolves());
+    WriteFile(SystemFolder() + "/KVTLOG", "a line of an earlier start\n");
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=1", "notify=1", "port=PS1-P1,127.0.0.2,2,lp", "printer=Office,PS1-P1"}));
+    ASSERT_NO_FATAL_FAILURE(StartServers({Server("PS1", "127.0.0.2")}));
+    std::string data = JobBytes(3000);
+
+    Ran ran = Spool({"job", "PS1-P1", "Office", "report", JobFile(data)});
+    ASSERT_EQ(ran.status, 0) << ran;
+    EXPECT_EQ(ran.One("table"), "136 xx-xxxxxxxxxxx---") << ran;
+    unsigned jobId = std::stoul(ran.One("job"));
+    EXPECT_GT(jobId, 0u);
+    EXPECT_EQ(ran.Result("OpenPort"), "1");
+    EXPECT_EQ(ran.Result("StartDocPort"), "1") << ran;
+    EXPECT_EQ(ran.One("written"), "3000 in 1 calls");
+    EXPECT_EQ(ran.Result("EndDocPort"), "1");
+    // The notice names the printer and the document, from Wine's GetJobW.
+    EXPECT_EQ(ran.All("box"), (std::vector<std::string>{"DEBUG | Starting DEBUG mode | no icon",
+                                                        "Office | report printing success !! | information icon"}));
+
+    ASSERT_TRUE(emulator.WaitForJobs("PS1", 1, 10000));
+    kvtps::LprJob job = emulator.Jobs("PS1").at(0);
+    EXPECT_TRUE(job.complete) << job.error;
+    EXPECT_EQ(job.queue, "lp");
+    std::string host = ShortHostName();
+    EXPECT_EQ(job.controlFileName, JobIdLine("cfA%03u", jobId) + host);
+    EXPECT_EQ(job.controlLines, (std::vector<std::string>{"Hguest", "Jreport", "Nreport", "H" + host}));
+    EXPECT_EQ(job.dataFileName, JobIdLine("dfA%03u", jobId) + host);
+    EXPECT_TRUE(job.data == data) << "the data differ from what was written";
+
+    std::string expected = StartupLog({{"PS1-P1", "7F000002", '1'}}) + LprJobStartLog("PS1-P1", jobId) +
+                           "Hguest\n"
+                           "Jreport\n"
+                           "Nreport\n"
+                           "H" + host + "\n"
+                           "Leave LprHandshake - success\n\n"
+                           "Leave LprOpenFile()\n\n"
+                           "LprOpenFile ok\n\n"
+                           "Leave LocalmonStartDocPort - success\n\n"
+                           "Entry LocalmonWritePort\n\n"
+                           "Using TCPIP protocol\n\n"
+                           "LprWrite ok\n\n"
+                           "Leave LocalmonWritePort - (return = 1)\n\n"
+                           "\n\n"
+                           "Entry LocalmonEndDocPort (status = 80000000)\n\n"
+                           "Protocol = TCPIP , call LprCloseFile\n\n"
+                           "Reset Status and PrinterStatus to 0\n\n"
+                           "Show notify to user\n\n"
+                           "Leave LocalmonEndDocPort - success\n\n"
+                           "\n\n"
+                           "LocalmonClosePort - close port\n\n";
+    EXPECT_EQ(Log(), expected);
+}
+
+TEST_F(UnderWine, ALargeJobArrivesByteForByte) {
+    ASSERT_NO_FATAL_FAILURE(ExpectHostNameResolves());
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=0", "port=PS1-P1,127.0.0.2,2,lp", "printer=Office,PS1-P1"}));
+    ASSERT_NO_FATAL_FAILURE(StartServers({Server("PS1", "127.0.0.2")}));
+    std::string data = JobBytes(1 << 20);
+
+    Ran ran = Spool({"job", "PS1-P1", "Office", "report", JobFile(data)});
+    ASSERT_EQ(ran.status, 0) << ran;
+    EXPECT_EQ(ran.One("written").substr(0, 11), "1048576 in ") << ran;
+    EXPECT_EQ(ran.Result("EndDocPort"), "1");
+    EXPECT_TRUE(ran.All("box").empty()) << ran;
+
+    ASSERT_TRUE(emulator.WaitForJobs("PS1", 1, 10000));
+    kvtps::LprJob job = emulator.Jobs("PS1").at(0);
+    EXPECT_TRUE(job.complete) << job.error;
+    EXPECT_EQ(job.dataBytes, data.size());
+    EXPECT_TRUE(job.data == data) << "the data differ from what was written";
+}
+
+TEST_F(UnderWine, APortFixedToTcpIpFailsAtOnceWhenThePrintServerRefusesTheHeader) {
+    ASSERT_NO_FATAL_FAILURE(ExpectHostNameResolves());
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=1", "port=PS2-P1,127.0.0.3,2,lp", "printer=Office,PS2-P1"}));
+    kvtps::ServerConfig server = Server("PS2", "127.0.0.3");
+    server.lpr.nakAtStep = 1;
+    ASSERT_NO_FATAL_FAILURE(StartServers({server}));
+
+    Ran ran = Spool({"job", "PS2-P1", "Office", "report", JobFile("never sent")});
+    ASSERT_EQ(ran.status, 0) << ran;
+    unsigned jobId = std::stoul(ran.One("job"));
+    EXPECT_EQ(ran.One("StartDocPort"), "0 1117") << ran;
+    // At once: one connection, no second attempt (200 of them would take
+    // minutes), and no other transport.
+    EXPECT_LT(std::stoi(ran.One("StartDocPort.ms")), 20000);
+    ASSERT_TRUE(emulator.WaitForJobs("PS2", 1, 10000));
+    kvtps::LprCounters counters = emulator.Counters("PS2");
+    EXPECT_EQ(counters.connectionsAccepted, 1u);
+    EXPECT_EQ(counters.naksSent, 1u);
+
+    std::string expected = StartupLog({{"PS2-P1", "7F000003", '1'}}) + LprJobStartLog("PS2-P1", jobId) +
+                           "Leave LprHandshake - acknowledgement is not 0\n\n"
+                           "Entry LprOpenFile() error 6\n\n"
+                           "LprOpenFile fail\n\n"
+                           "Leave LocalmonStartDocPort - ERROR_IO_DEVICE (status: 00000000)\n\n"
+                           "\n\n"
+                           "LocalmonClosePort - close port\n\n";
+    EXPECT_EQ(Log(), expected);
+}
+
+TEST_F(UnderWine, TheStoredProtocolAndQueueNameDecideTheTransportAndTheQueue) {
+    ASSERT_NO_FATAL_FAILURE(ExpectHostNameResolves());
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=1", "port=PS1-P2,127.0.0.2,0,", "port=PS1-P3,127.0.0.2,1,lp",
+                                     "printer=Office,PS1-P2", "printer=Lab,PS1-P3"}));
+    ASSERT_NO_FATAL_FAILURE(StartServers({Server("PS1", "127.0.0.2")}));
+
+    // Automatic, on a host that offers TCP/IP alone; the empty queue name is sent.
+    Ran ran = Spool({"job", "PS1-P2", "Office", "report", JobFile("automatic")});
+    ASSERT_EQ(ran.status, 0) << ran;
+    EXPECT_EQ(ran.Result("StartDocPort"), "1") << ran;
+    ASSERT_TRUE(emulator.WaitForJobs("PS1", 1, 10000));
+    EXPECT_EQ(emulator.Jobs("PS1").at(0).queue, "");
+    EXPECT_EQ(emulator.Jobs("PS1").at(0).data, "automatic");
+    auto lines = LogLines(Log(), "Get Print Protocol", "Leave GetPrintQueueName");
+    EXPECT_EQ(lines, (std::vector<std::string>{"Get Print Protocol: 0", "pIniPort->WorkProtocol: 0",
+                                               "Printing use TCPIP", "Entry LprOpenFile()", "Entry LprHandshake",
+                                               "Entry GetPrintQueueName", "getPrintQueueName:0000000000000000",
+                                               "getPrintQueueName_1:0000000000000000",
+                                               "getPrintQueueName_after pack:0000000000000000",
+                                               "Leave GetPrintQueueName - success"}));
+
+    // Fixed to IPX, which Wine doesn't have: refused without a connection.
+    ran = Spool({"job", "PS1-P3", "Lab", "report", JobFile("never sent")});
+    ASSERT_EQ(ran.status, 0) << ran;
+    EXPECT_EQ(ran.One("StartDocPort"), "0 1117") << ran;
+    EXPECT_EQ(emulator.Counters("PS1").connectionsAccepted, 1u);
+    lines = LogLines(Log(), "Get Print Protocol", "Leave LocalmonStartDocPort");
+    EXPECT_EQ(lines, (std::vector<std::string>{
+                         "Get Print Protocol: 1", "pIniPort->WorkProtocol: 0", "Printing use IPX", "not support IPX",
+                         "Leave LocalmonStartDocPort - ERROR_IO_DEVICE tid = 0xFF (status: 00000000)"}));
+}
+
+TEST_F(UnderWine, StartUpRebuildsThePortsFromTheRegistryAndEnumPortsFillsTheBufferExactly) {
+    // Written in another order than the registry's own.
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=1", "port=PS2-C2,127.0.0.3,0", "port=PS1-P2,127.0.0.2,2,lp",
+                                     "port=PS1-P1,127.0.0.2,2,lp"}));
+    Ran ran = Spool({"enum"});
+    ASSERT_EQ(ran.status, 0) << ran;
+    const std::vector<std::string> ports = {"PS1-P1", "PS1-P2", "PS2-C2"};
+    for (int level : {1, 2}) {
+        std::string l = std::to_string(level), buffer = EnumBuffer(level, ports);
+        std::string needed = std::to_string(buffer.size() / 2);
+        EXPECT_EQ(ran.One("enum" + l + ".size"), "0 122 " + needed);
+        EXPECT_EQ(ran.One("enum" + l + ".short"), "0 122 " + needed + " 3735928559");  // count untouched
+        auto words = ran.Words("enum" + l);  // result, last error, needed, returned
+        ASSERT_EQ(words.size(), 4u) << ran;
+        EXPECT_EQ(words[0], "1");
+        EXPECT_EQ(words[2], needed);
+        EXPECT_EQ(words[3], "3");
+        EXPECT_EQ(ran.One("enum" + l + ".buffer"), buffer);
+        EXPECT_EQ(ran.One("enum" + l + ".guard"), "intact");
+    }
+    EXPECT_EQ(ran.Result("enum0"), "1");
+    EXPECT_EQ(ran.One("enum0").substr(ran.One("enum0").find(' ', 2)), " 0 3");
+    EXPECT_EQ(ran.One("enum3"), "0 124");
+    // Nothing of the enumeration is logged.
+    EXPECT_EQ(Log(), StartupLog({{"PS1-P1", "7F000002", '1'}, {"PS1-P2", "7F000002", '2'},
+                                 {"PS2-C2", "7F000003", '5'}}));
+}
+
+TEST_F(UnderWine, DeletePortRemovesTheRecordAndItsKeysAndTheNextStartFindsTheRest) {
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=0", "port=PS1-P1,127.0.0.2,2,lp", "port=PS1-P2,127.0.0.2,0,",
+                                     "port=PS2-P1,127.0.0.3,2,raw"}));
+    Ran ran = Spool({"delete", "PS1-P2", "PS9-P1"});
+    ASSERT_EQ(ran.status, 0) << ran;
+    auto deletes = ran.All("DeletePort");
+    ASSERT_EQ(deletes.size(), 2u) << ran;
+    EXPECT_EQ(deletes[0].substr(0, 9), "PS1-P2 1 ");
+    EXPECT_EQ(deletes[1], "PS9-P1 0 1796");
+    EXPECT_EQ(ran.One("ports"), "PS1-P1 PS2-P1");
+    // The log is off: start-up's own lines, no box.
+    EXPECT_TRUE(ran.All("box").empty()) << ran;
+    EXPECT_EQ(Log(),
+              "OS type : Windows NT/2000\n\nWindows path : C:\\windows\n\nLoad driver : KVT64.DLL\n success\n\n"
+              "DLL version: 4.1.0.0\n\nVendorDesc : \n\nDeviceDesc : PrintServer\n\nDisable DEBUG mode\n\n");
+
+    const std::vector<std::string> server2 = {
+        "Ports\\PS2",
+        "Ports\\PS2 [IP    ] 3 0300007f",
+        "Ports\\PS2 [Network] 3 00000000",
+        "Ports\\PS2 [Node Address] 3 000000000000",
+        "Ports\\PS2\\1",
+        "Ports\\PS2\\1 [ ] 3 02",
+        "Ports\\PS2\\1 [QueueName] 1 " + Hex(Wide("raw")),
+    };
+    std::vector<std::string> expected = {
+        "Ports\\PS1",
+        "Ports\\PS1 [IP    ] 3 0200007f",
+        "Ports\\PS1 [Network] 3 00000000",
+        "Ports\\PS1 [Node Address] 3 000000000000",
+        "Ports\\PS1\\1",
+        "Ports\\PS1\\1 [ ] 3 02",
+        "Ports\\PS1\\1 [QueueName] 1 " + Hex(Wide("lp")),
+    };
+    expected.insert(expected.end(), server2.begin(), server2.end());
+    EXPECT_EQ(PortsTree(Spool({"tree"})), expected);
+
+    // A new start finds the two ports left; the last port of PS1 takes the
+    // server's key with it.
+    ran = Spool({"delete", "PS1-P1"});
+    EXPECT_EQ(ran.One("DeletePort").substr(0, 9), "PS1-P1 1 ") << ran;
+    EXPECT_EQ(ran.One("ports"), "PS2-P1");
+    EXPECT_EQ(PortsTree(Spool({"tree"})), server2);
+}
+
+// The route= items make the keys by which Wine's spooler finds the monitor of
+// a port (see kvtspool's setup).
+TEST_F(UnderWine, WinesSpoolerListsTheMonitorAndItsPortsAndPassesPortCallsToIt) {
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=1", "port=PS1-P1,127.0.0.2,2,lp", "port=PS1-P2,127.0.0.2,0,",
+                                     "route=PS1-P1", "route=PS1-P2", "printer=Office,PS1-P1"}));
+    Ran ran = Spool({"spooler", "PS1-P1", "PS1-P2"});
+    ASSERT_EQ(ran.status, 0) << ran;
+    auto monitors = ran.All("monitor");
+    EXPECT_NE(std::find(monitors.begin(), monitors.end(), kMonitorName + " | KVT64.DLL"), monitors.end()) << ran;
+    auto ports = ran.All("port");
+    for (const std::string name : {"PS1-P1", "PS1-P2"})
+        EXPECT_NE(std::find(ports.begin(), ports.end(), name + " | " + kMonitorName + " | " + kMonitorName + " | 1"),
+                  ports.end())
+            << ran;
+    auto lists = ran.All("ports");
+    ASSERT_EQ(lists.size(), 2u) << ran;
+    EXPECT_NE(lists[0].find(" PS1-P1 PS1-P2"), std::string::npos) << lists[0];
+    // Every box is the monitor's start-up, run again for each call.
+    EXPECT_FALSE(ran.All("box").empty()) << ran;
+    for (const auto &box : ran.All("box")) EXPECT_EQ(box, "DEBUG | Starting DEBUG mode | no icon");
+
+    std::string startup = StartupLog({{"PS1-P1", "7F000002", '1'}, {"PS1-P2", "7F000002", '2'}});
+    EXPECT_EQ(ran.One("AddPortW"), "0 50");
+    EXPECT_EQ(ran.Log("AddPortW"), startup + "\n\nEntry LocalmonAddPort\n\nLeave LocalmonAddPort - not available\n\n");
+    EXPECT_EQ(ran.One("ConfigurePortW"), "0 50");
+    EXPECT_EQ(ran.Log("ConfigurePortW"),
+              startup + "\n\nEntry LocalmonConfigurePort\n\nLeave LocalmonConfigurePort - not available\n\n");
+    EXPECT_EQ(ran.Result("DeletePortW"), "1");
+    EXPECT_EQ(ran.Log("DeletePortW"), startup +
+                                          "\n\nEntry LocalmonDeletePort\n\n"
+                                          "Name: NULL \t\n"
+                                          "PortName: PS1-P2\n\n"
+                                          "Call DeleteMonitorPortEntry\n\n"
+                                          "\n\nEntry DeleteMonitorPortEntry\n\n"
+                                          "Leave DeleteMonitorPortEntry - success\n\n"
+                                          "DeleteMonitorPortEntry return TRUE , call DeletePortRegistry\n\n"
+                                          "\n\nEntry DeletePortRegistry\n\n"
+                                          "PortName = PS1-P2\n\n"
+                                          "Leave DeletePortRegistry\n\n"
+                                          "Leave LocalmonDeletePort (return = 1)\n\n");
+    EXPECT_NE(lists[1].find(" PS1-P1"), std::string::npos) << lists[1];
+    EXPECT_EQ(lists[1].find("PS1-P2"), std::string::npos) << lists[1];
+    auto keys = Spool({"tree"}).All("key");
+    EXPECT_NE(std::find(keys.begin(), keys.end(), "Ports\\PS1\\1"), keys.end());
+    EXPECT_EQ(std::find(keys.begin(), keys.end(), "Ports\\PS1\\2"), keys.end());
+}
+
+// Wine's own print path: the application's document goes through the
+// printer's port to the print server.  Wine 8 starts it with no printer name
+// and job id 0, so the monitor's GetJobW finds no job, and the control file
+// has no document lines.
+TEST_F(UnderWine, AJobPrintedThroughWinesSpoolerReachesThePrintServer) {
+    ASSERT_NO_FATAL_FAILURE(ExpectHostNameResolves());
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=1", "port=PS1-P1,127.0.0.2,2,lp", "route=PS1-P1", "printer=Office,PS1-P1"}));
+    ASSERT_NO_FATAL_FAILURE(StartServers({Server("PS1", "127.0.0.2")}));
+    std::string data = JobBytes(20000);
+
+    Ran ran = Spool({"print", "Office", "report", JobFile(data)});
+    ASSERT_EQ(ran.status, 0) << ran;
+    EXPECT_EQ(ran.Result("WritePrinter"), "1") << ran;
+    EXPECT_EQ(ran.One("EndDocPrinter"), "1") << ran;
+
+    ASSERT_TRUE(emulator.WaitForJobs("PS1", 1, 10000));
+    kvtps::LprJob job = emulator.Jobs("PS1").at(0);
+    EXPECT_TRUE(job.complete) << job.error;
+    EXPECT_EQ(job.queue, "lp");
+    EXPECT_EQ(job.controlFileName, "cfA000" + ShortHostName());
+    EXPECT_EQ(job.controlLines, (std::vector<std::string>{"Hguest", "H" + ShortHostName()}));
+    EXPECT_TRUE(job.data == data) << "the data differ from what was written";
+    auto lines = LogLines(Log(), "Entry LocalmonStartDocPort", "JobID");
+    EXPECT_EQ(lines, (std::vector<std::string>{"Entry LocalmonStartDocPort", "PrinterName: NULL",
+                                               "JobID: 00000000 \t Level: 00000001"}));
+}
+
+}  // namespace
