@@ -8,7 +8,7 @@ CMAKE ?= cmake
 all: linux win
 
 deps:
-	@scripts/deps.sh
+	@scripts/deps.sh $(DEPS_FLAGS)
 
 linux: deps
 	@$(CMAKE) -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -24,6 +24,8 @@ asan: deps
 
 # The whole suite, in the plain build and again under the address and
 # undefined-behaviour sanitizers; the Windows build first, for the DLL's checks.
+# The tests also want Wine, to run KVT64.DLL in: deps installs it when it may.
+test test-linux: DEPS_FLAGS = --wine
 test: win linux asan
 	cd build && ctest --output-on-failure -j$(JOBS)
 	cd build/asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j$(JOBS)
