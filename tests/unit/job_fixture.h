@@ -26,6 +26,7 @@ protected:
     // The host, a port PS1-P<digit> (or -C) and the monitor started over them.
     PINIPORT StartPort(const kvttest::HostOptions &options = kvttest::HostOptions(), uint8_t protocol = 0,
                        const char16_t *queue = nullptr, char16_t digitKey = u'1') {
+        host.reset();  // the old host's clean-up must not run under the new one
         host = std::make_unique<kvttest::TestHost>(options);
         kvttest::MakePortKeys(u"PS1", digitKey, kServerAddress, protocol, queue);
         InitializePrintMonitor(nullptr);
