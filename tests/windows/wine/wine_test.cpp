@@ -132,29 +132,32 @@ Ran RunProgram(const std::vector<std::string> &argv, int timeoutMs = kRunMs) {
     env.push_back("WINEDLLOVERRIDES=mscoree,mshtml=");
     env.push_back("USER=guest");
 
+    // Everything the child needs is made before the fork: the emulator's
+    // threads may hold the allocator's lock at that moment.
+    std::vector<char *> args, envp;
+    for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+    for (const auto &e : env) envp.push_back(const_cast<char *>(e.c_str()));
+    args.push_back(nullptr);
+    envp.push_back(nullptr);
     char outPath[] = "/tmp/kvt-wine-out.XXXXXX", errPath[] = "/tmp/kvt-wine-err.XXXXXX";
     int out = mkstemp(outPath), err = mkstemp(errPath);
+    int devnull = open("/dev/null", O_RDONLY);
     Ran ran;
     pid_t pid = fork();
     if (pid == 0) {
-        std::vector<char *> args, envp;
-        for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
-        for (const auto &e : env) envp.push_back(const_cast<char *>(e.c_str()));
-        args.push_back(nullptr);
-        envp.push_back(nullptr);
-        int devnull = open("/dev/null", O_RDONLY);
         dup2(devnull, 0);
         dup2(out, 1);
         dup2(err, 2);
         execve(args[0], args.data(), envp.data());
         _exit(127);
     }
-    int status = 0;
+    int status = -1;
+    if (pid < 0) ran.err = std::string("fork: ") + std::strerror(errno) + "\n";
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (pid > 0 && waitpid(pid, &status, WNOHANG) == 0) {
         if (std::chrono::steady_clock::now() > deadline) {
             kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
+            waitpid(pid, nullptr, 0);
             ran.err = "killed after " + std::to_string(timeoutMs) + " ms\n";
             status = -1;
             break;
@@ -162,6 +165,7 @@ Ran RunProgram(const std::vector<std::string> &argv, int timeoutMs = kRunMs) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     if (status != -1 && WIFEXITED(status)) ran.status = WEXITSTATUS(status);
+    close(devnull);
     close(out);
     close(err);
     ran.out = ReadFile(outPath);
