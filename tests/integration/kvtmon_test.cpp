@@ -1,38 +1,19 @@
 // kvtmon print as a user runs it: a job to an emulated print server, a job
 // that cannot go out, and command lines that make no sense.
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "kvtmon_run.h"
 #include "kvtps.h"
-
-extern char **environ;
 
 namespace {
 
-struct ProgramRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-std::string Slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+using ProgramRun = kvttest::KvtmonRun;
+using kvttest::Slurp;
 
 class KvtmonPrint : public ::testing::Test {
 protected:
@@ -64,37 +45,7 @@ protected:
         return Command(args);
     }
 
-    ProgramRun Command(std::vector<std::string> args) {
-        const char *kvtmon = std::getenv("KVTMON");
-        args.insert(args.begin(), kvtmon != nullptr ? kvtmon : KVT_BIN_DIR "/kvtmon");
-        std::vector<char *> argv;
-        for (auto &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        std::vector<std::string> env = {"KVT_PREFIX=" + dir_ + "/prefix", "KVT_TIMESCALE=0.01"};
-        for (char **e = environ; *e != nullptr; ++e)
-            if (std::strncmp(*e, "KVT_PREFIX=", 11) != 0 && std::strncmp(*e, "KVT_TIMESCALE=", 14) != 0)
-                env.push_back(*e);
-        std::vector<char *> envp;
-        for (auto &e : env) envp.push_back(e.data());
-        envp.push_back(nullptr);
-
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        std::string out = dir_ + "/out", err = dir_ + "/err";
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid;
-        ProgramRun run;
-        if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) == 0) {
-            int status = 0;
-            waitpid(pid, &status, 0);
-            run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        run.out = Slurp(out);
-        run.err = Slurp(err);
-        return run;
-    }
+    ProgramRun Command(std::vector<std::string> args) { return kvttest::RunKvtmon(std::move(args), dir_, "0.01"); }
 
     std::string dir_, job_;
     kvtps::Emulator emulator_;
