@@ -45,23 +45,6 @@ bool SplitArgs(const char *command, int argc, char **argv, const std::vector<std
 
 std::string LogPath() { return kvthost::MapPath(u"C:\\Windows\\System32\\KVTLOG"); }
 
-std::string JsonString(const std::string &s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            out.push_back('\\');
-            out.push_back(static_cast<char>(c));
-        } else if (c < 0x20) {
-            char esc[8];
-            std::snprintf(esc, sizeof esc, "\\u%04x", c);
-            out += esc;
-        } else {
-            out.push_back(static_cast<char>(c));
-        }
-    }
-    return out + "\"";
-}
-
 const char *TransportName(int protocol) {
     switch (protocol) {
     case 0: return "automatic";
@@ -117,13 +100,6 @@ std::string AddressText(uint32_t a) {
     if (a == 0) return "(looked up)";
     return std::to_string(a >> 24) + "." + std::to_string((a >> 16) & 255) + "." + std::to_string((a >> 8) & 255) +
            "." + std::to_string(a & 255);
-}
-
-std::string NodeText(const uint8_t *node) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%02X-%02X-%02X-%02X-%02X-%02X", node[0], node[1], node[2], node[3], node[4],
-                  node[5]);
-    return text;
 }
 
 }  // namespace
@@ -238,11 +214,11 @@ int PortsCommand(int argc, char **argv) {
             const PortRow &r = rows[i];
             std::printf("%s\n  {\"port\": %s, \"description\": %s, \"transport\": %s, \"protocol\": %d, "
                         "\"queue\": %s, \"address\": %s, \"node\": %s}",
-                        i == 0 ? "" : ",", JsonString(r.name).c_str(), JsonString(r.description).c_str(),
-                        JsonString(r.protocol < 0 ? "automatic" : TransportName(r.protocol)).c_str(),
-                        r.protocol < 0 ? 0 : r.protocol, r.hasQueue ? JsonString(r.queue).c_str() : "null",
-                        JsonString(r.address == 0 ? "" : AddressText(r.address)).c_str(),
-                        JsonString(NodeText(r.node)).c_str());
+                        i == 0 ? "" : ",", JsonText(r.name).c_str(), JsonText(r.description).c_str(),
+                        JsonText(r.protocol < 0 ? "automatic" : TransportName(r.protocol)).c_str(),
+                        r.protocol < 0 ? 0 : r.protocol, r.hasQueue ? JsonText(r.queue).c_str() : "null",
+                        JsonText(r.address == 0 ? "" : AddressText(r.address)).c_str(),
+                        JsonText(NodeText(r.node)).c_str());
         }
         std::printf("%s]\n", rows.empty() ? "" : "\n");
         return 0;

@@ -52,30 +52,6 @@ std::string Dotted(uint32_t networkOrder) {
            std::to_string(b[3]);
 }
 
-std::string NodeText(const uint8_t *node) {
-    char text[18];
-    std::snprintf(text, sizeof text, "%02X-%02X-%02X-%02X-%02X-%02X", node[0], node[1], node[2], node[3], node[4],
-                  node[5]);
-    return text;
-}
-
-std::string JsonText(const std::string &s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            out.push_back('\\');
-            out.push_back(static_cast<char>(c));
-        } else if (c < 0x20 || c >= 0x7f) {
-            char esc[8];
-            std::snprintf(esc, sizeof esc, "\\u%04x", c);
-            out += esc;
-        } else {
-            out.push_back(static_cast<char>(c));
-        }
-    }
-    return out + "\"";
-}
-
 // ---- reading the JSON that `discover --json` writes -------------------------------------
 // Just enough JSON for that output: objects, arrays, strings, numbers, true,
 // false and null.

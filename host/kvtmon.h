@@ -57,6 +57,8 @@ void ProgressStart(Progress &p, const std::string &label, uint64_t total);
 void ProgressUpdate(Progress &p, uint64_t done);
 void ProgressFinish(Progress &p);
 std::string FormatBytes(uint64_t bytes);
+std::string NodeText(const uint8_t *node);  // 00-00-7F-00-00-02
+std::string JsonText(const std::string &s);
 
 // ---- commands ------------------------------------------------------------------------------
 struct PrintOptions {
