@@ -65,6 +65,22 @@ HKEY NewHandle(const std::vector<std::u16string> &path) {
     return reinterpret_cast<HKEY>(h);
 }
 
+// The key a handle names, in the tree as it stands now; NULL with the status
+// when the handle is unknown, the hive unreadable or the key deleted.  The
+// caller holds gMutex.
+const kvtreg::Key *KeyOfHandle(HKEY key, LSTATUS *status) {
+    std::vector<std::u16string> path;
+    if (!HandlePath(key, &path)) {
+        *status = ERROR_INVALID_HANDLE;
+        return nullptr;
+    }
+    const kvtreg::Key *root = kvtreg::Current(status);
+    if (root == nullptr) return nullptr;
+    const kvtreg::Key *k = kvtreg::Find(root, path);
+    if (k == nullptr) *status = ERROR_KEY_DELETED;
+    return k;
+}
+
 LSTATUS OpenCommon(HKEY key, LPCWSTR sub, PHKEY result, bool create) {
     if (result == nullptr) return ERROR_INVALID_PARAMETER;
     std::lock_guard<std::recursive_mutex> lock(gMutex);
@@ -128,8 +144,13 @@ Key *CreateChild(Key *parent, const std::u16string &name) {
 }
 
 Value *FindValue(Key *key, const std::u16string &name) {
-    for (auto &v : key->values)
-        if (Upper(v.name) == Upper(name)) return &v;
+    return const_cast<Value *>(FindValue(static_cast<const Key *>(key), name));
+}
+
+const Value *FindValue(const Key *key, const std::u16string &name) {
+    std::u16string wanted = Upper(name);
+    for (const auto &v : key->values)
+        if (Upper(v.name) == wanted) return &v;
     return nullptr;
 }
 
@@ -171,13 +192,9 @@ LSTATUS WINAPI RegQueryValueExW(HKEY key, LPCWSTR name, LPDWORD reserved, LPDWOR
                                 LPDWORD cbData) {
     if (reserved != nullptr || (data != nullptr && cbData == nullptr)) return ERROR_INVALID_PARAMETER;
     std::lock_guard<std::recursive_mutex> lock(gMutex);
-    std::vector<std::u16string> path;
-    if (!HandlePath(key, &path)) return ERROR_INVALID_HANDLE;
     LSTATUS status;
-    const kvtreg::Key *root = kvtreg::Current(&status);
-    if (root == nullptr) return status;
-    auto *k = const_cast<kvtreg::Key *>(kvtreg::Find(root, path));
-    if (k == nullptr) return ERROR_KEY_DELETED;
+    const kvtreg::Key *k = KeyOfHandle(key, &status);
+    if (k == nullptr) return status;
     const kvtreg::Value *v = kvtreg::FindValue(k, name != nullptr ? name : u"");
     if (v == nullptr) return ERROR_FILE_NOT_FOUND;
     if (type != nullptr) *type = v->type;
@@ -220,13 +237,9 @@ LSTATUS WINAPI RegEnumKeyExW(HKEY key, DWORD index, LPWSTR name, LPDWORD cchName
                              LPWSTR, LPDWORD, void *) {
     if (name == nullptr || cchName == nullptr || reserved != nullptr) return ERROR_INVALID_PARAMETER;
     std::lock_guard<std::recursive_mutex> lock(gMutex);
-    std::vector<std::u16string> path;
-    if (!HandlePath(key, &path)) return ERROR_INVALID_HANDLE;
     LSTATUS status;
-    const kvtreg::Key *root = kvtreg::Current(&status);
-    if (root == nullptr) return status;
-    const kvtreg::Key *k = kvtreg::Find(root, path);
-    if (k == nullptr) return ERROR_KEY_DELETED;
+    const kvtreg::Key *k = KeyOfHandle(key, &status);
+    if (k == nullptr) return status;
     if (index >= k->children.size()) return ERROR_NO_MORE_ITEMS;
     auto it = k->children.begin();
     std::advance(it, index);

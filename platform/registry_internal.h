@@ -28,6 +28,7 @@ const Key *Find(const Key *root, const std::vector<std::u16string> &path);
 Key *FindMutable(Key *root, const std::vector<std::u16string> &path);
 Key *CreateChild(Key *parent, const std::u16string &name);
 Value *FindValue(Key *key, const std::u16string &name);
+const Value *FindValue(const Key *key, const std::u16string &name);
 
 // The tree as it stands now; NULL with the status when it cannot be read.
 const Key *Current(LSTATUS *status);
