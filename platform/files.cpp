@@ -12,6 +12,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -41,6 +42,7 @@ std::vector<FileHandle *> gOpenFiles;
 
 const char16_t kWindowsDir[] = u"C:\\Windows";
 const char16_t kSystemDir[] = u"C:\\Windows\\System32";
+std::atomic<bool> gSystemDirectoryFails{false};
 
 DWORD ErrnoToWin32(int e, bool parentMissing) {
     switch (e) {
@@ -159,6 +161,8 @@ std::string MapPath(const std::u16string &windowsPath) {
     return result;
 }
 
+void SetSystemDirectoryFails(bool fails) { gSystemDirectoryFails = fails; }
+
 }  // namespace kvthost
 
 extern "C" {
@@ -171,6 +175,10 @@ UINT WINAPI GetWindowsDirectoryW(LPWSTR buffer, UINT size) {
 }
 
 UINT WINAPI GetSystemDirectoryW(LPWSTR buffer, UINT size) {
+    if (gSystemDirectoryFails) {
+        SetLastError(ERROR_PATH_NOT_FOUND);
+        return 0;
+    }
     UINT len = static_cast<UINT>(lstrlenW(kSystemDir));
     if (buffer == nullptr || size <= len) return len + 1;
     lstrcpyW(buffer, kSystemDir);

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -27,8 +29,8 @@ std::vector<Printer> gPrinters;
 std::vector<kvthost::JobSpec> gJobs;
 std::set<PrinterHandle *> gHandles;
 std::vector<kvthost::SpoolerCall> gCalls;
-std::function<void(DWORD, int)> gGetJobHook;
-int gGetJobCalls = 0;
+std::function<void(const char *, DWORD, int)> gHook;
+int gHookCalls = 0;
 
 kvthost::JobSpec *FindJob(const std::u16string &printer, DWORD jobId) {
     for (auto &j : gJobs)
@@ -43,6 +45,17 @@ PrinterHandle *Resolve(HANDLE h) {
 
 void Record(const char *fn, DWORD jobId, DWORD level, DWORD command, bool result) {
     gCalls.push_back({fn, jobId, level, command, result});
+}
+
+// Runs the test's hook, if any, without the table's lock, so that the hook may
+// call the monitor (and the monitor the spooler) on this or another thread.
+void RunHook(std::unique_lock<std::recursive_mutex> &lock, const char *fn, DWORD jobId) {
+    if (!gHook) return;
+    auto hook = gHook;
+    int call = ++gHookCalls;
+    lock.unlock();
+    hook(fn, jobId, call);
+    lock.lock();
 }
 
 }  // namespace
@@ -68,7 +81,8 @@ BOOL WINAPI OpenPrinterW(LPWSTR name, LPHANDLE handle, LPPRINTER_DEFAULTSW) {
 }
 
 BOOL WINAPI ClosePrinter(HANDLE handle) {
-    std::lock_guard<std::recursive_mutex> lock(gMutex);
+    std::unique_lock<std::recursive_mutex> lock(gMutex);
+    RunHook(lock, "ClosePrinter", 0);
     PrinterHandle *h = Resolve(handle);
     Record("ClosePrinter", 0, 0, 0, h != nullptr);
     if (h == nullptr) {
@@ -90,17 +104,11 @@ BOOL WINAPI GetJobW(HANDLE handle, DWORD jobId, DWORD level, LPBYTE buffer, DWOR
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
-    if (gGetJobHook) {
-        auto hook = gGetJobHook;
-        int call = ++gGetJobCalls;
-        lock.unlock();
-        hook(jobId, call);
-        lock.lock();
-        h = Resolve(handle);
-        if (h == nullptr) {
-            SetLastError(ERROR_INVALID_HANDLE);
-            return FALSE;
-        }
+    RunHook(lock, "GetJobW", jobId);
+    h = Resolve(handle);
+    if (h == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
     }
     kvthost::JobSpec *job = FindJob(h->printer, jobId);
     if (job == nullptr) {
@@ -143,7 +151,8 @@ BOOL WINAPI GetJobW(HANDLE handle, DWORD jobId, DWORD level, LPBYTE buffer, DWOR
 }
 
 BOOL WINAPI SetJobW(HANDLE handle, DWORD jobId, DWORD level, LPBYTE, DWORD command) {
-    std::lock_guard<std::recursive_mutex> lock(gMutex);
+    std::unique_lock<std::recursive_mutex> lock(gMutex);
+    RunHook(lock, "SetJobW", jobId);
     PrinterHandle *h = Resolve(handle);
     bool ok = h != nullptr && FindJob(h->printer, jobId) != nullptr;
     Record("SetJobW", jobId, level, command, ok);
@@ -156,7 +165,8 @@ BOOL WINAPI SetJobW(HANDLE handle, DWORD jobId, DWORD level, LPBYTE, DWORD comma
 }
 
 BOOL WINAPI SetPrinterW(HANDLE handle, DWORD level, LPBYTE, DWORD command) {
-    std::lock_guard<std::recursive_mutex> lock(gMutex);
+    std::unique_lock<std::recursive_mutex> lock(gMutex);
+    RunHook(lock, "SetPrinterW", 0);
     bool ok = Resolve(handle) != nullptr;
     Record("SetPrinterW", 0, level, command, ok);
     if (!ok) SetLastError(ERROR_INVALID_HANDLE);
@@ -203,8 +213,8 @@ void ResetSpooler() {
     gPrinters.clear();
     gJobs.clear();
     gCalls.clear();
-    gGetJobHook = nullptr;
-    gGetJobCalls = 0;
+    gHook = nullptr;
+    gHookCalls = 0;
 }
 
 std::vector<SpoolerCall> SpoolerCalls() {
@@ -217,10 +227,22 @@ int OpenPrinterHandles() {
     return static_cast<int>(gHandles.size());
 }
 
-void SetGetJobHook(std::function<void(DWORD jobId, int callNumber)> hook) {
+void SetSpoolerHook(std::function<void(const char *function, DWORD jobId, int callNumber)> hook) {
     std::lock_guard<std::recursive_mutex> lock(gMutex);
-    gGetJobHook = std::move(hook);
-    gGetJobCalls = 0;
+    gHook = std::move(hook);
+    gHookCalls = 0;
+}
+
+void SetGetJobHook(std::function<void(DWORD jobId, int callNumber)> hook) {
+    if (!hook) {
+        SetSpoolerHook(nullptr);
+        return;
+    }
+    // Numbered by the GetJobW calls alone.
+    auto calls = std::make_shared<int>(0);
+    SetSpoolerHook([hook, calls](const char *function, DWORD jobId, int) {
+        if (std::strcmp(function, "GetJobW") == 0) hook(jobId, ++*calls);
+    });
 }
 
 }  // namespace kvthost

@@ -40,6 +40,8 @@ void SetPrefix(const std::string &dir);  // overrides KVT_PREFIX for this proces
 bool MakePrefix(std::string *error);
 // Maps a Windows path (C:\Windows\System32\KVTLOG) to the file in the prefix.
 std::string MapPath(const std::u16string &windowsPath);
+// GetSystemDirectoryW fails (returns 0) while set: for tests.
+void SetSystemDirectoryFails(bool fails);
 
 // ---- registry -----------------------------------------------------------------
 // HKEY_LOCAL_MACHINE lives in <prefix>/system.reg.  ResetRegistry empties it
@@ -80,6 +82,10 @@ int OpenPrinterHandles();  // handles opened and not yet closed
 // Runs at each GetJobW on a job, before the record is read: lets a test delete
 // a job at a chosen moment, as a user would.
 void SetGetJobHook(std::function<void(DWORD jobId, int callNumber)> hook);
+// Runs at the start of every GetJobW, SetJobW, SetPrinterW and ClosePrinter
+// (callNumber counts them all): lets a test act at each moment the monitor
+// talks to the spooler.  Replaces a GetJobW hook.
+void SetSpoolerHook(std::function<void(const char *function, DWORD jobId, int callNumber)> hook);
 
 // ---- the user and the machine -------------------------------------------------------
 // The user that GetUserNameW reports on this thread (the spooler impersonates the

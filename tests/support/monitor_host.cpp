@@ -41,6 +41,7 @@ TestHost::TestHost(const HostOptions &o) {
     kvthost::SetUserNameFails(false);
     kvthost::RevertToSelf();
     kvthost::SetComputerName("");
+    kvthost::SetSystemDirectoryFails(false);
     kvthost::SetTimeScale(o.timeScale);
     if (o.tcpip) {
         HKEY key = Create(u"SYSTEM\\CurrentControlSet\\Services\\Tcpip");
@@ -63,7 +64,8 @@ TestHost::TestHost(const HostOptions &o) {
 TestHost::~TestHost() {
     ResetMonitor();
     kvthost::SetMessageBoxHandler(nullptr);
-    kvthost::SetGetJobHook(nullptr);
+    kvthost::SetSpoolerHook(nullptr);
+    kvthost::SetSystemDirectoryFails(false);
     kvthost::SetTimeScale(1.0);
     std::error_code ec;
     std::filesystem::remove_all(prefix, ec);
