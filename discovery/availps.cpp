@@ -11,15 +11,17 @@
 
 AvailPSRecord AvailPS[AVAILPS_RECORDS];
 int TotalPrintServer;
+CRITICAL_SECTION AvailPSLock;
 
 /* The list file's three queue names lie one behind the other. */
 static const int ListQueueOffsets[AVAILPS_PRINTER_PORTS] = {LIST_QUEUE_OFFSET, LIST_QUEUE_OFFSET + LIST_QUEUE_BYTES,
                                                             LIST_QUEUE_OFFSET + 2 * LIST_QUEUE_BYTES};
 
-BOOL AvailPSFull(LPCWSTR pName) {
-    if (TotalPrintServer >= 0 && TotalPrintServer < AVAILPS_RECORDS) return FALSE;
+int AvailPSNextIndex(LPCWSTR pName) {
+    int index = TotalPrintServer;
+    if (index >= 0 && index < AVAILPS_RECORDS) return index;
     LogWideName("AvailPS full, left out: %s\n", pName);
-    return TRUE;
+    return -1;
 }
 
 int WidenText(const BYTE *pText, int cbField, WCHAR *pOut, int cchOut) {
@@ -51,9 +53,10 @@ void AvailPSFromListRecord(const BYTE *pRecord, AvailPSRecord *pEntry) {
 BOOL AddListRecord(const BYTE *pRecord) {
     WCHAR name[AVAILPS_NAME_CHARS];
     WidenText(pRecord + LIST_NAME_OFFSET, LIST_NAME_BYTES, name, AVAILPS_NAME_CHARS);
-    if (AvailPSFull(name)) return FALSE;
-    AvailPSFromListRecord(pRecord, &AvailPS[TotalPrintServer]);
-    ++TotalPrintServer;
+    int index = AvailPSNextIndex(name);
+    if (index < 0) return FALSE;
+    AvailPSFromListRecord(pRecord, &AvailPS[index]);
+    TotalPrintServer = index + 1;
     return TRUE;
 }
 
@@ -63,12 +66,14 @@ int ReadListRecords(HANDLE hFile) {
     BYTE record[LIST_RECORD_BYTES];
     memset(record, 0, sizeof record);
     int records = 0;
+    EnterCriticalSection(&AvailPSLock);
     for (;;) {
         DWORD got = 0;
         if (!ReadFile(hFile, record, sizeof record, &got, NULL) || got == 0) break;
         AddListRecord(record);
         ++records;
     }
+    LeaveCriticalSection(&AvailPSLock);
     return records;
 }
 

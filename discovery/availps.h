@@ -55,8 +55,16 @@ typedef struct _AVAILPS {
 extern AvailPSRecord AvailPS[AVAILPS_RECORDS];
 extern int TotalPrintServer;
 
-/* TRUE when no further record fits; logs that the named server is left out. */
-BOOL AvailPSFull(LPCWSTR pName);
+/* The table's own lock (made at load, re-entrant).  A search or the reading of
+ * the list file holds it from its reset of TotalPrintServer to its last record;
+ * whoever reads records (a dialog's lookup) holds it while it reads. */
+extern CRITICAL_SECTION AvailPSLock;
+
+/* The index at which the next record goes: TotalPrintServer, read once, or -1
+ * when the table is full (logged, with the server that is left out).  The
+ * writer fills the record at that index and then sets TotalPrintServer to the
+ * index plus one. */
+int AvailPSNextIndex(LPCWSTR pName);
 
 /* 8-bit text from the network or the list file, widened byte by byte: from
  * pText up to its first zero byte, but never beyond cbField bytes, and at most

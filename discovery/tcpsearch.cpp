@@ -96,20 +96,22 @@ BOOL TCPSearchTakeReply(const BYTE *pReply, int cb) {
 
     for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i)
         if (lstrcmpW(AvailPS[i].Name, name) == 0) return FALSE;
-    if (AvailPSFull(name)) return FALSE;
+    int index = AvailPSNextIndex(name);
+    if (index < 0) return FALSE;
 
-    AvailPSRecord *record = &AvailPS[TotalPrintServer];
+    AvailPSRecord *record = &AvailPS[index];
     memcpy(record->Name, name, sizeof name);
     record->AutoProtocol = body[SEARCH_AUTOPROTOCOL_OFFSET];
     record->Type = type;
     memcpy(record->NodeID, pReply, NODE_ID_BYTES);
-    ++TotalPrintServer;
+    TotalPrintServer = index + 1;
     return TRUE;
 }
 
 BOOL TCPSearch(void) {
     SOCKET s = OpenSearchSocket();
     if (s == INVALID_SOCKET) return FALSE;
+    EnterCriticalSection(&AvailPSLock);
     BYTE query[MGMT_QUERY_MAX_BYTES];
     BuildManagementQuery(MGMT_CARRIER_UDP, MGMT_SEARCH, NULL, query);
 
@@ -127,6 +129,7 @@ BOOL TCPSearch(void) {
 
     for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i) TCPReadEEPROM(AvailPS[i].NodeID, i);
     for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i) TCPSearchQueueName(AvailPS[i].NodeID, i);
+    LeaveCriticalSection(&AvailPSLock);
     return TRUE;
 }
 

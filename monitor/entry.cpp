@@ -11,6 +11,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "availps.h"
 #include "debuglog.h"
 #include "monitor.h"
 #include "portstore.h"
@@ -69,6 +70,7 @@ extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE instance, DWORD reason, LPVOID re
     if (reason == DLL_PROCESS_ATTACH) {
         DllInstance = instance;
         MessageTlsSlot = TlsAlloc();
+        InitializeCriticalSection(&AvailPSLock);
     }
     return TRUE;
 }
@@ -78,16 +80,19 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved
     return DllEntryPoint(instance, reason, reserved);
 }
 
-/* Reads a one-byte flag of the monitor's key; a missing or larger value is
- * written anew as one byte 0. */
+/* Reads a one-byte flag of the monitor's key.  Only a query that fails (the
+ * value is missing, or longer than one byte) writes the value anew as one
+ * byte 0; an empty value reads as 0 and stays as it is. */
 static BYTE ReadFlag(HKEY hKey, UINT nameId) {
     WCHAR name[32];
     LoadStr(nameId, name, 32);
     BYTE value = 0;
     DWORD cb = 1;
-    if (RegQueryValueExW(hKey, name, NULL, NULL, &value, &cb) != ERROR_SUCCESS || cb != 1) {
+    if (RegQueryValueExW(hKey, name, NULL, NULL, &value, &cb) != ERROR_SUCCESS) {
         value = 0;
         RegSetValueExW(hKey, name, 0, REG_BINARY, &value, 1);
+    } else if (cb == 0) {
+        value = 0;
     }
     return value;
 }
@@ -151,13 +156,16 @@ extern "C" LPMONITOREX WINAPI InitializePrintMonitor(LPWSTR pRegistryRoot) {
     EnterCriticalSection(&PortListLock);
 
     GetWindowsDirectoryW(WindowsPath, 359);
-    GetSystemDirectoryW(SystemPath, 511);
+    UINT cchSystem = GetSystemDirectoryW(SystemPath, 511);
+    if (cchSystem == 0 || cchSystem >= 511) SystemPath[0] = 0; /* no log, see DebugLog */
 
     /* The start-up lines are logged whatever the registry says, into a new file. */
     IsDEBUG = 1;
-    WCHAR logPath[520];
-    wsprintfW(logPath, TEXT("%s\\KVTLOG"), SystemPath);
-    DeleteFileW(logPath);
+    if (SystemPath[0] != 0) {
+        WCHAR logPath[520];
+        wsprintfW(logPath, TEXT("%s\\KVTLOG"), SystemPath);
+        DeleteFileW(logPath);
+    }
 
     DebugLog("OS type : Windows NT/2000\n");
     LogWideName("Windows path : %s\n", WindowsPath);

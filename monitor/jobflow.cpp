@@ -58,13 +58,14 @@ static DWORD KnownProtocol(DWORD protocol) {
                                                                                                      : 0;
 }
 
-BOOL IsJobDeleting(PINIPORT pIniPort) {
-    union {
-        JOB_INFO_1W info;
-        BYTE bytes[512];
-    } job;
+BOOL ReadJobRecord(PINIPORT pIniPort, JobRecord *pJob) {
     DWORD needed = 0;
-    if (!GetJobW(pIniPort->hPrinter, pIniPort->JobId, 1, job.bytes, sizeof job.bytes, &needed)) return FALSE;
+    return GetJobW(pIniPort->hPrinter, pIniPort->JobId, 1, pJob->bytes, sizeof pJob->bytes, &needed);
+}
+
+BOOL IsJobDeleting(PINIPORT pIniPort) {
+    JobRecord job;
+    if (!ReadJobRecord(pIniPort, &job)) return FALSE;
     return (job.info.Status & JOB_STATUS_DELETING) != 0;
 }
 
@@ -74,6 +75,14 @@ static void ReleasePort(PINIPORT pIniPort) {
     pIniPort->Status = 0;
     if (pIniPort->hPrinter != NULL) ClosePrinter(pIniPort->hPrinter);
     pIniPort->hPrinter = NULL;
+    LeaveCriticalSection(&PortListLock);
+}
+
+/* The job's last touch of the record: from here on it may be deleted, so the
+ * caller uses the record no more. */
+static void EndJobHold(PINIPORT pIniPort) {
+    EnterCriticalSection(&PortListLock);
+    pIniPort->JobHeld = FALSE;
     LeaveCriticalSection(&PortListLock);
 }
 
@@ -88,8 +97,8 @@ static BOOL ClaimPort(PINIPORT pIniPort, LPWSTR pPrinterName, DWORD JobId, DWORD
         return FALSE;
     }
     pIniPort->PrintProtocol = GetPrintProtocol(pIniPort->pName);
-    if ((SupportProtocol & PROTOCOL_NETBIOS) &&
-        (pIniPort->PrintProtocol == PROTOCOL_AUTO || pIniPort->PrintProtocol == PROTOCOL_NETBIOS)) {
+    DWORD stored = KnownProtocol(pIniPort->PrintProtocol);
+    if ((SupportProtocol & PROTOCOL_NETBIOS) && (stored == PROTOCOL_AUTO || stored == PROTOCOL_NETBIOS)) {
         DebugLog("Support NETBIOS\n");
         if (!bStartup) {
             bStartup = NBStartup();
@@ -108,12 +117,15 @@ static BOOL ClaimPort(PINIPORT pIniPort, LPWSTR pPrinterName, DWORD JobId, DWORD
 
     EnterCriticalSection(&PortListLock);
     LogPrintf("Status = %08X\n", (unsigned)pIniPort->Status);
-    if (pIniPort->Status != 0) {
+    /* A job holds the record also while the LPR transport has Status at 0
+     * between its attempts. */
+    if (pIniPort->Status != 0 || pIniPort->JobHeld) {
         LeaveCriticalSection(&PortListLock);
         SetLastError(ERROR_BUSY);
         LogPrintf("Leave LocalmonStartDocPort - PrintServer is busy (status: %08X)\n", (unsigned)pIniPort->Status);
         return FALSE;
     }
+    pIniPort->JobHeld = TRUE;
     pIniPort->Status = PP_INSTARTDOC;
     LogPrintf("PrintServer status change to PP_INSTARTDOC (status: %08X)\n", (unsigned)pIniPort->Status);
     pIniPort->JobId = JobId;
@@ -124,9 +136,11 @@ static BOOL ClaimPort(PINIPORT pIniPort, LPWSTR pPrinterName, DWORD JobId, DWORD
     if (!OpenPrinterW(pPrinterName, &pIniPort->hPrinter, NULL)) {
         pIniPort->Status &= ~PP_INSTARTDOC;
         pIniPort->hPrinter = NULL;
+        pIniPort->JobHeld = FALSE;
+        DWORD status = pIniPort->Status;
         LeaveCriticalSection(&PortListLock);
         SetLastError(ERROR_IO_DEVICE);
-        LogPrintf("Leave LocalmonStartDocPort - open printer fail (status = %08X)\n", (unsigned)pIniPort->Status);
+        LogPrintf("Leave LocalmonStartDocPort - open printer fail (status = %08X)\n", (unsigned)status);
         return FALSE;
     }
     LogPrintf("Open printer success (status = %08X)\n", (unsigned)pIniPort->Status);
@@ -224,6 +238,7 @@ extern "C" BOOL WINAPI LocalmonStartDocPort(HANDLE hPort, LPWSTR pPrinterName, D
         ReleasePort(pIniPort);
         SetLastError(ERROR_IO_DEVICE);
         LogPrintf("Leave LocalmonStartDocPort - ERROR_IO_DEVICE (status = %08X)\n", (unsigned)pIniPort->Status);
+        EndJobHold(pIniPort);
         return FALSE;
     }
 
@@ -244,6 +259,7 @@ extern "C" BOOL WINAPI LocalmonStartDocPort(HANDLE hPort, LPWSTR pPrinterName, D
             LogPrintf(t->Bit == PROTOCOL_IPX ? "Leave LocalmonStartDocPort - user delete job(status: %08X)\n"
                                              : "Leave LocalmonStartDocPort - user delete job (status: %08X)\n",
                       (unsigned)pIniPort->Status);
+            EndJobHold(pIniPort);
             return FALSE;
         }
         tried |= current;
@@ -252,6 +268,7 @@ extern "C" BOOL WINAPI LocalmonStartDocPort(HANDLE hPort, LPWSTR pPrinterName, D
             if (!(tried & t->Next[i])) next = t->Next[i];
         if (next == 0) {
             ReportFinalFailure(pIniPort, current, outcome);
+            EndJobHold(pIniPort);
             return FALSE;
         }
         DebugLog(TransportByBit(next)->TryLine);
@@ -335,16 +352,15 @@ extern "C" BOOL WINAPI LocalmonEndDocPort(HANDLE hPort) {
     }
     LogPrintf("Entry LocalmonEndDocPort (status = %08X)\n", (unsigned)pIniPort->Status);
     if (pIniPort->Status == 0) {
+        /* A channel job whose write failed is idle already; its end is the
+         * end of the job's hold on the record all the same. */
+        EndJobHold(pIniPort);
         DebugLog("Leave LocalmonEndDocPort - status = 0\n");
         return TRUE;
     }
 
-    union {
-        JOB_INFO_1W info;
-        BYTE bytes[1024];
-    } job;
-    DWORD needed = 0;
-    BOOL haveJob = GetJobW(pIniPort->hPrinter, pIniPort->JobId, 1, job.bytes, sizeof job.bytes, &needed);
+    JobRecord job;
+    BOOL haveJob = ReadJobRecord(pIniPort, &job);
 
     SetPrinterW(pIniPort->hPrinter, 0, NULL, PRINTER_CONTROL_SET_STATUS);
 
@@ -374,5 +390,6 @@ extern "C" BOOL WINAPI LocalmonEndDocPort(HANDLE hPort) {
         ShowNotice(pIniPort, haveJob ? &job.info : NULL);
     }
     DebugLog("Leave LocalmonEndDocPort - success\n");
+    EndJobHold(pIniPort);
     return TRUE;
 }

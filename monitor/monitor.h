@@ -57,6 +57,12 @@ typedef struct _INIPORT {
     char ServerName[20];
     DWORD PrintProtocol;
     DWORD WorkProtocol;
+    /* TRUE from the claim in LocalmonStartDocPort to the job's final reset (a
+     * failed job start, or the end of LocalmonEndDocPort), whatever the
+     * transport does with Status meanwhile: the job's thread uses the record
+     * for that whole span, so it is neither deleted nor claimed by another job.
+     * Written under PortListLock. */
+    BOOL JobHeld;
 } IniPort, *PINIPORT;
 
 /* ---- global state -------------------------------------------------------------- */
@@ -110,6 +116,14 @@ BOOL DeleteMonitorPortEntry(LPCWSTR pPortName);
 BYTE GetProtocol(void);
 
 /* ---- job flow ------------------------------------------------------------------------------ */
+/* The job record, level 1, read as the deletion test and the job end read it:
+ * into 512 bytes; a record that does not fit is not read. */
+#define JOB_RECORD_BYTES 512
+typedef union {
+    JOB_INFO_1W info;
+    BYTE bytes[JOB_RECORD_BYTES];
+} JobRecord;
+BOOL ReadJobRecord(PINIPORT pIniPort, JobRecord *pJob);
 /* The deletion test: TRUE when the spooler marks the port's job as being deleted. */
 BOOL IsJobDeleting(PINIPORT pIniPort);
 

@@ -67,15 +67,16 @@ PINIPORT CreateMonitorPortEntry(LPCWSTR pName, LPCWSTR pDeviceDesc, DWORD IPAddr
 }
 
 /* The caller holds PortListLock.  A port that a job holds is not removed: its
- * record stays valid for the job's thread, and the delete fails with
- * ERROR_BUSY. */
+ * record stays valid for the job's thread from the job start's claim to the
+ * end of LocalmonEndDocPort, also while the LPR transport has Status at 0
+ * between attempts, and the delete fails with ERROR_BUSY. */
 BOOL DeleteMonitorPortEntry(LPCWSTR pPortName) {
     DebugLog("\n");
     DebugLog("Entry DeleteMonitorPortEntry\n");
     PINIPORT prev = NULL;
     for (PINIPORT p = PortListHead; p != NULL && pPortName != NULL; prev = p, p = p->pNext) {
         if (_wcsicmp(p->pName, pPortName) != 0) continue;
-        if (p->Status != 0) {
+        if (p->JobHeld || p->Status != 0) {
             LogPrintf("Leave DeleteMonitorPortEntry - port in use (status: %08X)\n", (unsigned)p->Status);
             SetLastError(ERROR_BUSY);
             return FALSE;

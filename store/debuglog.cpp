@@ -20,14 +20,19 @@ void DebugLog(const char *text) {
     /* Logging never changes what the caller reports: keep its last error. */
     DWORD lastError = GetLastError();
 
+    /* Without the system folder there is no place for the log: rather no
+     * line than a file at the root of the drive. */
+    WCHAR path[512 + 8];
+    UINT len = GetSystemDirectoryW(path, 512);
+    if (len == 0 || len >= 512) {
+        SetLastError(lastError);
+        return;
+    }
+    lstrcatW(path, TEXT("\\KVTLOG"));
+
     char line[LOG_BUFFER_SIZE];
     strncpy(line, text, sizeof line - 1);
     line[sizeof line - 1] = 0;
-
-    WCHAR path[512 + 8];
-    UINT len = GetSystemDirectoryW(path, 512);
-    if (len == 0 || len >= 512) path[0] = 0;
-    lstrcatW(path, TEXT("\\KVTLOG"));
 
     HANDLE file = CreateFileW(path, GENERIC_WRITE, 0, NULL, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, NULL);
     if (file == INVALID_HANDLE_VALUE) {

@@ -60,10 +60,56 @@ static BOOL SplitPortName(LPCWSTR pPortName, LPWSTR pServer, WCHAR *pLast) {
     return TRUE;
 }
 
+/* Copies the text of a fixed-width field: up to its terminator, and never more
+ * than the field holds with one (cchField - 1 characters), whatever the field's
+ * filler left in it.  pOut has room for cchField characters. */
+static void CopyField(LPWSTR pOut, LPCWSTR pField, int cchField) {
+    int n = 0;
+    while (n < cchField - 1 && pField[n] != 0) {
+        pOut[n] = pField[n];
+        ++n;
+    }
+    pOut[n] = 0;
+}
+
+/* Reads "QueueName" of an open digit key into pOut, cchOut characters with the
+ * terminator.  A longer name is cut to cchOut - 1 characters; FALSE, with pOut
+ * empty, when the value is missing or can't be read. */
+static BOOL ReadQueueName(HKEY hKey, LPWSTR pOut, int cchOut) {
+    WCHAR name[32];
+    LoadStr(IDS_QUEUENAME, name, 32);
+    pOut[0] = 0;
+    DWORD cb = (DWORD)cchOut * sizeof(WCHAR);
+    BYTE *data = (BYTE *)LocalAlloc(LPTR, cb + sizeof(WCHAR));
+    if (data == NULL) return FALSE;
+    LONG status = RegQueryValueExW(hKey, name, NULL, NULL, data, &cb);
+    if (status == ERROR_MORE_DATA) {
+        /* Longer than the room: read it whole, then cut it. */
+        LocalFree(data);
+        data = (BYTE *)LocalAlloc(LPTR, cb + sizeof(WCHAR));
+        if (data == NULL) return FALSE;
+        status = RegQueryValueExW(hKey, name, NULL, NULL, data, &cb);
+    }
+    if (status == ERROR_SUCCESS) {
+        /* The allocation is zero-filled behind the value, so the text ends. */
+        LPCWSTR text = (LPCWSTR)data;
+        int n = 0;
+        while (n < cchOut - 1 && (DWORD)n < cb / sizeof(WCHAR) && text[n] != 0) {
+            pOut[n] = text[n];
+            ++n;
+        }
+        pOut[n] = 0;
+    }
+    LocalFree(data);
+    return status == ERROR_SUCCESS;
+}
+
 /* Opens Ports\<server>\<sub key> below the monitor's key. */
 static LONG OpenPortKey(LPCWSTR pServer, WCHAR subKey, PHKEY phKey) {
-    WCHAR below[SERVER_NAME_CHARS + 16];
-    wsprintfW(below, TEXT("Ports\\%s\\%c"), pServer, subKey);
+    WCHAR portsName[16];
+    LoadStr(IDS_PORTS, portsName, 16);
+    WCHAR below[SERVER_NAME_CHARS + 32];
+    wsprintfW(below, TEXT("%s\\%s\\%c"), portsName, pServer, subKey);
     WCHAR path[400];
     MonitorKeyPath(path, 400, below);
     return RegOpenKeyW(HKEY_LOCAL_MACHINE, path, phKey);
@@ -104,6 +150,10 @@ void EnumPServerPorts(void) {
                  ++j, cchDigit = 80) {
                 WCHAR portName[SERVER_NAME_CHARS + 8];
                 PortNameFromKey(portName, server, digit[0]);
+                /* A start-up that runs again keeps the records it made the
+                 * first time (a job or a handle may use them) and adds only
+                 * what the tree has that the list lacks. */
+                if (FindPortFromList(portName) != NULL) continue;
                 CreateMonitorPortEntry(portName, MonitorName, address, netNum, node, (BYTE)digit[0]);
             }
             RegCloseKey(hServer);
@@ -144,6 +194,15 @@ void CreatePortRegistry(const PortParam *pParam) {
         }
     }
 
+    /* Each field is taken within its own width, terminated or not. */
+    WCHAR server[SERVER_NAME_CHARS], queue[PORT_QUEUE_CHARS];
+    CopyField(server, pParam->ServerName, SERVER_NAME_CHARS);
+    const WCHAR *queueField = pParam->Lptn == '1'   ? pParam->QueueName1
+                              : pParam->Lptn == '2' ? pParam->QueueName2
+                              : pParam->Lptn == '3' ? pParam->QueueName3
+                                                    : NULL;
+    if (queueField != NULL) CopyField(queue, queueField, PORT_QUEUE_CHARS);
+
     WCHAR path[400];
     MonitorKeyPath(path, 400, NULL);
     WCHAR portsName[16];
@@ -152,12 +211,10 @@ void CreatePortRegistry(const PortParam *pParam) {
     HKEY hMonitor, hPorts, hServer, hDigit;
     if (RegOpenKeyW(HKEY_LOCAL_MACHINE, path, &hMonitor) == ERROR_SUCCESS) {
         if (RegCreateKeyW(hMonitor, portsName, &hPorts) == ERROR_SUCCESS) {
-            if (RegCreateKeyW(hPorts, pParam->ServerName, &hServer) == ERROR_SUCCESS) {
+            if (RegCreateKeyW(hPorts, server, &hServer) == ERROR_SUCCESS) {
                 if (RegCreateKeyW(hServer, digit, &hDigit) == ERROR_SUCCESS) {
                     SetBinary(hDigit, IDS_PROTOCOL, &pParam->Protocol, 1);
-                    if (pParam->Lptn == '1') SetString(hDigit, IDS_QUEUENAME, pParam->QueueName1);
-                    if (pParam->Lptn == '2') SetString(hDigit, IDS_QUEUENAME, pParam->QueueName2);
-                    if (pParam->Lptn == '3') SetString(hDigit, IDS_QUEUENAME, pParam->QueueName3);
+                    if (queueField != NULL) SetString(hDigit, IDS_QUEUENAME, queue);
                     RegCloseKey(hDigit);
                 }
                 DWORD zero = 0;
@@ -220,8 +277,11 @@ DWORD GetPrintProtocol(LPCWSTR pPortName) {
     WCHAR server[SERVER_NAME_CHARS];
     WCHAR last;
     HKEY hKey;
-    if (pPortName == NULL || !SplitPortName(pPortName, server, &last) ||
-        OpenPortKey(server, last, &hKey) != ERROR_SUCCESS) {
+    if (pPortName == NULL || !SplitPortName(pPortName, server, &last)) {
+        DebugLog("Leave GetPrintProtocol - not a port name of the tree\n");
+        return 0;
+    }
+    if (OpenPortKey(server, last, &hKey) != ERROR_SUCCESS) {
         DebugLog("Leave GetPrintProtocol - RegOpenKey error\n");
         return 0;
     }
@@ -229,16 +289,11 @@ DWORD GetPrintProtocol(LPCWSTR pPortName) {
     BYTE protocol = 0;
     DWORD cb = 1;
     LoadStr(IDS_PROTOCOL, name, 32);
-    if (RegQueryValueExW(hKey, name, NULL, NULL, &protocol, &cb) != ERROR_SUCCESS) protocol = 0;
+    if (RegQueryValueExW(hKey, name, NULL, NULL, &protocol, &cb) != ERROR_SUCCESS || cb == 0) protocol = 0;
 
-    /* Every lookup refreshes the queue name that the configure dialog shows. */
-    BYTE queue[QUEUE_NAME_BYTES];
-    cb = QUEUE_NAME_BYTES;
-    LoadStr(IDS_QUEUENAME, name, 32);
-    if (RegQueryValueExW(hKey, name, NULL, NULL, queue, &cb) != ERROR_SUCCESS) cb = 0;
-    memset(QueueNameBuffer, 0, sizeof QueueNameBuffer);
-    memcpy(QueueNameBuffer, queue, cb);
-    QueueNameBuffer[QUEUE_NAME_BYTES / sizeof(WCHAR) - 1] = 0;
+    /* Every lookup refreshes the queue name that the configure dialog shows:
+     * empty when there is none, cut to the buffer when it is longer. */
+    ReadQueueName(hKey, QueueNameBuffer, PORT_QUEUE_CHARS);
 
     RegCloseKey(hKey);
     LogPrintf("Leave GetPrintProtocol - protocol = %d\n", protocol);
@@ -256,19 +311,21 @@ BOOL GetPrintQueueName(LPCWSTR pPortName, char *pQueueName) {
     WCHAR server[SERVER_NAME_CHARS];
     WCHAR last;
     HKEY hKey;
-    if (pPortName == NULL || !SplitPortName(pPortName, server, &last) ||
-        OpenPortKey(server, last, &hKey) != ERROR_SUCCESS) {
+    if (pPortName == NULL || !SplitPortName(pPortName, server, &last)) {
+        DebugLog("Leave GetPrintQueueName - not a port name of the tree\n");
+        return FALSE;
+    }
+    if (OpenPortKey(server, last, &hKey) != ERROR_SUCCESS) {
         DebugLog("Leave GetPrintQueueName - RegOpenKey error\n");
         return FALSE;
     }
-    WCHAR name[32];
-    LoadStr(IDS_QUEUENAME, name, 32);
-    WCHAR wide[64 + 1];
+    /* Room for the 63 characters that the packed name holds: a longer name is
+     * cut there. */
+    WCHAR wide[QUEUE_NAME_BYTES];
     memset(wide, 0, sizeof wide);
-    DWORD cb = 128;
-    LONG status = RegQueryValueExW(hKey, name, NULL, NULL, (LPBYTE)wide, &cb);
+    BOOL found = ReadQueueName(hKey, wide, QUEUE_NAME_BYTES);
     RegCloseKey(hKey);
-    if (status != ERROR_SUCCESS) {
+    if (!found) {
         /* A digit key without a readable queue name is taken as one with none
          * stored: the caller falls back to "lpt" and the port digit. */
         DebugLog("Leave GetPrintQueueName - QueueName not found\n");

@@ -21,7 +21,8 @@
 #define IDS_QUEUENAME 1118
 
 #define SERVER_NAME_CHARS 48  /* a server name has at most 47 characters */
-#define QUEUE_NAME_BYTES 64
+#define PORT_QUEUE_CHARS 32   /* a PortParam queue name: 31 characters and the terminator */
+#define QUEUE_NAME_BYTES 64   /* the packed LPR queue name: 63 bytes and the terminator */
 
 /* A new port's data, filled by the add-port paths and stored by CreatePortRegistry. */
 typedef struct _PORTPARAM {
@@ -31,9 +32,9 @@ typedef struct _PORTPARAM {
     BYTE NodeID[6];
     BYTE NetNum[4];
     BYTE Protocol;
-    WCHAR QueueName1[32];
-    WCHAR QueueName2[32];
-    WCHAR QueueName3[32];
+    WCHAR QueueName1[PORT_QUEUE_CHARS];
+    WCHAR QueueName2[PORT_QUEUE_CHARS];
+    WCHAR QueueName3[PORT_QUEUE_CHARS];
 } PortParam, *PPORTPARAM;
 
 /* The LPR queue name that GetPrintProtocol read last, for the configure dialog. */

@@ -29,8 +29,10 @@ static void ShortHostName(char *pOut, int cbOut) {
     name[0] = 0;
     if (gethostname(name, sizeof name) != 0) name[0] = 0;
     name[sizeof name - 1] = 0;
-    char *first = strtok(name, ".");
-    snprintf(pOut, cbOut, "%s", first != NULL ? first : "");
+    /* The first token before a dot, as strtok gives it (leading dots are
+     * skipped), without strtok's hidden state: job threads run this at once. */
+    const char *first = name + strspn(name, ".");
+    snprintf(pOut, cbOut, "%.*s", (int)strcspn(first, "."), first);
 }
 
 /* A name from the spooler, narrowed to one byte a character and cut to what
@@ -149,8 +151,8 @@ static int BuildControlFile(PINIPORT pIniPort, char *pOut) {
     int n = 0;
     pOut[n++] = 0x02;
 
-    WCHAR user[LPR_NAME_BYTES];
-    DWORD cchUser = LPR_NAME_BYTES;
+    WCHAR user[LPR_USER_CHARS];
+    DWORD cchUser = LPR_USER_CHARS;
     if (GetUserNameW(user, &cchUser)) {
         NarrowName(user, name);
         int start = n;

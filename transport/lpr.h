@@ -24,6 +24,7 @@
 #define LPR_HANDSHAKE_WAITS 20
 
 #define LPR_NAME_BYTES 257      /* a user or document name with its terminator */
+#define LPR_USER_CHARS 256      /* GetUserNameW's room, in wide characters */
 #define LPR_HOSTNAME_BYTES 60   /* the short host name's buffer */
 #define LPR_LINE_BYTES 400
 #define LPR_CONTROL_BYTES (1 + 3 * (1 + LPR_NAME_BYTES) + (1 + LPR_HOSTNAME_BYTES + 1) + 1)

@@ -8,8 +8,12 @@
 #include "kvtsearch.h"
 
 extern "C" int KvtSearchTcpip(KvtFoundServer *out, int max) {
+    EnterCriticalSection(&AvailPSLock);
     TotalPrintServer = 0;
-    if (!TCPSearch()) return -1;
+    if (!TCPSearch()) {
+        LeaveCriticalSection(&AvailPSLock);
+        return -1;
+    }
     int found = TotalPrintServer;
     for (int i = 0; i < found && i < max; ++i) {
         const AvailPSRecord &r = AvailPS[i];
@@ -29,5 +33,6 @@ extern "C" int KvtSearchTcpip(KvtFoundServer *out, int max) {
             s.queues[q][KVT_SEARCH_QUEUE_BYTES - 1] = 0;
         }
     }
+    LeaveCriticalSection(&AvailPSLock);
     return found;
 }

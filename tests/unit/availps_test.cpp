@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <memory>
+#include <thread>
 
 #include "discovery_fixture.h"
 #include "kvthost.h"
@@ -150,6 +151,32 @@ TEST_F(ListFile, RecordsFollowTheTableAndAShortLastPieceKeepsTheBytesBefore) {
     EXPECT_EQ(NameOf(3), "third");
     EXPECT_EQ(AvailPS[3].IPAddress, AvailPS[2].IPAddress) << "the bytes the piece didn't bring";
     EXPECT_EQ(Wide(AvailPS[3].QueueName[1].Wide), u"queue two");
+}
+
+// Two list files read at once (the table's lock keeps the readers apart):
+// the table fills to its last record and no further, every record whole,
+// each file's records in their order.
+TEST_F(ListFile, TwoReadersAtOnceFillTheTableAndNoFurther) {
+    auto read = [](const char16_t *path, char letter) {
+        Bytes file;
+        for (int i = 0; i < 80; ++i) file += ListRecord(std::string(1, letter) + std::to_string(100 + i));
+        std::ofstream(kvthost::MapPath(path), std::ios::binary).write(file.data(), static_cast<std::streamsize>(file.size()));
+        HANDLE handle = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0x04000080, nullptr);
+        ReadListRecords(handle);
+        CloseHandle(handle);
+    };
+    std::thread a(read, u"C:\\Windows\\SysWOW64\\A.BIN", 'A');
+    std::thread b(read, u"C:\\Windows\\SysWOW64\\B.BIN", 'B');
+    a.join();
+    b.join();
+    ASSERT_EQ(TotalPrintServer, AVAILPS_RECORDS);
+    int next[2] = {100, 100};
+    for (int i = 0; i < AVAILPS_RECORDS; ++i) {
+        std::string name = NameOf(i);
+        ASSERT_EQ(name.size(), 4u) << i;
+        int file = name[0] == 'A' ? 0 : 1;
+        EXPECT_EQ(std::stoi(name.substr(1)), next[file]++) << i;
+    }
 }
 
 TEST_F(ListFile, AServerBeyondTheHundredthIsLeftOutAndTheFileReadToItsEnd) {

@@ -55,6 +55,16 @@ TEST_P(TransportChoiceTest, WalksTheTransportsInTheirOrder) {
     EXPECT_EQ(port->Status, 0u);
     EXPECT_EQ(port->hPrinter, nullptr);
     EXPECT_EQ(kvthost::OpenPrinterHandles(), 0);
+    // NetBIOS is started before the port is claimed when the job may use it:
+    // on a host with NetBIOS, for a port on automatic or fixed to NetBIOS.
+    std::vector<std::string> lines = kvttest::LogLines();
+    auto first = [&](const std::string &prefix) {
+        for (size_t i = 0; i < lines.size(); ++i)
+            if (lines[i].rfind(prefix, 0) == 0) return i;
+        return lines.size();
+    };
+    bool mayUseNetbios = c.host.netbios && (c.stored == 0 || c.stored == 3 || c.stored == 4);
+    EXPECT_EQ(first("Support NETBIOS") < first("Status = "), mayUseNetbios);
 }
 
 const std::vector<std::string> kTcpIpxNb = {"TCPIP", "IPX", "NETBIOS"};
@@ -217,6 +227,28 @@ TEST_F(JobTest, TheNoticeFollowsAJobOnlyWhenIsNotifyIsOne) {
         emulator.Stop();
         host.reset();
     }
+}
+
+// The job end reads the job record into 512 bytes, as the deletion test does:
+// a record that doesn't fit (a long document name) is not read, and the notice
+// then names no document.
+TEST_F(JobTest, TheNoticeOfAJobWhoseRecordDoesNotFitNamesNoDocument) {
+    HostOptions options;
+    options.notify = 1;
+    PINIPORT port = StartPort(options);
+    kvthost::JobSpec job;
+    job.printer = kPrinter;
+    job.jobId = 7;
+    job.document = std::u16string(300, u'd');
+    kvthost::AddJob(job);
+    StartServer();
+    ASSERT_TRUE(StartDoc(port));
+    kvthost::ClearMessageBoxes();
+    LocalmonEndDocPort(port);
+    auto boxes = kvthost::MessageBoxes();
+    ASSERT_EQ(boxes.size(), 1u);
+    EXPECT_EQ(boxes[0].text, u" printing success !!");
+    EXPECT_EQ(boxes[0].caption, u"PS1-P1");
 }
 
 TEST_F(JobTest, ClosingThePortLeavesARunningJobAlone) {

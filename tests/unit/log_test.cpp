@@ -70,7 +70,7 @@ const char kStartup[] =
     "PortName: PS1-P1\n\n"
     "DeviceDesc: PrintServer Network Port\n\n"
     "IPAddress: 7F000002 \t Lptn: 1\n\n"
-    "AllocSplMem success ( 280 bytes)\n\n"
+    "AllocSplMem success ( 288 bytes)\n\n"
     "Leave CreateMonitorPortEntry\n\n"
     "Leave EnumPServerPorts\n\n"
     "WSAStartup ver 1.1 success\n\n"

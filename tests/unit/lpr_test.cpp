@@ -52,6 +52,24 @@ TEST_F(JobTest, ControlFileDropsTheLinesOfWhatCannotBeRead) {
     EXPECT_EQ(job.dataCommand, std::string("\x03" "2147483647 dfA099standalone\n"));
 }
 
+// GetUserNameW has room for 256 characters: a name that needs more (with its
+// terminator) is not read, and the control file has no user line.
+TEST_F(JobTest, AUserNameIsReadIntoRoomFor256Characters) {
+    for (size_t length : {255u, 256u}) {
+        SCOPED_TRACE(length);
+        PINIPORT port = StartPort();
+        StartServer();
+        kvthost::ImpersonateUser(std::u16string(length, u'u'));
+        ASSERT_TRUE(StartDoc(port));
+        LocalmonEndDocPort(port);
+        ASSERT_TRUE(emulator.WaitForJobs("PS1", 1, 10000));
+        std::vector<std::string> lines = emulator.Jobs("PS1").front().controlLines;
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines[0], length == 255 ? "H" + std::string(255, 'u') : "Jreport");
+        emulator.Stop();
+    }
+}
+
 TEST_F(JobTest, JobIdsAboveNineHundredNinetyNineAreNotCut) {
     PINIPORT port = StartPort();
     StartServer();
@@ -96,6 +114,9 @@ struct QueueCase {
 
 class QueueNameTest : public JobTest, public ::testing::WithParamInterface<QueueCase> {};
 
+const std::u16string kLongQueueText(64, u'q');
+const char16_t *const kLongQueue = kLongQueueText.c_str();
+
 TEST_P(QueueNameTest, FirstLineCarriesTheQueueName) {
     const QueueCase &c = GetParam();
     PINIPORT port = StartPort(kvttest::HostOptions(), 0, c.stored, c.digitKey);
@@ -124,7 +145,9 @@ INSTANTIATE_TEST_SUITE_P(
                       QueueCase{"NoPortKey", u'3', nullptr, false, "lpt3"},
                       // A serial port reads the key of the printer port with its
                       // digit, which isn't there: "lpt" and the digit key 4.
-                      QueueCase{"SerialPort", u'4', nullptr, true, "lpt4"}),
+                      QueueCase{"SerialPort", u'4', nullptr, true, "lpt4"},
+                      // A name longer than the 63 bytes of the packed name is cut there.
+                      QueueCase{"SixtyFourCharactersCutAt63", u'1', kLongQueue, true, std::string(63, 'q')}),
     [](const ::testing::TestParamInfo<QueueCase> &info) { return std::string(info.param.name); });
 
 TEST_F(JobTest, TenThousandBytesLeaveInSlicesOf4096In_One_Call) {

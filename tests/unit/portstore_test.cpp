@@ -3,12 +3,15 @@
 // spooler's buffer, and removal.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
 #include "job_fixture.h"
 #include "portstore.h"
+
+extern const kvthost::ResourceTable kvt_module_resources;
 
 namespace {
 
@@ -149,6 +152,77 @@ TEST(PortTree, ASerialPortReadsTheSettingsOfThePrinterPortWithItsDigit) {
     ASSERT_TRUE(GetPrintQueueName(u"Desk-C1", queue));
     EXPECT_EQ(std::memcmp(queue, "lpt1", 5), 0) << "four bytes and a zero byte";
     EXPECT_EQ(std::u16string(QueueNameBuffer), u"lpt1");
+}
+
+// Each field of PortParam is taken within its own width, terminated or not:
+// here every field is full to its last character, the last queue name up to
+// the end of the block.
+TEST(PortTree, EachFieldIsTakenWithinItsWidth) {
+    TestHost host;
+    InitializePrintMonitor(nullptr);
+    PortParam p;
+    std::memset(&p, 0, sizeof p);
+    std::fill(std::begin(p.ServerName), std::end(p.ServerName), u'S');
+    std::fill(std::begin(p.QueueName2), std::end(p.QueueName2), u'b');
+    std::fill(std::begin(p.QueueName3), std::end(p.QueueName3), u'c');
+    p.Lptn = '3';
+    p.Protocol = 4;
+    CreatePortRegistry(&p);
+    const std::u16string server(47, u'S');
+    std::vector<BYTE> queue = Value(u"\\" + server + u"\\3", u"QueueName");
+    EXPECT_EQ(queue.size(), 64u) << "31 characters and the terminator";
+    EXPECT_EQ(GetPrintProtocol((server + u"-P3").c_str()), 4u);
+    EXPECT_EQ(std::u16string(QueueNameBuffer), std::u16string(31, u'c'));
+}
+
+// The queue name that the last lookup left for the configure dialog: the one
+// stored, none (empty, whatever was there before), or a longer one cut to the
+// buffer.  A name that can't be a port of the tree says so in the log.
+TEST(PortTree, EachLookupLeavesItsQueueNameInTheBuffer) {
+    TestHost host;
+    const std::u16string longName(40, u'q');
+    kvttest::MakePortKeys(u"PS1", u'1', 1, 2, u"laser");
+    kvttest::MakePortKeys(u"PS1", u'2', 1, 2, nullptr);
+    kvttest::MakePortKeys(u"PS1", u'3', 1, 2, longName.c_str());
+    InitializePrintMonitor(nullptr);
+    GetPrintProtocol(u"PS1-P1");
+    EXPECT_EQ(std::u16string(QueueNameBuffer), u"laser");
+    GetPrintProtocol(u"PS1-P2");
+    EXPECT_EQ(std::u16string(QueueNameBuffer), u"");
+    GetPrintProtocol(u"PS1-P3");
+    EXPECT_EQ(std::u16string(QueueNameBuffer), longName.substr(0, 31));
+    EXPECT_EQ(GetPrintProtocol(u"P1"), 0u);
+    EXPECT_EQ(kvttest::LogLinesStartingWith("Leave GetPrintProtocol - not a port name of the tree").size(), 1u);
+}
+
+// Every name of the tree comes from the string table: with another text for
+// string 1107 ("Ports") the ports live, are found and go under that key.
+TEST(PortTree, TheTreesNamesComeFromTheStringTable) {
+    TestHost host;
+    std::vector<kvthost::StringResource> strings(kvt_module_resources.strings,
+                                                 kvt_module_resources.strings + kvt_module_resources.stringCount);
+    for (auto &s : strings)
+        if (s.id == IDS_PORTS) s.text = u"Gates";
+    const kvthost::ResourceTable renamed = {kvt_module_resources.moduleName, strings.data(), strings.size()};
+    kvthost::RegisterModule(DllInstance, &renamed);
+    InitializePrintMonitor(nullptr);
+    PortParam p = Param(u"PS9", '1', 0x0A000009, 4);
+    CreatePortRegistry(&p);
+    const std::u16string gates =
+        u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port\\Gates\\PS9";
+    HKEY key;
+    EXPECT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, gates.c_str(), &key), ERROR_SUCCESS);
+    RegCloseKey(key);
+    EXPECT_EQ(GetPrintProtocol(u"PS9-P1"), 4u);
+    char queue[QUEUE_NAME_BYTES];
+    EXPECT_TRUE(GetPrintQueueName(u"PS9-P1", queue));
+    EXPECT_STREQ(queue, "q-one");
+    kvttest::ResetMonitor();
+    InitializePrintMonitor(nullptr);
+    EXPECT_EQ(PortNames(), std::vector<std::string>{"PS9-P1"});
+    DeletePortRegistry(u"PS9-P1");
+    EXPECT_NE(RegOpenKeyW(HKEY_LOCAL_MACHINE, gates.c_str(), &key), ERROR_SUCCESS);
+    kvthost::RegisterModule(DllInstance, &kvt_module_resources);
 }
 
 TEST(PortTree, AServerNameTooLongForTheBufferEndsTheEnumeration) {

@@ -73,6 +73,68 @@ TEST(Startup, MissingFlagsAreWrittenAsZeroAndTheLogStops) {
     EXPECT_TRUE(kvthost::MessageBoxes().empty());
 }
 
+// A flag is written anew as one byte 0 only when its query fails: the value is
+// missing, or longer than one byte.  An empty value reads as 0 and stays.
+TEST(Startup, OnlyAFlagThatCannotBeReadIsWrittenAnew) {
+    struct Case {
+        const char *name;
+        std::vector<BYTE> stored;  // {0xEE}: no value at all
+        BYTE flag;
+        std::vector<BYTE> after;
+    };
+    const Case cases[] = {{"missing", {0xEE}, 0, {0}},
+                          {"empty", {}, 0, {}},
+                          {"one byte", {1}, 1, {1}},
+                          {"two bytes", {1, 1}, 0, {0}}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        HostOptions options;
+        options.monitorKey = false;
+        TestHost host(options);
+        const char16_t *path = u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port";
+        HKEY key;
+        ASSERT_EQ(RegCreateKeyW(HKEY_LOCAL_MACHINE, path, &key), ERROR_SUCCESS);
+        BYTE zero = 0;
+        RegSetValueExW(key, u"IsDEBUG", 0, REG_BINARY, &zero, 1);
+        if (c.stored != std::vector<BYTE>{0xEE})
+            RegSetValueExW(key, u"IsNOTIFY", 0, REG_BINARY, c.stored.data(), static_cast<DWORD>(c.stored.size()));
+        RegCloseKey(key);
+        InitializePrintMonitor(nullptr);
+        EXPECT_EQ(IsNOTIFY, c.flag);
+        ASSERT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, path, &key), ERROR_SUCCESS);
+        BYTE value[8];
+        DWORD cb = sizeof value;
+        ASSERT_EQ(RegQueryValueExW(key, u"IsNOTIFY", nullptr, nullptr, value, &cb), ERROR_SUCCESS);
+        EXPECT_EQ(std::vector<BYTE>(value, value + cb), c.after);
+        RegCloseKey(key);
+    }
+}
+
+// A second start-up keeps the records of the first (a job or a handle may use
+// them) and adds only the ports that the tree has and the list lacks.
+TEST(Startup, ASecondStartUpAddsNoPortTwice) {
+    TestHost host;
+    kvttest::MakePortKeys(u"PS1", u'1', 0x7F000002, 0, nullptr);
+    InitializePrintMonitor(nullptr);
+    PINIPORT first = PortListHead;
+    kvttest::MakePortKeys(u"PS2", u'2', 0x7F000003, 0, nullptr);
+    InitializePrintMonitor(nullptr);
+    std::vector<std::string> names;
+    for (PINIPORT p = PortListHead; p != nullptr; p = p->pNext) names.push_back(Narrow(p->pName));
+    EXPECT_EQ(names, (std::vector<std::string>{"PS1-P1", "PS2-P2"}));
+    EXPECT_EQ(PortListHead, first);
+}
+
+// Without the system folder there is nowhere to log: no file is written at
+// the root of the drive instead.
+TEST(Startup, WithoutASystemFolderNothingIsLogged) {
+    TestHost host;
+    kvthost::SetSystemDirectoryFails(true);
+    InitializePrintMonitor(nullptr);
+    EXPECT_FALSE(std::ifstream(kvthost::MapPath(u"C:\\KVTLOG")).good());
+    EXPECT_FALSE(std::ifstream(kvthost::MapPath(u"C:\\Windows\\System32\\KVTLOG")).good());
+}
+
 TEST(Startup, WithoutTheMonitorKeyTheLogStaysOnAndSaysSo) {
     HostOptions options;
     options.monitorKey = false;
@@ -199,22 +261,6 @@ TEST(PortList, DeletingAPortThatIsNotThereSaysSoWithTheLogOn) {
     EXPECT_FALSE(LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(u"PS1-P2")));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_UNKNOWN_PORT)) << "the log's own calls keep it";
     EXPECT_NE(PortListHead, nullptr);
-}
-
-class BusyPort : public JobTest {};
-
-TEST_F(BusyPort, APortWithARunningJobIsNotDeletedUnderIt) {
-    PINIPORT port = StartPort();
-    StartServer();
-    ASSERT_TRUE(StartDoc(port));
-    SetLastError(kSentinel);
-    EXPECT_FALSE(LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(u"ps1-p1")));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_BUSY));
-    EXPECT_EQ(PortListHead, port);
-    ASSERT_TRUE(WriteAll(port, "the job goes on"));
-    EXPECT_TRUE(LocalmonEndDocPort(port));
-    EXPECT_TRUE(LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(u"ps1-p1")));
-    EXPECT_EQ(PortListHead, nullptr);
 }
 
 }  // namespace
