@@ -1,4 +1,4 @@
-// Winsock's start-up, its fd_set, its error numbers, options and names.
+// Winsock's start-up, its fd_set, its error numbers and names.
 #include <windows.h>
 
 #include <thread>
@@ -108,48 +108,6 @@ TEST_F(WinsockSelect, NoTimeoutWaitsForTheSocket) {
     FD_SET(a, &readable);
     EXPECT_EQ(select(0, &readable, nullptr, nullptr, nullptr), 1);
     writer.join();
-}
-
-using WinsockOptions = WinsockTest;
-
-TEST_F(WinsockOptions, WinsockLevelsAndNumbers) {
-    SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
-    int on = 1, value = 0, length = sizeof value;
-    EXPECT_EQ(setsockopt(s, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<char *>(&on), sizeof on), 0);
-    EXPECT_EQ(getsockopt(s, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<char *>(&value), &length), 0);
-    EXPECT_NE(value, 0);
-    EXPECT_EQ(setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char *>(&on), sizeof on), 0);
-    EXPECT_EQ(getsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char *>(&value), &length), 0);
-    EXPECT_NE(value, 0);
-    int size = 8192;
-    EXPECT_EQ(setsockopt(s, SOL_SOCKET, SO_RCVBUF, reinterpret_cast<char *>(&size), sizeof size), 0);
-    EXPECT_EQ(getsockopt(s, SOL_SOCKET, SO_RCVBUF, reinterpret_cast<char *>(&value), &length), 0);
-    EXPECT_EQ(value, 8192) << "as set, not doubled";
-    EXPECT_EQ(setsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char *>(&on), sizeof on), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAENOPROTOOPT);
-    EXPECT_EQ(setsockopt(s, SOL_SOCKET, 0x4242, reinterpret_cast<char *>(&on), sizeof on), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAENOPROTOOPT);
-    length = 2;
-    EXPECT_EQ(getsockopt(s, SOL_SOCKET, SO_RCVBUF, reinterpret_cast<char *>(&value), &length), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
-    closesocket(s);
-}
-
-TEST(WinsockAddresses, DottedTextAndByteOrder) {
-    in_addr a;
-    a.s_addr = static_cast<u_long>(inet_addr("127.0.0.2"));
-    EXPECT_EQ(a.S_un.S_un_b.s_b1, 127);
-    EXPECT_EQ(a.S_un.S_un_b.s_b4, 2);
-    EXPECT_STREQ(inet_ntoa(a), "127.0.0.2");
-    EXPECT_EQ(inet_addr("127.1"), inet_addr("127.0.0.1"));
-    EXPECT_EQ(inet_addr("0x7f.0.0.010"), inet_addr("127.0.0.8"));
-    EXPECT_EQ(inet_addr("255.255.255.255"), static_cast<unsigned long>(INADDR_NONE));
-    for (const char *bad : {"", "256.1.1.1", "1.2.3.4.5", "1.2.3.x", "printer"})
-        EXPECT_EQ(inet_addr(bad), static_cast<unsigned long>(INADDR_NONE)) << bad;
-    u_short port = htons(515);
-    EXPECT_EQ(reinterpret_cast<u_char *>(&port)[0], 0x02);
-    EXPECT_EQ(ntohs(port), 515);
-    EXPECT_EQ(ntohl(htonl(0x7f000001)), 0x7f000001u);
 }
 
 using WinsockNames = WinsockTest;
