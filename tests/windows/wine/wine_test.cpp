@@ -41,7 +41,7 @@ namespace {
 
 constexpr int kRunMs = 60000;  // the longest a harness run may take
 // The port record without its two strings, in the 64-bit Windows build.
-constexpr size_t kIniPortBytes = 216;
+constexpr size_t kIniPortBytes = 224;
 const std::string kMonitorName = "PrintServer Network Port";
 
 std::string ReadFile(const std::string &path) {
