@@ -69,10 +69,10 @@ void DrainErrorQueue(int fd) {
 
 }  // namespace
 
-int OpenInet(bool stream, int protocol) {
+int OpenInet(bool stream, int protocol, bool reportUnreachable) {
     int fd = socket(AF_INET, (stream ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, protocol);
     if (fd < 0) return -errno;
-    if (!stream) {
+    if (!stream && reportUnreachable) {
         // Queue ICMP errors on unconnected sockets too, so that a datagram sent
         // to a closed port fails the next receive (WSAECONNRESET on Windows).
         int on = 1;

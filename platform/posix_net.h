@@ -24,9 +24,10 @@ enum class Option { ReuseAddr, Broadcast, SndBuf, RcvBuf, Error, TcpNoDelay };
 // Message flags, by meaning.
 constexpr unsigned kMsgOob = 1, kMsgPeek = 2, kMsgDontRoute = 4, kMsgWaitAll = 8;
 
-// A TCP (stream) or UDP socket, close-on-exec; an ICMP error on a UDP socket
-// is reported by its next receive, as on Windows.
-int OpenInet(bool stream, int protocol);
+// A TCP (stream) or UDP socket, close-on-exec.  With reportUnreachable an
+// ICMP error on a UDP socket is reported by its next receive, as Windows does
+// for UDP; without it (the sockets that carry IPX) it is never reported.
+int OpenInet(bool stream, int protocol, bool reportUnreachable = true);
 // Wakes the calls blocked on fd in other threads, then closes it.
 int Close(int fd);
 int SetNonBlocking(int fd, bool on);

@@ -15,10 +15,12 @@
 #include <vector>
 
 #include "clock_internal.h"
+#include "ipx_internal.h"
 #include "kvthost.h"
 #include "posix_net.h"
 
 #include <winsock2.h>
+#include <wsipx.h>
 
 namespace {
 
@@ -159,14 +161,24 @@ int WsaError(int negErrno) {
 }
 
 // ---- addresses --------------------------------------------------------------------
-// The Internet address a Winsock address stands for on this socket.
+// ToInet's answer for an IPX address that no host of the mapping has: a
+// datagram sent there goes out and is lost, as on a network without that node.
+constexpr int kNoSuchNode = -1;
+
+// The Internet address a Winsock address stands for on this socket.  An IPX
+// socket's addresses go through the mapping of ipx_internal.h.
 int ToInet(const SockState &state, const struct sockaddr *name, int namelen, kvtnet::Inet *out) {
     if (name == nullptr) return WSAEFAULT;
     if (state.family == AF_IPX) {
-        // IPX seam: an IPX datagram socket is a UDP socket, and SOCKADDR_IPX
-        // (network, node, socket number) maps to an Internet address and port
-        // here: node 00-00-a-b-c-d is a.b.c.d, FF-FF-FF-FF-FF-FF is
-        // 255.255.255.255, socket number s is UDP port 0x8000 + s.
+        if (namelen < static_cast<int>(sizeof(SOCKADDR_IPX))) return WSAEFAULT;
+        SOCKADDR_IPX ipx;
+        std::memcpy(&ipx, name, sizeof ipx);
+        if (ipx.sa_family != AF_IPX) return WSAEAFNOSUPPORT;
+        switch (kvtipx::ToInet(ipx, out)) {
+        case kvtipx::Place::Here: return 0;
+        case kvtipx::Place::OtherNetwork: return WSAENETUNREACH;
+        case kvtipx::Place::NoSuchNode: return kNoSuchNode;
+        }
         return WSAEAFNOSUPPORT;
     }
     if (namelen < static_cast<int>(sizeof(struct sockaddr_in))) return WSAEFAULT;
@@ -180,8 +192,12 @@ int ToInet(const SockState &state, const struct sockaddr *name, int namelen, kvt
 // Writes a sender's address in the socket's own family.
 int FromInet(const SockState &state, const kvtnet::Inet &in, struct sockaddr *name, int *namelen) {
     if (state.family == AF_IPX) {
-        // IPX seam: the reverse mapping, UDP sender to SOCKADDR_IPX.
-        return WSAEAFNOSUPPORT;
+        SOCKADDR_IPX ipx;
+        if (*namelen < static_cast<int>(sizeof ipx)) return WSAEFAULT;
+        kvtipx::FromInet(in, &ipx);
+        std::memcpy(name, &ipx, sizeof ipx);
+        *namelen = sizeof ipx;
+        return 0;
     }
     if (*namelen < static_cast<int>(sizeof(struct sockaddr_in))) return WSAEFAULT;
     struct sockaddr_in sin;
@@ -430,27 +446,33 @@ SOCKET WINAPI socket(int af, int type, int protocol) {
         WSASetLastError(WSANOTINITIALISED);
         return INVALID_SOCKET;
     }
-    if (af == AF_IPX) {
-        // IPX seam: an IPX datagram socket (SOCK_DGRAM) will be opened here as
-        // a UDP socket whose state has family AF_IPX; ToInet and FromInet then
-        // translate its addresses.  Until then this host has no IPX, and
-        // Windows without the IPX protocol answers so.
-        WSASetLastError(WSAEAFNOSUPPORT);
-        return INVALID_SOCKET;
-    }
-    if (af != AF_INET) {
-        WSASetLastError(WSAEAFNOSUPPORT);
-        return INVALID_SOCKET;
-    }
     bool stream;
-    if (type == SOCK_STREAM && (protocol == 0 || protocol == IPPROTO_TCP)) stream = true;
-    else if (type == SOCK_DGRAM && (protocol == 0 || protocol == IPPROTO_UDP)) stream = false;
-    else {
+    if (af == AF_IPX) {
+        // IPX datagrams (protocol NSPROTO_IPX plus the packet type) ride on
+        // UDP, where nothing reports an unreachable port: IPX has no such
+        // report.  SPX is not offered.
+        if (type != SOCK_DGRAM) {
+            WSASetLastError(WSAESOCKTNOSUPPORT);
+            return INVALID_SOCKET;
+        }
+        if (protocol < NSPROTO_IPX || protocol > NSPROTO_IPX + 255) {
+            WSASetLastError(WSAEPROTONOSUPPORT);
+            return INVALID_SOCKET;
+        }
+        stream = false;
+    } else if (af != AF_INET) {
+        WSASetLastError(WSAEAFNOSUPPORT);
+        return INVALID_SOCKET;
+    } else if (type == SOCK_STREAM && (protocol == 0 || protocol == IPPROTO_TCP)) {
+        stream = true;
+    } else if (type == SOCK_DGRAM && (protocol == 0 || protocol == IPPROTO_UDP)) {
+        stream = false;
+    } else {
         WSASetLastError((type == SOCK_STREAM || type == SOCK_DGRAM) ? WSAEPROTONOSUPPORT
                                                                     : WSAESOCKTNOSUPPORT);
         return INVALID_SOCKET;
     }
-    int fd = kvtnet::OpenInet(stream, protocol);
+    int fd = kvtnet::OpenInet(stream, af == AF_IPX ? 0 : protocol, af != AF_IPX);
     if (fd < 0) {
         WSASetLastError(WsaError(fd));
         return INVALID_SOCKET;
@@ -459,7 +481,7 @@ SOCKET WINAPI socket(int af, int type, int protocol) {
     std::lock_guard<std::mutex> guard(t.lock);
     SockState state;
     state.serial = t.nextSerial++;
-    state.family = AF_INET;
+    state.family = af;
     state.stream = stream;
     t.sockets[fd] = state;
     return HandleOf(fd);
@@ -593,8 +615,11 @@ int WINAPI bind(SOCKET s, const struct sockaddr *name, int namelen) {
     SockState state;
     if (int e = Find(s, &fd, &state)) return Fail(e);
     kvtnet::Inet address;
-    if (int e = ToInet(state, name, namelen, &address)) return Fail(e);
-    int r = kvtnet::Bind(fd, address);
+    if (int e = ToInet(state, name, namelen, &address))
+        return Fail(e == kNoSuchNode || e == WSAENETUNREACH ? WSAEADDRNOTAVAIL : e);
+    // IPX socket number 0 asks for a dynamic one, from IPX's own range.
+    int r = state.family == AF_IPX && address.port == 0 ? kvtipx::BindDynamic(fd, address)
+                                                         : kvtnet::Bind(fd, address);
     if (r < 0) return Fail(WsaError(r));
     Update(fd, state.serial, [](SockState &st) { st.bound = true; });
     return 0;
@@ -605,7 +630,8 @@ int WINAPI connect(SOCKET s, const struct sockaddr *name, int namelen) {
     SockState state;
     if (int e = Find(s, &fd, &state)) return Fail(e);
     kvtnet::Inet address;
-    if (int e = ToInet(state, name, namelen, &address)) return Fail(e);
+    if (int e = ToInet(state, name, namelen, &address))
+        return Fail(e == kNoSuchNode || e == WSAENETUNREACH ? WSAEADDRNOTAVAIL : e);
     if (!state.stream && address.addr == 0 && address.port == 0) {
         // A datagram socket "connected" to the zero address is disconnected.
         int r = kvtnet::Disconnect(fd);
@@ -677,8 +703,13 @@ int WINAPI sendto(SOCKET s, const char *buf, int len, int flags, const struct so
     if (!MessageFlags(flags, false, &how)) return Fail(WSAEOPNOTSUPP);
     if (len < 0 || (buf == nullptr && len > 0)) return Fail(WSAEFAULT);
     kvtnet::Inet address;
-    if (int e = ToInet(state, to, tolen, &address)) return Fail(e);
+    if (int e = ToInet(state, to, tolen, &address)) return e == kNoSuchNode ? len : Fail(e);
     if (!ValidDestination(address)) return Fail(WSAEADDRNOTAVAIL);
+    if (state.family == AF_IPX && !state.bound) {
+        // The first send of an unbound IPX socket takes a dynamic socket number.
+        int r = kvtipx::BindDynamic(fd, kvtnet::Inet{});
+        if (r < 0) return Fail(WsaError(r));
+    }
     long n = kvtnet::SendTo(fd, buf, static_cast<size_t>(len), how, address);
     if (n < 0) return Fail(WsaError(static_cast<int>(n)));
     if (!state.bound) Update(fd, state.serial, [](SockState &st) { st.bound = true; });
@@ -693,8 +724,8 @@ int WINAPI recvfrom(SOCKET s, char *buf, int len, int flags, struct sockaddr *fr
     if (!MessageFlags(flags, true, &how)) return Fail(WSAEOPNOTSUPP);
     if (len < 0 || (buf == nullptr && len > 0)) return Fail(WSAEFAULT);
     if (!state.stream) {
-        if (from != nullptr && (fromlen == nullptr || *fromlen < static_cast<int>(sizeof(struct sockaddr_in))))
-            return Fail(WSAEFAULT);
+        const int room = state.family == AF_IPX ? sizeof(SOCKADDR_IPX) : sizeof(struct sockaddr_in);
+        if (from != nullptr && (fromlen == nullptr || *fromlen < room)) return Fail(WSAEFAULT);
         if (!state.bound) return Fail(WSAEINVAL);  // Windows: receive on an unbound socket
     } else {
         Phase phase = CheckConnect(fd, state);
@@ -702,8 +733,15 @@ int WINAPI recvfrom(SOCKET s, char *buf, int len, int flags, struct sockaddr *fr
     }
     kvtnet::Inet sender;
     bool hasFrom = false, truncated = false;
-    long n = kvtnet::Receive(fd, buf, static_cast<size_t>(len), how, !state.stream, &sender, &hasFrom,
-                             &truncated);
+    long n;
+    for (;;) {
+        n = kvtnet::Receive(fd, buf, static_cast<size_t>(len), how, !state.stream, &sender, &hasFrom, &truncated);
+        SOCKADDR_IPX ignored;
+        if (state.family != AF_IPX || n < 0 || !hasFrom || kvtipx::FromInet(sender, &ignored)) break;
+        // A UDP datagram from no IPX socket is none of this socket's: it is
+        // taken off the queue (a peek leaves it there) and the next is read.
+        if (how & kvtnet::kMsgPeek) kvtnet::Receive(fd, nullptr, 0, 0, true, &sender, &hasFrom, &truncated);
+    }
     if (n <= 0 && !StillOpen(fd, state.serial)) return Fail(WSAEINTR);  // closed meanwhile
     if (n < 0) {
         int error = WsaError(static_cast<int>(n));
