@@ -46,4 +46,27 @@ BOOL TCPTakeQueueNames(const BYTE *pReply, int cb, int index);
 /* Cuts a queue-name text of len bytes as the search stores it; the new length. */
 int CutQueueName(char *pText, int len);
 
+/* ---- IPX discovery (discovery/ipxsearch.cpp) ----------------------------------------- */
+#define IPX_SEARCH_BUFFER 74             /* the search's receive buffer */
+#define IPX_READ_BUFFER 1024             /* the EEPROM read's */
+#define IPX_EEPROM_TRIES 5
+#define IPX_SEARCH_PASS_DATAGRAMS TCP_SEARCH_PASS_DATAGRAMS
+#define IPX_SEARCH_REPLY_MIN (MGMT_IPX_BODY + SEARCH_AUTOPROTOCOL_OFFSET + 1)
+#define IPX_EEPROM_REPLY_MIN (MGMT_IPX_BODY + EEPROM_IP_OFFSET + 4)
+
+/* The search by IPX broadcast to socket 0x3434: `passes` passes (none for 0
+ * or less), then with readInfo 1 the EEPROM image of every record in the
+ * table.  Holds AvailPSLock for its whole run and logs nothing.  FALSE only
+ * when its socket could not be set up. */
+BOOL IPXSearch(int passes, int readInfo);
+/* Reads the image of the server at nodeID into record index; TRUE when it
+ * has run, answered or not.  Called by IPXSearch, under its lock. */
+BOOL IPXReadInfo(const BYTE *nodeID, int index);
+
+/* A search reply from the node of its sender: a new record, unless it is no
+ * search reply, the name (blanks kept) is in the table, or the table is full. */
+BOOL IPXSearchTakeReply(const BYTE *pReply, int cb, const BYTE *senderNode);
+/* An EEPROM reply: TRUE when it is one, and record index is filled. */
+BOOL IPXTakeEEPROM(const BYTE *pReply, int cb, int index);
+
 #endif /* KVT_DISCOVERY_H */
