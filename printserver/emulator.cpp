@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include "kvtps.h"
+#include "ipx_server.h"
 #include "lpr_server.h"
 #include "mgmt_server.h"
 
@@ -64,13 +65,16 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
             return false;
         }
         std::string why;
-        if (!ValidateFaults(config.lpr, &why) || !ValidateManagement(config, &why)) {
+        if (!ValidateFaults(config.lpr, &why) || !ValidateManagement(config, &why) ||
+            !ValidateIpxFaults(config.ipxFaults, &why)) {
             *error = "server " + config.name + ": " + why;
             return false;
         }
     }
     auto mgmt = std::make_shared<detail::MgmtServer>(configs);
     if (!mgmt->Open(error)) return false;
+    auto ipx = std::make_shared<detail::IpxServer>(configs, ipxObserver_);
+    if (!ipx->Open(error)) return false;
     std::vector<std::shared_ptr<detail::LprServer>> servers;
     for (auto &config : configs) {
         auto server = std::make_shared<detail::LprServer>(std::move(config), observer_);
@@ -83,8 +87,10 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
     }
     for (auto &server : servers) server->Run();
     mgmt->Run();
+    ipx->Run();
     servers_ = std::move(servers);
     mgmt_ = std::move(mgmt);
+    ipx_ = std::move(ipx);
     running_ = true;
     return true;
 }
@@ -92,16 +98,19 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
 void Emulator::Stop() {
     std::vector<std::shared_ptr<detail::LprServer>> servers;
     std::shared_ptr<detail::MgmtServer> mgmt;
+    std::shared_ptr<detail::IpxServer> ipx;
     {
         std::lock_guard<std::mutex> lock(mu_);
         if (!running_) return;
         running_ = false;
         servers = servers_;
         mgmt = mgmt_;
+        ipx = ipx_;
     }
     // Not under mu_: an observer running on a server thread may call in.
     for (auto &server : servers) server->Stop();
     if (mgmt) mgmt->Stop();
+    if (ipx) ipx->Stop();
 }
 
 bool Emulator::Running() const {
@@ -205,6 +214,7 @@ bool Emulator::SetAddress(const std::string &server, const std::string &address,
     }
     if (!s->SetAddress(address, error)) return false;
     m->SetAddress(server, address);
+    if (auto x = Ipx()) x->SetAddress(server, address);
     return true;
 }
 

@@ -19,7 +19,7 @@
 // image: 512; queue names: 193; status: 62, its address at body offsets 58-61).
 // One socket per emulator, bound to 0.0.0.0:0x3434 beside any others (a socket
 // bound to a server's own address would not see broadcasts), hands each query
-// to the servers it names.
+// to the servers it names.  Each server also speaks IPX: see kvtps_ipx.h.
 #pragma once
 
 #include <array>
@@ -31,6 +31,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "kvtps_ipx.h"
 
 namespace kvtps {
 
@@ -149,6 +151,9 @@ struct ServerConfig {
     std::array<std::string, 3> queueTexts = {"lpt1 P1", "lpt2 P2", "lpt3 P3"};
     MgmtFaults mgmt;
 
+    bool ipx = true;                   // on IPX, at the address its node names (00-00-a-b-c-d)
+    IpxFaults ipxFaults;
+
     // The kvtps program moves the server to moveAddress moveAfterMs after it
     // starts (-1: never), as a device that takes a new address would.
     std::string moveAddress;
@@ -241,6 +246,7 @@ using JobObserver = std::function<void(const LprJob &job)>;
 namespace detail {
 class LprServer;
 class MgmtServer;
+class IpxServer;
 }
 
 class Emulator {
@@ -296,20 +302,33 @@ public:
     bool SetManagementFaults(const std::string &server, const MgmtFaults &faults,
                              std::string *error = nullptr);
 
+    // ---- IPX (ipx_server.cpp) ----
+    // Set before Start; called for each IPX job as it ends.
+    void SetIpxJobObserver(IpxJobObserver observer);
+    // Every channel the server opened, in order, the open ones too.
+    std::vector<IpxJob> IpxJobs(const std::string &server) const;
+    IpxCounters IpxCountersOf(const std::string &server) const;
+    IpxFaults IpxFaultsOf(const std::string &server) const;
+    bool SetIpxFaults(const std::string &server, const IpxFaults &faults, std::string *error = nullptr);
+
 private:
     std::shared_ptr<detail::LprServer> Find(const std::string &server) const;
     std::shared_ptr<detail::MgmtServer> Management() const;
+    std::shared_ptr<detail::IpxServer> Ipx() const;
 
     mutable std::mutex mu_;
     std::vector<std::shared_ptr<detail::LprServer>> servers_;
     std::shared_ptr<detail::MgmtServer> mgmt_;
+    std::shared_ptr<detail::IpxServer> ipx_;
     JobObserver observer_;
+    IpxJobObserver ipxObserver_;
     bool running_ = false;
 };
 
 // Checks a configuration's values; false with a message naming what is wrong.
 bool ValidateFaults(const LprFaults &faults, std::string *error);
 bool ValidateManagement(const ServerConfig &config, std::string *error);
+bool ValidateIpxFaults(const IpxFaults &faults, std::string *error);
 
 // The reply a server sends to a command, faults applied; empty when it
 // answers nothing.  The node and address are the server's current ones.

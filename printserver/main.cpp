@@ -30,6 +30,14 @@ void PrintSummary(const kvtps::Emulator &emulator) {
                     name.c_str(), static_cast<unsigned long long>(m.search),
                     static_cast<unsigned long long>(m.readEeprom), static_cast<unsigned long long>(m.queueNames),
                     static_cast<unsigned long long>(m.status), static_cast<unsigned long long>(m.replies));
+        kvtps::IpxCounters x = emulator.IpxCountersOf(name);
+        std::printf("kvtps: %s: IPX: %llu search, %llu EEPROM, %llu connects (%llu busy), %llu data frames "
+                    "(%llu again), %llu hang-ups; %llu replies\n",
+                    name.c_str(), static_cast<unsigned long long>(x.search),
+                    static_cast<unsigned long long>(x.readEeprom), static_cast<unsigned long long>(x.connects),
+                    static_cast<unsigned long long>(x.busyAnswers), static_cast<unsigned long long>(x.dataFrames),
+                    static_cast<unsigned long long>(x.duplicates), static_cast<unsigned long long>(x.hangups),
+                    static_cast<unsigned long long>(x.replies));
     }
 }
 
@@ -105,6 +113,11 @@ int main(int argc, char **argv) {
         if (!spooled) std::fprintf(stderr, "kvtps: %s\n", why.c_str());
         std::fflush(stdout);
     });
+    emulator.SetIpxJobObserver([&](const kvtps::IpxJob &job) {
+        std::lock_guard<std::mutex> lock(outputLock);
+        if (!options.quiet) std::printf("%s\n", kvtps::DescribeIpxJob(job).c_str());
+        std::fflush(stdout);
+    });
     if (!emulator.Start(options.servers, &error)) {
         std::fprintf(stderr, "kvtps: %s\n", error.c_str());
         return 1;
@@ -113,10 +126,11 @@ int main(int argc, char **argv) {
         std::lock_guard<std::mutex> lock(outputLock);
         for (const auto &server : options.servers) {
             const bool refusing = server.lpr.refuse;
-            std::printf("kvtps: %s on %s:%u%s, node %s%s\n", server.name.c_str(), server.address.c_str(),
+            std::printf("kvtps: %s on %s:%u%s, node %s%s%s\n", server.name.c_str(), server.address.c_str(),
                         emulator.LprPort(server.name), refusing ? " (refusing)" : "",
                         kvtps::NodeText(emulator.Node(server.name)).c_str(),
-                        server.management ? "" : " (no management)");
+                        server.management ? "" : " (no management)",
+                        emulator.IpxCountersOf(server.name).listening ? ", IPX" : " (no IPX)");
         }
         std::printf("kvtps: ready\n");
         std::fflush(stdout);

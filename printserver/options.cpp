@@ -63,7 +63,9 @@ const char kUsage[] =
     "  --status-address NAME=ADDRESS status replies name ADDRESS (0.0.0.0: none yet)\n"
     "  --faults-on NAME=LIST         the replies that --reply-node, --reply-command and\n"
     "                                --cut-replies change (default: all)\n"
-    "\n"
+    "\n";
+
+const char kUsageProgram[] =
     "Program:\n"
     "  --spool DIR                   write each completed job's control and data file to\n"
     "                                DIR/NAME/ under the names the client sent (made safe)\n"
@@ -252,6 +254,8 @@ bool ApplySetting(ServerConfig *s, const std::string &key, const std::string &va
     bool known = false;
     if (ApplyDeviceSetting(s, key, value, fromFlag, &known, error)) return true;
     if (known) return false;
+    if (ApplyIpxSetting(s, key, value, fromFlag, &known, error)) return true;
+    if (known) return false;
     if (key == "address") {
         in_addr address;
         if (inet_pton(AF_INET, value.c_str(), &address) != 1) {
@@ -342,7 +346,10 @@ ServerConfig *FindServer(std::vector<ServerConfig> &servers, const std::string &
 
 }  // namespace
 
-const char *UsageText() { return kUsage; }
+const char *UsageText() {
+    static const std::string text = std::string(kUsage) + IpxUsageText() + kUsageProgram;
+    return text.c_str();
+}
 
 bool ParseConfig(const std::string &text, const std::string &origin,
                  std::vector<ServerConfig> *servers, std::string *error) {
@@ -441,7 +448,8 @@ bool ParseCommandLine(const std::vector<std::string> &args, ProgramOptions *opti
             if (!takeValue()) return false;
             if (value.empty()) return Fail(error, "--spool wants a directory");
             options->spoolDir = value;
-        } else if (std::find(std::begin(kKnobs), std::end(kKnobs), name) != std::end(kKnobs)) {
+        } else if (bool ipxFlag; std::find(std::begin(kKnobs), std::end(kKnobs), name) != std::end(kKnobs) ||
+                                 IsIpxOption(name, &ipxFlag)) {
             if (!takeValue()) return false;
             knobs.push_back({name, value});
         } else {
@@ -450,8 +458,10 @@ bool ParseCommandLine(const std::vector<std::string> &args, ProgramOptions *opti
     }
     if (options->help) return true;
     for (const auto &knob : knobs) {
+        bool ipxFlag = false;
         const bool flag = knob.key == "refuse" || knob.key == "silent" || knob.key == "count-only" ||
-                          knob.key == "no-management" || knob.key == "mgmt-silent";
+                          knob.key == "no-management" || knob.key == "mgmt-silent" ||
+                          (IsIpxOption(knob.key, &ipxFlag) && ipxFlag);
         std::string server = knob.argument, value;
         if (!flag) {
             size_t equals = knob.argument.find('=');

@@ -1,0 +1,111 @@
+// kvtps's IPX settings of a server: the same keys on the command line (with
+// two dashes) and in the configuration file.
+#include <cstdlib>
+#include <cstring>
+
+#include "kvtps_program.h"
+
+namespace kvtps {
+namespace {
+
+const char kIpxUsage[] =
+    "IPX, per server (on IPX at the address its node names, 00-00-a-b-c-d for a.b.c.d;\n"
+    "search and EEPROM read on socket 0x3434, the print channel on 0x3030, 0x3131,\n"
+    "0x3232 and 0x3535):\n"
+    "  --no-ipx NAME                 not on IPX\n"
+    "  --ipx-silent NAME             counts what it is sent over IPX, answers nothing\n"
+    "  --ipx-busy NAME=N             answers the next N connects busy (channel 0)\n"
+    "  --ipx-drop-data NAME=N        loses every N-th data frame on its way in\n"
+    "  --ipx-drop-replies NAME=N     loses every N-th reply on its way out\n"
+    "  --ipx-flags NAME=BYTE         replies carry BYTE as Flags instead of 0x80\n"
+    "  --ipx-wrong-sequence NAME     replies carry the request's Sequence plus one\n"
+    "  --ipx-other-port NAME         replies name the next printer port\n"
+    "  --ipx-reply-node NAME=NODE    replies come from NODE (00-00-a-b-c-d, a local address)\n"
+    "  --ipx-faults-on NAME=LIST     the replies the four faults above change: connect, data,\n"
+    "                                hangup, management (default: all)\n"
+    "  --ipx-fault-count NAME=N      they change the first N of those replies only\n"
+    "  --ipx-delay NAME=MS           waits MS ms before each reply\n"
+    "\n";
+
+const char *const kFlags[] = {"no-ipx", "ipx-silent", "ipx-wrong-sequence", "ipx-other-port"};
+const char *const kValued[] = {"ipx-busy", "ipx-drop-data", "ipx-drop-replies", "ipx-flags", "ipx-reply-node",
+                               "ipx-faults-on", "ipx-fault-count", "ipx-delay"};
+
+template <size_t N>
+bool Among(const char *const (&list)[N], const std::string &name) {
+    for (const char *item : list)
+        if (name == item) return true;
+    return false;
+}
+
+// A number without sign within [0, high], decimal or 0x hex.
+bool Number(const std::string &text, long high, long *out) {
+    if (text.empty() || text.size() > 12 || text[0] == '-' || text[0] == '+' || text[0] == ' ') return false;
+    char *end = nullptr;
+    long v = std::strtol(text.c_str(), &end, 0);
+    if (*end != 0 || v < 0 || v > high) return false;
+    *out = v;
+    return true;
+}
+
+}  // namespace
+
+const char *IpxUsageText() { return kIpxUsage; }
+
+bool IsIpxOption(const std::string &name, bool *isFlag) {
+    *isFlag = Among(kFlags, name);
+    return *isFlag || Among(kValued, name);
+}
+
+bool ApplyIpxSetting(ServerConfig *s, const std::string &key, const std::string &value, bool fromFlag, bool *known,
+                     std::string *error) {
+    IpxFaults &f = s->ipxFaults;
+    long n = 0;
+    *known = true;
+    auto fail = [&](const std::string &wants) {
+        *error = key + " wants " + wants + ", not '" + value + "'";
+        return false;
+    };
+    if (Among(kFlags, key)) {
+        bool on = fromFlag || value == "yes" || value == "true" || value == "on" || value == "1";
+        if (!fromFlag && !on && value != "no" && value != "false" && value != "off" && value != "0")
+            return fail("yes or no");
+        if (key == "no-ipx") s->ipx = !on;
+        if (key == "ipx-silent") f.silent = on;
+        if (key == "ipx-wrong-sequence") f.wrongSequence = on;
+        if (key == "ipx-other-port") f.otherPort = on;
+    } else if (key == "ipx-busy" || key == "ipx-fault-count" || key == "ipx-delay") {
+        if (!Number(value, key == "ipx-delay" ? 600000 : 1000000000, &n)) return fail("a count");
+        (key == "ipx-busy" ? f.busyAnswers : key == "ipx-delay" ? f.delayMs : f.faultCount) = static_cast<int>(n);
+    } else if (key == "ipx-drop-data" || key == "ipx-drop-replies") {
+        if (!Number(value, 1000000000, &n) || n == 0) return fail("N of 1 or more");
+        (key == "ipx-drop-data" ? f.dropDataEvery : f.dropReplyEvery) = static_cast<unsigned>(n);
+    } else if (key == "ipx-flags") {
+        if (!Number(value, 255, &n)) return fail("a byte");
+        f.replyFlags = static_cast<int>(n);
+    } else if (key == "ipx-reply-node") {
+        NodeId node;
+        if (!ParseNode(value, &node) || node[0] != 0 || node[1] != 0) return fail("00-00-a-b-c-d");
+        f.replyNode = node;
+    } else if (key == "ipx-faults-on") {
+        unsigned bits = 0;
+        for (size_t at = 0; at <= value.size();) {
+            size_t comma = value.find(',', at);
+            std::string item = value.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
+            if (item == "connect") bits |= kIpxReplyConnect;
+            else if (item == "data") bits |= kIpxReplyData;
+            else if (item == "hangup") bits |= kIpxReplyHangup;
+            else if (item == "management") bits |= kIpxReplyManagement;
+            else if (!item.empty()) return fail("a list of connect, data, hangup, management");
+            if (comma == std::string::npos) break;
+            at = comma + 1;
+        }
+        f.faultReplies = bits;
+    } else {
+        *known = false;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace kvtps
