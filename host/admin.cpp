@@ -148,8 +148,17 @@ std::u16string MonitorNameFromProfile() {
 
 int InitCommand(int argc, char **argv) {
     std::vector<std::string> positional;
-    if (!SplitArgs("init", argc, argv, {"--debug", "--notify"}, &positional) || !positional.empty()) {
-        std::fprintf(stderr, "usage: kvtmon init [--debug] [--notify]\n");
+    std::vector<char *> flags;
+    unsigned transports = kPlatformTransports;
+    bool ok = true;
+    for (int i = 0; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--transports") != 0) flags.push_back(argv[i]);
+        else ok = ok && i + 1 < argc && ParseTransports(argv[++i], &transports);
+    }
+    if (!ok || !SplitArgs("init", static_cast<int>(flags.size()), flags.data(), {"--debug", "--notify"}, &positional) ||
+        !positional.empty()) {
+        std::fprintf(stderr, "usage: kvtmon init [--transports tcpip,ipx,netbios] [--debug] [--notify]\n"
+                             "  --transports  the network components the host offers (default: tcpip,ipx)\n");
         return 2;
     }
     std::string error;
@@ -158,7 +167,7 @@ int InitCommand(int argc, char **argv) {
         return 2;
     }
     if (!CheckPrefix()) return 2;
-    AddTcpipComponent();
+    SetNetworkComponents(transports);
     // A flag that is given is set; one that is stored already stays as it is.
     for (const char16_t *flag : {u"IsDEBUG", u"IsNOTIFY"}) {
         bool given = Has(argc, argv, flag[2] == u'D' ? "--debug" : "--notify");
@@ -178,8 +187,9 @@ int InitCommand(int argc, char **argv) {
                        static_cast<DWORD>((driver.size() + 1) * 2));
         RegCloseKey(key);
     }
-    std::printf("prefix %s: TCP/IP offered, monitor key \"%s\"%s\n", kvthost::Prefix().c_str(),
-                kvthost::Narrow(MonitorNameFromProfile()).c_str(), Has(argc, argv, "--debug") ? ", log on" : "");
+    std::printf("prefix %s: %s offered, monitor key \"%s\"%s\n", kvthost::Prefix().c_str(),
+                TransportsText(transports).c_str(), kvthost::Narrow(MonitorNameFromProfile()).c_str(),
+                Has(argc, argv, "--debug") ? ", log on" : "");
     return 0;
 }
 

@@ -72,7 +72,7 @@ int DemoCommand(int argc, char **argv) {
         std::fprintf(stderr, "kvtmon demo: %s\n", error.c_str());
         return 2;
     }
-    AddTcpipComponent();
+    SetNetworkComponents(kPlatformTransports);
     SetMonitorFlags(true, false);
 
     std::printf("KVT print monitor demo, on a private network (loopback only)\n");

@@ -1,5 +1,5 @@
-// kvtmon discover: the monitor's TCP/IP search on the network, and what it
-// found.  The spooler's entry table offers no search, so this command loads
+// kvtmon discover: the monitor's TCP/IP or IPX search on the network, and
+// what it found.  The spooler's entry table offers no search, so this command loads
 // libkvtsearch.so (the monitor built with its search exported) instead of
 // libkvt64.so: the one place where kvtmon reaches past the entry table.
 #include <dlfcn.h>
@@ -182,7 +182,7 @@ std::string AddressShown(const FoundServer &s) {
     return Dotted(s.ipAddress);
 }
 
-int SearchNetwork(std::vector<FoundServer> *found, bool progress, std::string *error) {
+int SearchNetwork(std::vector<FoundServer> *found, bool ipx, bool progress, std::string *error) {
     const std::string path = SearchModulePath();
     void *module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) {
@@ -191,7 +191,7 @@ int SearchNetwork(std::vector<FoundServer> *found, bool progress, std::string *e
     }
     using InitFn = LPMONITOREX (*)(LPWSTR);
     auto init = reinterpret_cast<InitFn>(dlsym(module, "InitializePrintMonitor"));
-    auto search = reinterpret_cast<KvtSearchTcpipFn>(dlsym(module, KVT_SEARCH_FUNCTION));
+    auto search = reinterpret_cast<KvtSearchTcpipFn>(dlsym(module, ipx ? KVT_SEARCH_IPX_FUNCTION : KVT_SEARCH_FUNCTION));
     if (init == nullptr || search == nullptr) {
         *error = path + " is no search module";
         return 2;
@@ -344,15 +344,18 @@ bool DiscoverInChild(std::vector<FoundServer> *found, std::string *error) {
 }
 
 int DiscoverCommand(int argc, char **argv) {
-    bool json = false, debug = false;
+    bool json = false, debug = false, ipx = false;
     for (int i = 0; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--json") {
             json = true;
         } else if (a == "--debug") {
             debug = true;
+        } else if (a == "--transport" && i + 1 < argc &&
+                   (std::strcmp(argv[i + 1], "tcpip") == 0 || std::strcmp(argv[i + 1], "ipx") == 0)) {
+            ipx = std::strcmp(argv[++i], "ipx") == 0;
         } else {
-            std::fprintf(stderr, "usage: kvtmon discover [--json] [--debug]\n");
+            std::fprintf(stderr, "usage: kvtmon discover [--transport tcpip|ipx] [--json] [--debug]\n");
             return 2;
         }
     }
@@ -361,7 +364,7 @@ int DiscoverCommand(int argc, char **argv) {
     if (debug) SetMonitorFlag(u"IsDEBUG", true);
     std::vector<FoundServer> found;
     std::string error;
-    int status = SearchNetwork(&found, true, &error);
+    int status = SearchNetwork(&found, ipx, true, &error);
     if (status != 0) {
         std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
         return status;

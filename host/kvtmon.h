@@ -30,8 +30,18 @@ bool CheckPrefix();
 std::u16string MonitorNameFromProfile();
 // HKEY_LOCAL_MACHINE's path of the monitor's key.
 std::u16string MonitorKeyPath();
-// The network components of a host that offers TCP/IP.
-void AddTcpipComponent();
+// The network components by the monitor's protocol bits (1 IPX, 2 TCP/IP, 4
+// NetBIOS): the keys of those given are written, those of the others removed,
+// so that the monitor offers exactly these from its next job on.
+constexpr unsigned kTransportIpx = 1, kTransportTcpip = 2, kTransportNetbios = 4;
+void SetNetworkComponents(unsigned transports);
+// What the platform carries, the default of `kvtmon init`: TCP/IP and IPX.
+// NetBIOS joins here when the platform carries NetBIOS datagrams.
+constexpr unsigned kPlatformTransports = kTransportTcpip | kTransportIpx;
+// "tcpip,ipx" into protocol bits; false for an unknown name or an empty list.
+bool ParseTransports(const std::string &list, unsigned *transports);
+// "TCP/IP, IPX" for the bits.
+std::string TransportsText(unsigned transports);
 // Sets IsDEBUG and IsNOTIFY in the monitor's key, making the key if needed.
 void SetMonitorFlags(bool debug, bool notify);
 void SetMonitorFlag(const char16_t *name, bool on);
@@ -87,7 +97,8 @@ int DemoCommand(int argc, char **argv);
 int DiscoverCommand(int argc, char **argv);
 
 // ---- discovery (discover.cpp) ------------------------------------------------------------
-// A print server as the monitor's TCP/IP search left it in its table.
+// A print server as the monitor's search left it in its table (the IPX
+// search reads no queue names and no Type).
 struct FoundServer {
     std::string name;
     uint32_t ipAddress = 0;  // network byte order
@@ -101,10 +112,11 @@ struct FoundServer {
 // The address as the monitor's lists show it: dotted, "Automatic IP" or
 // "TCP/IP Disabled".
 std::string AddressShown(const FoundServer &server);
-// Runs the search in this process, through libkvtsearch.so (KVT_SEARCH_SO,
-// else beside kvtmon), with a progress line on a terminal when asked.  A
-// process that runs it must not load libkvt64.so.  The exit status.
-int SearchNetwork(std::vector<FoundServer> *found, bool progress, std::string *error);
+// Runs the search over TCP/IP (ipx false) or IPX in this process, through
+// libkvtsearch.so (KVT_SEARCH_SO, else beside kvtmon), with a progress line
+// on a terminal when asked.  A process that runs it must not load
+// libkvt64.so.  The exit status.
+int SearchNetwork(std::vector<FoundServer> *found, bool ipx, bool progress, std::string *error);
 // Runs `kvtmon discover --json` as a child over this process's prefix, for a
 // process that has the monitor loaded or will load it.
 bool DiscoverInChild(std::vector<FoundServer> *found, std::string *error);

@@ -10,12 +10,15 @@ namespace {
 void Usage(FILE *out) {
     std::fprintf(out,
                  "usage: kvtmon COMMAND [ARGS]\n"
-                 "  init [--debug] [--notify]      make the prefix: folders, network components, monitor key\n"
+                 "  init [--transports LIST] [--debug] [--notify]\n"
+                 "                                 make the prefix: folders, network components (tcpip,\n"
+                 "                                 ipx, netbios; default tcpip,ipx), monitor key\n"
                  "  ports [--json]                 list the ports as the spooler sees them\n"
                  "  delete PORT                    delete a port from the list and the registry\n"
                  "  log [--follow]                 show the diagnostic log\n"
                  "  print PORT FILE... [options]   print files through the monitor (kvtmon print --help)\n"
-                 "  discover [--json] [--debug]    search the network for print servers over TCP/IP\n"
+                 "  discover [--transport tcpip|ipx] [--json] [--debug]\n"
+                 "                                 search the network for print servers\n"
                  "  demo                           run the monitor against emulated print servers\n"
                  "                                 on a private network\n"
                  "environment: KVT_PREFIX (default ~/.kvt), KVT64_SO (the monitor library)\n");

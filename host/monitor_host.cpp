@@ -94,13 +94,61 @@ std::u16string MonitorKeyPath() {
     return u"System\\CurrentControlSet\\Control\\Print\\Monitors\\" + MonitorNameFromProfile();
 }
 
-void AddTcpipComponent() {
-    if (HKEY key = CreateKey(u"SYSTEM\\CurrentControlSet\\Services\\Tcpip")) {
-        std::u16string image = u"\\SystemRoot\\System32\\drivers\\tcpip.sys";
-        RegSetValueExW(key, u"ImagePath", 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE *>(image.c_str()),
-                       static_cast<DWORD>((image.size() + 1) * 2));
-        RegCloseKey(key);
+namespace {
+
+// The component key of each transport, as Windows NT names them; the
+// monitor's start-up looks for each (Tcpip only with an ImagePath).
+struct Component {
+    unsigned bit;
+    const char *name;  // on kvtmon's command line
+    const char *text;
+    const char16_t *key;
+};
+const Component kComponents[] = {
+    {kTransportTcpip, "tcpip", "TCP/IP", u"SYSTEM\\CurrentControlSet\\Services\\Tcpip"},
+    {kTransportIpx, "ipx", "IPX", u"SYSTEM\\CurrentControlSet\\Services\\NwlnkIpx"},
+    {kTransportNetbios, "netbios", "NetBIOS", u"SYSTEM\\CurrentControlSet\\Services\\Nbf"},
+};
+
+}  // namespace
+
+void SetNetworkComponents(unsigned transports) {
+    for (const Component &c : kComponents) {
+        if (!(transports & c.bit)) {
+            RegDeleteKeyW(HKEY_LOCAL_MACHINE, c.key);
+            continue;
+        }
+        HKEY key = CreateKey(c.key);
+        if (key != nullptr && c.bit == kTransportTcpip) {
+            std::u16string image = u"\\SystemRoot\\System32\\drivers\\tcpip.sys";
+            RegSetValueExW(key, u"ImagePath", 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE *>(image.c_str()),
+                           static_cast<DWORD>((image.size() + 1) * 2));
+        }
+        if (key != nullptr) RegCloseKey(key);
     }
+}
+
+bool ParseTransports(const std::string &list, unsigned *transports) {
+    unsigned bits = 0;
+    for (size_t at = 0; at <= list.size();) {
+        size_t comma = list.find(',', at);
+        std::string name = list.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
+        bool known = false;
+        for (const Component &c : kComponents)
+            if (name == c.name) bits |= c.bit, known = true;
+        if (!known) return false;
+        if (comma == std::string::npos) break;
+        at = comma + 1;
+    }
+    *transports = bits;
+    return bits != 0;
+}
+
+std::string TransportsText(unsigned transports) {
+    std::string text;
+    for (const Component &c : kComponents)
+        if (transports & c.bit) text += (text.empty() ? "" : ", ") + std::string(c.text);
+    return text;
 }
 
 void SetMonitorFlag(const char16_t *name, bool on) {

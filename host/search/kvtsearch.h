@@ -1,7 +1,8 @@
 // The C interface of libkvtsearch.so, the monitor built for `kvtmon discover`:
 // the host loads it instead of libkvt64.so, starts it with
-// InitializePrintMonitor and calls KvtSearchTcpip, which runs the monitor's
-// TCP/IP search (TCPSearch) from an empty table and copies out what it found.
+// InitializePrintMonitor and calls KvtSearchTcpip or KvtSearchIpx, which run
+// the monitor's TCP/IP or IPX search from an empty table and copy out what it
+// found.
 #pragma once
 
 #include <stdint.h>
@@ -21,6 +22,8 @@ typedef struct KvtFoundServer {
 } KvtFoundServer;
 
 // Fills up to max records; returns how many the search found, or -1 when its
-// socket could not be set up.
-typedef int (*KvtSearchTcpipFn)(KvtFoundServer *out, int max);
+// socket could not be set up.  KvtSearchIpx runs IPXSearch(3, 1): it leaves
+// no queue names and Type 0.
+typedef int (*KvtSearchTcpipFn)(KvtFoundServer *out, int max);  // both searches
 #define KVT_SEARCH_FUNCTION "KvtSearchTcpip"
+#define KVT_SEARCH_IPX_FUNCTION "KvtSearchIpx"

@@ -1,16 +1,18 @@
-// The one call of libkvtsearch.so beside start-up: the TCP/IP search, as the
-// add-port flow runs it (TotalPrintServer set to 0 first, the table read
-// afterwards), with the records copied into the host's own form.
+// The calls of libkvtsearch.so beside start-up: the TCP/IP search and the IPX
+// search, as the add-port flow runs them (TotalPrintServer set to 0 first,
+// the table read afterwards), with the records copied into the host's own form.
 #include <string.h>
 
 #include "availps.h"
 #include "discovery.h"
 #include "kvtsearch.h"
 
-extern "C" int KvtSearchTcpip(KvtFoundServer *out, int max) {
+// Runs the search from an empty table under the table's lock and copies out
+// what it found; -1 when the search could not set up its socket.
+static int SearchAndCopy(BOOL (*search)(void), KvtFoundServer *out, int max) {
     EnterCriticalSection(&AvailPSLock);
     TotalPrintServer = 0;
-    if (!TCPSearch()) {
+    if (!search()) {
         LeaveCriticalSection(&AvailPSLock);
         return -1;
     }
@@ -36,3 +38,10 @@ extern "C" int KvtSearchTcpip(KvtFoundServer *out, int max) {
     LeaveCriticalSection(&AvailPSLock);
     return found;
 }
+
+// The IPX dialogs' search: three passes, then every server's EEPROM image.
+static BOOL IpxDialogSearch(void) { return IPXSearch(3, 1); }
+
+extern "C" int KvtSearchTcpip(KvtFoundServer *out, int max) { return SearchAndCopy(TCPSearch, out, max); }
+
+extern "C" int KvtSearchIpx(KvtFoundServer *out, int max) { return SearchAndCopy(IpxDialogSearch, out, max); }
