@@ -23,7 +23,7 @@ namespace {
 std::string MakeJob(size_t size) {
     std::string job =
         "\x1b" "E" "KVT print monitor demonstration\r\n"
-        "This job travels from the spooler host through the monitor, over LPR,\r\n"
+        "This job travels from the spooler host through the monitor, over LPR or IPX,\r\n"
         "to an emulated print server, which keeps every byte for comparison.\r\n\f";
     std::mt19937 random(20261123);
     while (job.size() < size) job.push_back(static_cast<char>(random() & 0xFF));
@@ -49,6 +49,54 @@ bool MakePortFromRecord(const FoundServer &s, std::string *portName, std::string
     RegSetValueExW(key, u"Node Address", 0, REG_BINARY, s.node, sizeof s.node);
     RegCloseKey(key);
     return true;
+}
+
+// Prints one job of the demo; false after a message.
+bool PrintDemoJob(const std::string &prefix, const std::string &port, const std::string &name, const std::string &job,
+                  DWORD jobId) {
+    const std::string path = prefix + "/" + name;
+    std::ofstream(path, std::ios::binary).write(job.data(), static_cast<std::streamsize>(job.size()));
+    PrintOptions o;
+    o.port = port;
+    o.files = {path};
+    o.document = name;
+    o.user = "demo";
+    o.jobId = jobId;
+    o.debug = true;
+    o.stallSeconds = 30;
+    std::fflush(stdout);
+    if (RunPrint(o) == 0) return true;
+    std::fprintf(stderr, "kvtmon demo: the job to %s did not go out\n", port.c_str());
+    return false;
+}
+
+// What a print server received over IPX, compared with what was printed.
+bool ShowIpxJob(const kvtps::Emulator &emulator, const std::string &server, const std::string &job) {
+    std::vector<kvtps::IpxJob> jobs = emulator.IpxJobs(server);
+    if (jobs.empty()) {
+        std::fprintf(stderr, "kvtmon demo: %s received nothing over IPX\n", server.c_str());
+        return false;
+    }
+    const kvtps::IpxJob &got = jobs.back();
+    bool same = got.hungUp && got.data == job;
+    std::printf("  %s received it over IPX on channel %d of printer port %d: %s in %llu frames, %s\n",
+                server.c_str(), got.channel, got.port, FormatBytes(got.dataBytes).c_str(),
+                static_cast<unsigned long long>(got.frames),
+                same ? "identical to what was printed" : "DIFFERENT from what was printed");
+    return same;
+}
+
+// The lines of the last job start in the log that tell which transport went.
+void ShowFallOver(const std::string &prefix) {
+    std::ifstream in(prefix + "/drive_c/Windows/System32/KVTLOG", std::ios::binary);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) {
+        if (line == "Entry LocalmonStartDocPort") lines.clear();
+        for (const char *shown : {"Printing use", "Leave LprHandshake", "LprOpenFile fail", "Try ", "IPXConnect",
+                                  "Connect ok", "Leave LocalmonStartDocPort"})
+            if (line.rfind(shown, 0) == 0) lines.push_back(line);
+    }
+    for (size_t i = 0; i < lines.size(); ++i) std::printf("  %s %s\n", i == 0 ? "the log:" : "        ", lines[i].c_str());
 }
 
 }  // namespace
@@ -77,19 +125,22 @@ int DemoCommand(int argc, char **argv) {
 
     std::printf("KVT print monitor demo, on a private network (loopback only)\n");
     kvtps::Emulator emulator;
-    std::vector<kvtps::ServerConfig> servers(2);
+    std::vector<kvtps::ServerConfig> servers(3);
     servers[0].name = "PS1";
     servers[0].address = "127.0.0.2";
     servers[0].queueTexts = {"lp P1", "lpt2 P2", "lpt3 P3"};
     servers[1].name = "PS2";
     servers[1].address = "127.0.0.3";
     servers[1].model = 3;
+    servers[2].name = "PS3";
+    servers[2].address = "127.0.0.4";
+    servers[2].lpr.nakAtStep = 1;  // refuses every LPR job at its first acknowledgement
     if (!emulator.Start(servers, &error)) {
         std::fprintf(stderr, "kvtmon demo: the print servers did not start: %s\n", error.c_str());
         return 2;
     }
-    std::printf("  emulated print servers: PS1 at 127.0.0.2, PS2 at 127.0.0.3 (LPR on port 515,\n"
-                "  management datagrams on UDP port 0x3434)\n");
+    std::printf("  emulated print servers: PS1 at 127.0.0.2, PS2 at 127.0.0.3, PS3 at 127.0.0.4 (LPR on\n"
+                "  port 515, management datagrams on UDP port 0x3434, IPX at their nodes)\n");
 
     // The search runs in a child (kvtmon discover): this process loads
     // libkvt64.so to print, and the search module is a second copy of it.
@@ -128,26 +179,10 @@ int DemoCommand(int argc, char **argv) {
     }
     std::printf("  PS1 takes a new address, 127.0.0.12; the port looks it up by node before the job\n");
 
-    const std::string jobPath = prefix + "/report.prn";
     const std::string job = MakeJob(1 << 20);
-    std::ofstream(jobPath, std::ios::binary).write(job.data(), static_cast<std::streamsize>(job.size()));
-
-    PrintOptions o;
-    o.port = port;
-    o.files = {jobPath};
-    o.document = "report.prn";
-    o.user = "demo";
-    o.jobId = 7;
-    o.debug = true;
-    o.stallSeconds = 30;
     std::printf("printing report.prn (%s) to %s as job 7 of user demo\n", FormatBytes(job.size()).c_str(),
                 port.c_str());
-    std::fflush(stdout);
-    int status = RunPrint(o);
-    if (status != 0) {
-        std::fprintf(stderr, "kvtmon demo: the job did not go out\n");
-        return status;
-    }
+    if (!PrintDemoJob(prefix, port, "report.prn", job, 7)) return 1;
 
     if (!emulator.WaitForJobs("PS1", 1, 10000)) {
         std::fprintf(stderr, "kvtmon demo: PS1 stored no job\n");
@@ -160,6 +195,25 @@ int DemoCommand(int argc, char **argv) {
     bool same = got.complete && got.data == job;
     std::printf("  data          %s, %s\n", FormatBytes(got.dataBytes).c_str(),
                 same ? "identical to what was printed" : "DIFFERENT from what was printed");
+
+    // A port fixed to IPX, and an automatic port whose print server refuses
+    // LPR: its job falls over to IPX.
+    const std::string ipxJob = MakeJob(256 << 10), fallOverJob = MakeJob(64 << 10);
+    if (!MakePortKeys("PS2-P2", 0x7F000003, 1, std::nullopt, &error) ||
+        !MakePortKeys("PS3-P1", 0x7F000004, 0, std::nullopt, &error)) {
+        std::fprintf(stderr, "kvtmon demo: %s\n", error.c_str());
+        return 2;
+    }
+    std::printf("printing invoice.prn (%s) to PS2-P2, a port fixed to IPX, as job 8\n",
+                FormatBytes(ipxJob.size()).c_str());
+    if (!PrintDemoJob(prefix, "PS2-P2", "invoice.prn", ipxJob, 8)) return 1;
+    same = ShowIpxJob(emulator, "PS2", ipxJob) && same;
+    std::printf("printing letter.prn (%s) to PS3-P1, a port on automatic; PS3 refuses LPR jobs\n",
+                FormatBytes(fallOverJob.size()).c_str());
+    if (!PrintDemoJob(prefix, "PS3-P1", "letter.prn", fallOverJob, 9)) return 1;
+    ShowFallOver(prefix);
+    same = ShowIpxJob(emulator, "PS3", fallOverJob) && same;
+
     std::printf("  diagnostic log: %s/drive_c/Windows/System32/KVTLOG\n", prefix.c_str());
     emulator.Stop();
     std::printf(same ? "demo ok\n" : "demo FAILED\n");

@@ -73,8 +73,7 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
     }
     auto mgmt = std::make_shared<detail::MgmtServer>(configs);
     if (!mgmt->Open(error)) return false;
-    auto ipx = std::make_shared<detail::IpxServer>(configs, ipxObserver_);
-    if (!ipx->Open(error)) return false;
+    auto ipx = std::make_shared<detail::IpxServer>(configs, ipxObserver_);  // opened once LPR listens
     std::vector<std::shared_ptr<detail::LprServer>> servers;
     for (auto &config : configs) {
         auto server = std::make_shared<detail::LprServer>(std::move(config), observer_);
@@ -85,6 +84,7 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
         }
         servers.push_back(std::move(server));
     }
+    if (!ipx->Open(error)) return false;
     for (auto &server : servers) server->Run();
     mgmt->Run();
     ipx->Run();

@@ -42,6 +42,7 @@ int OpenSocket(in_addr_t address, uint16_t socketNumber, bool reuse, bool reuseP
     int on = 1;
     if (fd >= 0 && reuse) setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (fd >= 0 && reusePort) setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
+    if (fd >= 0 && reusePort) setsockopt(fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
     sockaddr_in at{};
     at.sin_family = AF_INET;
     at.sin_port = htons(static_cast<uint16_t>(kIpxPortBase + socketNumber));
@@ -55,6 +56,25 @@ int OpenSocket(in_addr_t address, uint16_t socketNumber, bool reuse, bool reuseP
         return -1;
     }
     return fd;
+}
+
+// One datagram, its sender and the address it was sent to.
+ssize_t Receive(int fd, std::vector<uint8_t> &buffer, sockaddr_in *from, in_addr_t *to) {
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))];
+    iovec iov{buffer.data(), buffer.size()};
+    msghdr msg{};
+    msg.msg_name = from;
+    msg.msg_namelen = sizeof *from;
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    ssize_t n = recvmsg(fd, &msg, 0);
+    *to = 0;
+    for (cmsghdr *c = CMSG_FIRSTHDR(&msg); n >= 0 && c != nullptr; c = CMSG_NXTHDR(&msg, c))
+        if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO)
+            *to = reinterpret_cast<const in_pktinfo *>(CMSG_DATA(c))->ipi_addr.s_addr;
+    return n;
 }
 
 uint32_t SequenceOf(const uint8_t *frame) {
@@ -196,10 +216,12 @@ void IpxServer::Loop() {
             if (!(fds[i].revents & POLLIN)) continue;
             for (int n = 0; n < kDatagramsPerTurn; ++n) {
                 sockaddr_in from{};
-                socklen_t fromLength = sizeof from;
-                ssize_t size = recvfrom(fds[i].fd, buffer.data(), buffer.size(), 0,
-                                        reinterpret_cast<sockaddr *>(&from), &fromLength);
+                in_addr_t to;
+                ssize_t size = Receive(fds[i].fd, buffer, &from, &to);
                 if (size < 0) break;
+                // The shared socket takes broadcasts only: a datagram to an
+                // address where no server listens finds it too.
+                if (fds[i].fd == sharedFd_ && to != htonl(INADDR_BROADCAST)) continue;
                 std::vector<IpxJob> ended;
                 {
                     std::lock_guard<std::mutex> lock(mu_);
@@ -258,7 +280,8 @@ void IpxServer::Management(Device &d, uint8_t command, const sockaddr_in &from) 
 
 void IpxServer::Connect(Device &d, const uint8_t *frame, const sockaddr_in &from) {
     ++d.counters.connects;
-    if (d.config.ipxFaults.silent) {
+    // A silent server still gives its busy answers: busy, then silent.
+    if (d.config.ipxFaults.silent && d.busyLeft == 0) {
         ++d.counters.unanswered;
         return;
     }
@@ -273,7 +296,7 @@ void IpxServer::Connect(Device &d, const uint8_t *frame, const sockaddr_in &from
         id = c.id;  // the connect again, its answer lost: the same channel
     } else {
         if (c.open) EndJob(d, c, false);
-        c = Channel{true, d.nextId, 0, d.jobs.size(), c.closedId};
+        c = Channel{true, d.nextId, 0, d.jobs.size(), c.closedId, std::string()};
         d.nextId = d.nextId == 254 ? 1 : d.nextId + 1;
         IpxJob job;
         job.server = d.config.name;
@@ -318,9 +341,13 @@ void IpxServer::Data(Device &d, int port, const uint8_t *frame, size_t size, con
         job.dataChecksum = Fnv1a64(frame + kChannelHeaderBytes, payload, job.dataChecksum);
         ++job.frames;
         ++c.next;
+        c.last.assign(reinterpret_cast<const char *>(frame), size);
     } else if (data) {
-        ++d.jobs[c.job].duplicates;
+        IpxJob &job = d.jobs[c.job];
+        ++job.duplicates;
         ++d.counters.duplicates;
+        if (sequence + 1 == c.next && std::string(reinterpret_cast<const char *>(frame), size) != c.last)
+            ++job.changedRepeats;
     } else if (c.open) {
         EndJob(d, c, true);
         c.closedId = id;

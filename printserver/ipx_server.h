@@ -46,6 +46,7 @@ private:
         uint32_t next = 0;     // the sequence number the next new frame carries
         size_t job = 0;        // its job in Device::jobs
         uint8_t closedId = 0;  // the last channel hung up, for a repeated hang-up
+        std::string last;      // the last frame stored, to compare its repeats with
     };
     struct Device {
         ServerConfig config;

@@ -45,8 +45,8 @@ constexpr unsigned kIpxReplyAll = 15;
 // How a server misbehaves over IPX.  Every knob can change while it runs
 // (Emulator::SetIpxFaults); counts start afresh with each change.
 struct IpxFaults {
-    bool silent = false;            // answers nothing (and counts what it got)
-    int busyAnswers = 0;            // the next N connects are answered busy
+    bool silent = false;            // answers nothing (and counts what it got) but
+    int busyAnswers = 0;            // the next N connects, which are answered busy
     unsigned dropDataEvery = 0;     // every n-th data frame is lost on its way in (0: none)
     unsigned dropReplyEvery = 0;    // every n-th reply is lost on its way out
     int replyFlags = -1;            // replies carry this Flags byte (-1: 0x80)
@@ -68,6 +68,7 @@ struct IpxJob {
     uint64_t dataChecksum = 0xcbf29ce484222325ull;  // FNV-1a 64 of the data
     uint64_t frames = 0;            // data frames stored
     uint64_t duplicates = 0;        // data frames seen again: acknowledged, not stored
+    uint64_t changedRepeats = 0;    // the last frame seen again with other bytes
     bool hungUp = false;            // ended by a hang-up; false: still open, or replaced
 };
 

@@ -98,6 +98,28 @@ TEST_F(KvtmonPrint, NonsenseOnTheCommandLineIsRefusedClearly) {
     }
 }
 
+// A port on IPX prints while the host offers IPX, and fails once init has
+// taken IPX away.
+TEST_F(KvtmonPrint, AJobGoesByIpxWhileInitOffersIt) {
+    StartServer();
+    ProgramRun run = Kvtmon({"PS9-P2", job_, "--server", "127.0.0.9", "--protocol", "1"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    std::vector<kvtps::IpxJob> jobs = emulator_.IpxJobs("PS9");
+    ASSERT_EQ(jobs.size(), 1u);
+    EXPECT_EQ(jobs[0].port, 2);
+    EXPECT_EQ(jobs[0].data, Slurp(job_));
+    EXPECT_EQ(emulator_.Counters("PS9").connectionsAccepted, 0u);
+
+    ProgramRun init = Command({"init", "--transports", "tcpip"});
+    ASSERT_EQ(init.status, 0) << init.err;
+    EXPECT_NE(init.out.find(": TCP/IP offered"), std::string::npos) << init.out;
+    run = Kvtmon({"PS9-P2", job_});
+    EXPECT_EQ(run.status, 3);
+    EXPECT_NE(run.err.find("1117 (ERROR_IO_DEVICE)"), std::string::npos) << run.err;
+    EXPECT_EQ(emulator_.IpxJobs("PS9").size(), 1u);
+    for (const char *list : {"tcpip,appletalk", ""}) EXPECT_EQ(Command({"init", "--transports", list}).status, 2);
+}
+
 TEST_F(KvtmonPrint, AnUnknownPortIsNamed) {
     ProgramRun run = Kvtmon({"Nowhere-P1", job_});
     EXPECT_EQ(run.status, 3);

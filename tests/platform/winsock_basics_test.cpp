@@ -32,8 +32,10 @@ TEST(WinsockStartup, CallsBeforeStartupFailAndCleanupClosesSockets) {
     EXPECT_EQ(data.wVersion, 0x0202);
     EXPECT_EQ(closesocket(s), SOCKET_ERROR) << "the last cleanup closed it";
     EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
-    EXPECT_EQ(socket(AF_IPX, SOCK_DGRAM, 0x3e8), INVALID_SOCKET);
-    EXPECT_EQ(WSAGetLastError(), WSAEAFNOSUPPORT);
+    EXPECT_EQ(socket(AF_IPX, SOCK_STREAM, 0x3e8), INVALID_SOCKET) << "no SPX";
+    EXPECT_EQ(WSAGetLastError(), WSAESOCKTNOSUPPORT);
+    EXPECT_EQ(socket(AF_IPX, SOCK_DGRAM, 0), INVALID_SOCKET);
+    EXPECT_EQ(WSAGetLastError(), WSAEPROTONOSUPPORT);
     EXPECT_EQ(WSACleanup(), 0);
 }
 

@@ -136,6 +136,7 @@ TEST_F(StatusLookup, AFailedLookupFallsOverBeforeAnyConnect) {
     config.name = "PS1";
     config.address = "127.0.0.2";
     config.mgmt.silent = true;
+    config.ipx = false;
     std::string error;
     ASSERT_TRUE(emulator.Start({config}, &error)) << error;
 

@@ -42,11 +42,13 @@ protected:
         return PortListHead;
     }
 
-    void StartServer(const kvtps::LprFaults &faults = kvtps::LprFaults()) {
+    // PS1 at 127.0.0.2, on IPX unless told otherwise.
+    void StartServer(const kvtps::LprFaults &faults = kvtps::LprFaults(), bool ipx = true) {
         kvtps::ServerConfig config;
         config.name = "PS1";
         config.address = "127.0.0.2";
         config.lpr = faults;
+        config.ipx = ipx;
         std::string error;
         ASSERT_TRUE(emulator.Start({config}, &error)) << error;
     }

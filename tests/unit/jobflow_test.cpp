@@ -46,7 +46,7 @@ TEST_P(TransportChoiceTest, WalksTheTransportsInTheirOrder) {
     PINIPORT port = StartPort(c.host, c.stored);
     kvtps::LprFaults faults;
     faults.refuse = true;
-    StartServer(faults);
+    StartServer(faults, false);
     port->WorkProtocol = c.workProtocol;
     EXPECT_FALSE(StartDoc(port));
     EXPECT_EQ(GetLastError(), c.lastError);
@@ -98,7 +98,7 @@ TEST_F(JobTest, FallOverIsLoggedBeforeEachNextTransport) {
     PINIPORT port = StartPort(Host(true, true, true));
     kvtps::LprFaults faults;
     faults.refuse = true;
-    StartServer(faults);
+    StartServer(faults, false);
     EXPECT_FALSE(StartDoc(port));
     std::vector<std::string> lines;
     for (const auto &l : kvttest::LogLines())
@@ -122,7 +122,7 @@ TEST_F(JobTest, TransportsTheHostLacksAreSaidSo) {
 
 TEST_F(JobTest, AJobThatStartsRecordsItsTransport) {
     PINIPORT port = StartPort(Host(true, true, true));
-    StartServer();
+    StartServer(kvtps::LprFaults(), false);
     port->WorkProtocol = PROTOCOL_IPX;  // IPX is tried first and fails
     ASSERT_TRUE(StartDoc(port));
     EXPECT_EQ(port->PrintProtocol, static_cast<DWORD>(SELECTOR_TCPIP));
