@@ -11,7 +11,6 @@
 // Exits 1 when a job arrived with the wrong length or checksum, 2 when the
 // set-up failed; throughput below the target is reported, not an error.
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -19,90 +18,16 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <windows.h>
-#include <winsplp.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <mutex>
-#include <string>
-#include <vector>
 
-#include "kvthost.h"
-#include "kvtps.h"
+#include "bench_common.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace bench;
 
-constexpr size_t kSpoolBuffer = 64 * 1024;  // what the spooler hands over per WritePort
-constexpr size_t kSlice = 4096;             // the monitor's largest send, and the plain sender's
-constexpr const char *kServerAddress = "127.0.0.2";
-constexpr uint32_t kServerAddressHost = 0x7F000002;
+constexpr size_t kSlice = 4096;  // the monitor's largest send, and the plain sender's
 constexpr const char *kServerName = "PS1";
-constexpr const char16_t *kPortName = u"PS1-P1";
-constexpr const char16_t *kPrinter = u"Bench";
-constexpr int kStallMs = 30000;            // a run that moves nothing for this long has failed
-
-double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
-
-// ---- the job's bytes: generated a spooler buffer at a time ----------------------------
-// Buffer n of the job; the same bytes on every call, for both senders.
-void FillBuffer(std::vector<unsigned char> &buffer, uint64_t n) {
-    uint64_t x = 0x9E3779B97F4A7C15ull * (n + 1);
-    for (size_t i = 0; i < buffer.size(); i += 8) {
-        x ^= x << 13;
-        x ^= x >> 7;
-        x ^= x << 17;
-        std::memcpy(buffer.data() + i, &x, 8);
-    }
-}
-
-uint64_t JobChecksum(uint64_t buffers) {
-    std::vector<unsigned char> buffer(kSpoolBuffer);
-    uint64_t hash = kvtps::kFnvOffset;
-    for (uint64_t n = 0; n < buffers; ++n) {
-        FillBuffer(buffer, n);
-        hash = kvtps::Fnv1a64(buffer.data(), buffer.size(), hash);
-    }
-    return hash;
-}
-
-// ---- what the print server saw ------------------------------------------------------------
-struct Arrival {
-    Clock::time_point at;
-    uint64_t bytes = 0;
-    uint64_t checksum = 0;
-    bool complete = false;
-    std::string error;
-};
-
-class Arrivals {
-public:
-    void Add(const kvtps::LprJob &job) {
-        std::lock_guard<std::mutex> lock(mu_);
-        list_.push_back({Clock::now(), job.dataBytes, job.dataChecksum, job.complete, job.error});
-        cv_.notify_all();
-    }
-    bool WaitFor(size_t count, int timeoutMs, Arrival *out) {
-        std::unique_lock<std::mutex> lock(mu_);
-        if (!cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return list_.size() >= count; }))
-            return false;
-        *out = list_[count - 1];
-        return true;
-    }
-
-private:
-    std::mutex mu_;
-    std::condition_variable cv_;
-    std::vector<Arrival> list_;
-};
 
 struct Run {
     bool ok = false;
@@ -112,128 +37,14 @@ struct Run {
     std::string error;
 };
 
-// ---- the host: registry, prefix and the monitor -------------------------------------------
-void SetValue(HKEY key, const char16_t *name, DWORD type, const void *data, DWORD size) {
-    RegSetValueExW(key, name, 0, type, static_cast<const BYTE *>(data), size);
-}
-
-// The keys that kvtmon writes for a TCP/IP host with one port: the network
-// component, the monitor's flags (no log, no notice) and port PS1-P1.
-bool WriteRegistry(std::string *error) {
-    HKEY key = nullptr;
-    if (RegCreateKeyW(HKEY_LOCAL_MACHINE, u"SYSTEM\\CurrentControlSet\\Services\\Tcpip", &key) != ERROR_SUCCESS) {
-        *error = "cannot write the Tcpip key";
-        return false;
-    }
-    std::u16string image = u"\\SystemRoot\\System32\\drivers\\tcpip.sys";
-    SetValue(key, u"ImagePath", REG_EXPAND_SZ, image.c_str(), static_cast<DWORD>((image.size() + 1) * 2));
-    RegCloseKey(key);
-
-    const std::u16string monitor = u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port";
-    if (RegCreateKeyW(HKEY_LOCAL_MACHINE, monitor.c_str(), &key) != ERROR_SUCCESS) {
-        *error = "cannot write the monitor's key";
-        return false;
-    }
-    std::u16string driver = u"KVT64.DLL";
-    BYTE off = 0;
-    SetValue(key, u"Driver", REG_SZ, driver.c_str(), static_cast<DWORD>((driver.size() + 1) * 2));
-    SetValue(key, u"IsDEBUG", REG_BINARY, &off, 1);
-    SetValue(key, u"IsNOTIFY", REG_BINARY, &off, 1);
-    RegCloseKey(key);
-
-    HKEY server = nullptr, digit = nullptr;
-    if (RegCreateKeyW(HKEY_LOCAL_MACHINE, (monitor + u"\\Ports\\PS1").c_str(), &server) != ERROR_SUCCESS ||
-        RegCreateKeyW(HKEY_LOCAL_MACHINE, (monitor + u"\\Ports\\PS1\\1").c_str(), &digit) != ERROR_SUCCESS) {
-        *error = "cannot write the port's keys";
-        return false;
-    }
-    uint32_t address = kServerAddressHost;
-    BYTE zero[6] = {};
-    BYTE tcpip = 2;
-    std::u16string queue;
-    SetValue(server, u"IP    ", REG_BINARY, &address, 4);
-    SetValue(server, u"Network", REG_BINARY, zero, 4);
-    SetValue(server, u"Node Address", REG_BINARY, zero, 6);
-    SetValue(digit, u" ", REG_BINARY, &tcpip, 1);
-    SetValue(digit, u"QueueName", REG_SZ, queue.c_str(), 2);
-    RegCloseKey(digit);
-    RegCloseKey(server);
-    return true;
-}
-
-std::string ProgramDirectory() {
-    std::error_code ec;
-    std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
-    return ec ? std::string(".") : self.parent_path().string();
-}
-
-const MONITOR *LoadMonitor(std::string *error) {
-    const char *env = std::getenv("KVT64_SO");
-    std::string path = env != nullptr && *env != 0 ? env : ProgramDirectory() + "/libkvt64.so";
-    void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        *error = std::string("cannot load the monitor: ") + dlerror();
-        return nullptr;
-    }
-    using InitFn = LPMONITOREX (*)(LPWSTR);
-    auto init = reinterpret_cast<InitFn>(dlsym(library, "InitializePrintMonitor"));
-    if (init == nullptr) {
-        *error = path + " has no InitializePrintMonitor";
-        return nullptr;
-    }
-    std::u16string root = u"System\\CurrentControlSet\\Control\\Print\\Monitors";
-    LPMONITOREX table = init(root.data());
-    if (table == nullptr || table->dwMonitorSize != sizeof(MONITOR)) {
-        *error = "the monitor gave no entry table of the right size";
-        return nullptr;
-    }
-    return &table->Monitor;
-}
-
 // ---- the monitor, driven as the spooler drives it ----------------------------------------------
 Run PrintThroughMonitor(const MONITOR *m, HANDLE port, DWORD jobId, uint64_t buffers, Arrivals &arrivals,
                         size_t arrivalNumber) {
     Run run;
-    kvthost::JobSpec job;
-    job.printer = kPrinter;
-    job.jobId = jobId;
-    job.document = u"throughput";
-    job.user = u"bench";
-    job.machine = u"\\\\localhost";
-    kvthost::AddJob(job);
-
-    std::u16string document = job.document;
-    DOC_INFO_1W info{document.data(), nullptr, const_cast<LPWSTR>(u"RAW")};
-    std::vector<unsigned char> buffer(kSpoolBuffer);
     Clock::time_point start = Clock::now();
-    if (!m->pfnStartDocPort(port, const_cast<LPWSTR>(kPrinter), jobId, 1, reinterpret_cast<LPBYTE>(&info))) {
-        run.error = "LocalmonStartDocPort failed, error " + std::to_string(GetLastError());
-        return run;
-    }
+    if (!StartJob(m, port, jobId, &run.error)) return run;
     Clock::time_point streamStart = Clock::now();
-    for (uint64_t n = 0; n < buffers && run.error.empty(); ++n) {
-        FillBuffer(buffer, n);
-        // A write that took less is called again with the rest, as the spooler does.
-        size_t done = 0;
-        Clock::time_point lastMove = Clock::now();
-        while (done < buffer.size()) {
-            DWORD written = 0;
-            if (!m->pfnWritePort(port, buffer.data() + done, static_cast<DWORD>(buffer.size() - done), &written)) {
-                run.error = "LocalmonWritePort failed, error " + std::to_string(GetLastError());
-                break;
-            }
-            if (written > buffer.size() - done) {
-                run.error = "LocalmonWritePort reported more written than it was given";
-                break;
-            }
-            if (written > 0) lastMove = Clock::now();
-            else if (Clock::now() - lastMove > std::chrono::milliseconds(kStallMs)) {
-                run.error = "LocalmonWritePort moved nothing for 30 s";
-                break;
-            }
-            done += written;
-        }
-    }
+    WriteJob(m, port, buffers, &run.error);
     m->pfnEndDocPort(port);  // closes the connection: the end of the job for the server
     if (!arrivals.WaitFor(arrivalNumber, kStallMs, &run.arrival)) {
         if (run.error.empty()) run.error = "the print server never saw the job end";
@@ -328,21 +139,6 @@ Run PrintPlain(uint64_t buffers, Arrivals &arrivals, size_t arrivalNumber) {
     return run;
 }
 
-double Median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    size_t n = v.size();
-    return n == 0 ? 0 : n % 2 == 1 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
-
-bool ParseCount(const char *text, long min, long max, long *out) {
-    char *end = nullptr;
-    errno = 0;
-    long v = std::strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != 0 || v < min || v > max) return false;
-    *out = v;
-    return true;
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -368,29 +164,17 @@ int main(int argc, char **argv) {
     const uint64_t buffers = static_cast<uint64_t>(mib) * 1024 * 1024 / kSpoolBuffer;
 
     // A prefix of its own, and the monitor's real waits.
-    char prefixTemplate[] = "/tmp/kvt-bench-XXXXXX";
-    if (mkdtemp(prefixTemplate) == nullptr) {
-        std::fprintf(stderr, "lpr_throughput: cannot make a temporary prefix: %s\n", std::strerror(errno));
-        return 2;
-    }
-    const std::string prefix = prefixTemplate;
-    kvthost::SetPrefix(prefix);
-    kvthost::SetTimeScale(1.0);
-    struct RemovePrefix {
-        std::string path;
-        ~RemovePrefix() {
-            std::error_code ec;
-            std::filesystem::remove_all(path, ec);
-        }
-    } removePrefix{prefix};
-    if (!kvthost::MakePrefix(&error) || !WriteRegistry(&error)) {
+    TemporaryPrefix prefix;
+    if (!prefix.Make(&error) || !WriteRegistry(2 /* TCP/IP */, false, &error)) {
         std::fprintf(stderr, "lpr_throughput: %s\n", error.c_str());
         return 2;
     }
 
     Arrivals arrivals;
     kvtps::Emulator emulator;
-    emulator.SetJobObserver([&arrivals](const kvtps::LprJob &job) { arrivals.Add(job); });
+    emulator.SetJobObserver([&arrivals](const kvtps::LprJob &job) {
+        arrivals.Add(job.dataBytes, job.dataChecksum, job.complete, job.error);
+    });
     kvtps::ServerConfig config;
     config.name = kServerName;
     config.address = kServerAddress;
