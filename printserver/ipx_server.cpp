@@ -455,6 +455,13 @@ void IpxServer::SetFaults(const std::string &server, const IpxFaults &faults) {
     }
 }
 
+void IpxServer::Take(const std::string &server, int kind, const uint8_t *bytes, size_t size) {
+    std::lock_guard<std::mutex> lock(mu_);
+    Device *d = Find(server);
+    if (d != nullptr && kind >= 0 && kind < kSockets) Take(d, kind, bytes, size, sockaddr_in{});
+    ended_.clear();
+}
+
 void IpxServer::SetAddress(const std::string &server, const std::string &address) {
     std::lock_guard<std::mutex> lock(mu_);
     if (Device *d = Find(server)) d->address = address;

@@ -35,6 +35,9 @@ public:
     IpxFaults Faults(const std::string &server) const;
     void SetFaults(const std::string &server, const IpxFaults &faults);
     void SetAddress(const std::string &server, const std::string &address);
+    // A datagram to a server's socket of the kind given (0: 0x3434, 1: 0x3030,
+    // 2 to 4: printer ports 1 to 3), taken as its thread takes one.
+    void Take(const std::string &server, int kind, const uint8_t *bytes, size_t size);
 
 private:
     using Clock = std::chrono::steady_clock;
