@@ -1,10 +1,9 @@
 // What the job benchmarks share: the job's bytes made a spooler buffer at a
 // time, a prefix with the registry keys kvtmon writes for one port of print
 // server PS1 at 127.0.0.2, the monitor loaded as the spooler loads it, the
-// moments the print server saw each job end, and medians.
+// moments the print server saw each job end, and the whole comparison of a
+// job through the monitor with the same job through a plain sender.
 #pragma once
-
-#include <dlfcn.h>
 
 #include <windows.h>
 #include <winsplp.h>
@@ -13,14 +12,17 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "kvthost.h"
+#include "kvtmon.h"
 #include "kvtps.h"
 
 namespace bench {
@@ -63,14 +65,13 @@ struct Arrival {
     uint64_t bytes = 0;
     uint64_t checksum = 0;
     bool complete = false;
-    std::string error;
 };
 
 class Arrivals {
 public:
-    void Add(uint64_t bytes, uint64_t checksum, bool complete, const std::string &error) {
+    void Add(uint64_t bytes, uint64_t checksum, bool complete) {
         std::lock_guard<std::mutex> lock(mu_);
-        list_.push_back({Clock::now(), bytes, checksum, complete, error});
+        list_.push_back({Clock::now(), bytes, checksum, complete});
         cv_.notify_all();
     }
     bool WaitFor(size_t count, int timeoutMs, Arrival *out) {
@@ -87,54 +88,12 @@ private:
     std::vector<Arrival> list_;
 };
 
-inline void SetValue(HKEY key, const char16_t *name, DWORD type, const void *data, DWORD size) {
-    RegSetValueExW(key, name, 0, type, static_cast<const BYTE *>(data), size);
-}
-
-// The keys that kvtmon writes for a host with TCP/IP (and IPX when asked)
-// and port PS1-P1 with the protocol given: the monitor's flags off (no log,
-// no notice), an empty queue name.
+// The keys that `kvtmon init --transports tcpip[,ipx]` writes, the monitor's
+// flags off (no log, no notice), and port PS1-P1 with the protocol given.
 inline bool WriteRegistry(BYTE protocol, bool ipx, std::string *error) {
-    HKEY key = nullptr;
-    if (RegCreateKeyW(HKEY_LOCAL_MACHINE, u"SYSTEM\\CurrentControlSet\\Services\\Tcpip", &key) != ERROR_SUCCESS) {
-        *error = "cannot write the Tcpip key";
-        return false;
-    }
-    std::u16string image = u"\\SystemRoot\\System32\\drivers\\tcpip.sys";
-    SetValue(key, u"ImagePath", REG_EXPAND_SZ, image.c_str(), static_cast<DWORD>((image.size() + 1) * 2));
-    RegCloseKey(key);
-    if (ipx && RegCreateKeyW(HKEY_LOCAL_MACHINE, u"SYSTEM\\CurrentControlSet\\Services\\NwlnkIpx", &key) == ERROR_SUCCESS)
-        RegCloseKey(key);
-
-    const std::u16string monitor = u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port";
-    if (RegCreateKeyW(HKEY_LOCAL_MACHINE, monitor.c_str(), &key) != ERROR_SUCCESS) {
-        *error = "cannot write the monitor's key";
-        return false;
-    }
-    std::u16string driver = u"KVT64.DLL";
-    BYTE off = 0;
-    SetValue(key, u"Driver", REG_SZ, driver.c_str(), static_cast<DWORD>((driver.size() + 1) * 2));
-    SetValue(key, u"IsDEBUG", REG_BINARY, &off, 1);
-    SetValue(key, u"IsNOTIFY", REG_BINARY, &off, 1);
-    RegCloseKey(key);
-
-    HKEY server = nullptr, digit = nullptr;
-    if (RegCreateKeyW(HKEY_LOCAL_MACHINE, (monitor + u"\\Ports\\PS1").c_str(), &server) != ERROR_SUCCESS ||
-        RegCreateKeyW(HKEY_LOCAL_MACHINE, (monitor + u"\\Ports\\PS1\\1").c_str(), &digit) != ERROR_SUCCESS) {
-        *error = "cannot write the port's keys";
-        return false;
-    }
-    uint32_t address = kServerAddressHost;
-    BYTE zero[6] = {};
-    std::u16string queue;
-    SetValue(server, u"IP    ", REG_BINARY, &address, 4);
-    SetValue(server, u"Network", REG_BINARY, zero, 4);
-    SetValue(server, u"Node Address", REG_BINARY, zero, 6);
-    SetValue(digit, u" ", REG_BINARY, &protocol, 1);
-    SetValue(digit, u"QueueName", REG_SZ, queue.c_str(), 2);
-    RegCloseKey(digit);
-    RegCloseKey(server);
-    return true;
+    kvtmon::SetNetworkComponents(kvtmon::kTransportTcpip | (ipx ? kvtmon::kTransportIpx : 0));
+    kvtmon::SetMonitorFlags(false, false);
+    return kvtmon::MakePortKeys("PS1-P1", kServerAddressHost, protocol, std::nullopt, error);
 }
 
 // A temporary prefix, removed when this goes, with the monitor's real waits.
@@ -156,36 +115,6 @@ struct TemporaryPrefix {
         if (!path.empty()) std::filesystem::remove_all(path, ec);
     }
 };
-
-inline std::string ProgramDirectory() {
-    std::error_code ec;
-    std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
-    return ec ? std::string(".") : self.parent_path().string();
-}
-
-// libkvt64.so (KVT64_SO, else the one beside the program), started.
-inline const MONITOR *LoadMonitor(std::string *error) {
-    const char *env = std::getenv("KVT64_SO");
-    std::string path = env != nullptr && *env != 0 ? env : ProgramDirectory() + "/libkvt64.so";
-    void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        *error = std::string("cannot load the monitor: ") + dlerror();
-        return nullptr;
-    }
-    using InitFn = LPMONITOREX (*)(LPWSTR);
-    auto init = reinterpret_cast<InitFn>(dlsym(library, "InitializePrintMonitor"));
-    if (init == nullptr) {
-        *error = path + " has no InitializePrintMonitor";
-        return nullptr;
-    }
-    std::u16string root = u"System\\CurrentControlSet\\Control\\Print\\Monitors";
-    LPMONITOREX table = init(root.data());
-    if (table == nullptr || table->dwMonitorSize != sizeof(MONITOR)) {
-        *error = "the monitor gave no entry table of the right size";
-        return nullptr;
-    }
-    return &table->Monitor;
-}
 
 // Adds the job to the spooler's table and starts it on the port.
 inline bool StartJob(const MONITOR *m, HANDLE port, DWORD jobId, std::string *error) {
@@ -246,6 +175,146 @@ inline bool ParseCount(const char *text, long min, long max, long *out) {
     if (errno != 0 || end == text || *end != 0 || v < min || v > max) return false;
     *out = v;
     return true;
+}
+
+// ---- a job through the monitor next to the same job through a plain sender -------------
+
+// One job through one sender.
+struct Run {
+    bool ok = false;
+    double seconds = 0;      // from the job's start to its end at the print server
+    double dataSeconds = 0;  // its data phase alone
+    Arrival arrival;
+    std::string error;
+};
+
+// A job through the monitor, driven as the spooler drives it: timed from
+// LocalmonStartDocPort to the job's end at the print server, its data phase
+// from the first LocalmonWritePort to the last byte at the server (with
+// acknowledged frames, the return of the last LocalmonWritePort).
+inline Run MonitorJob(const MONITOR *m, HANDLE port, DWORD jobId, uint64_t buffers, Arrivals &arrivals,
+                      size_t arrivalNumber, bool acknowledged) {
+    Run run;
+    Clock::time_point start = Clock::now();
+    if (!StartJob(m, port, jobId, &run.error)) return run;
+    Clock::time_point dataStart = Clock::now();
+    WriteJob(m, port, buffers, &run.error);
+    Clock::time_point written = Clock::now();
+    m->pfnEndDocPort(port);  // the close or the hang-up: the end of the job for the server
+    if (!arrivals.WaitFor(arrivalNumber, kStallMs, &run.arrival) && run.error.empty())
+        run.error = "the print server never saw the job end";
+    run.seconds = Seconds(run.arrival.at - start);
+    run.dataSeconds = Seconds((acknowledged ? written : run.arrival.at) - dataStart);
+    run.ok = run.error.empty();
+    return run;
+}
+
+struct Comparison {
+    const char *program;  // its name, in its messages
+    const char *plainName;  // the plain sender's name in the output
+    const char *what;       // the job, after "N MiB ", in the first line
+    long mib;               // the job's size unless --mib says
+    uint64_t warmBuffers;   // the job that warms both up first, not counted
+    BYTE protocol;          // PS1-P1's stored transport
+    bool ipx;               // the host offers IPX too, and the job goes by acknowledged frames
+    std::function<Run(uint64_t buffers, Arrivals &arrivals, size_t arrivalNumber)> plain;
+};
+
+// The whole program: the private network, --mib and --rounds, a prefix with
+// port PS1-P1, the print server PS1 (keeping only counts and checksums), the
+// monitor; then a warm-up and the rounds, each job through each sender, the
+// rounds alternating which goes first; then the medians and the figure, the
+// ratio of the monitor's median to the plain sender's (target 0.9).  Exits 1
+// when a job arrived with the wrong length or checksum, 2 when the set-up or a
+// job failed.
+inline int Compare(int argc, char **argv, const Comparison &c) {
+    std::string error;
+    if (!kvthost::EnterPrivateNetwork(&error)) {  // before any thread: loopback only
+        std::fprintf(stderr, "%s: cannot enter the private network: %s\n", c.program, error.c_str());
+        return 2;
+    }
+    long mib = c.mib, rounds = 3;
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        if ((a == "--mib" || a == "--rounds") && i + 1 < argc &&
+            ParseCount(argv[i + 1], 1, a == "--mib" ? 65536 : 100, a == "--mib" ? &mib : &rounds)) {
+            ++i;
+        } else {
+            std::fprintf(stderr, "usage: %s [--mib N (%ld)] [--rounds N (3)]\n", c.program, c.mib);
+            return 2;
+        }
+    }
+    const uint64_t buffers = static_cast<uint64_t>(mib) * 1024 * 1024 / kSpoolBuffer;
+
+    TemporaryPrefix prefix;
+    Arrivals arrivals;
+    kvtps::Emulator emulator;
+    emulator.SetJobObserver([&](const kvtps::LprJob &job) { arrivals.Add(job.dataBytes, job.dataChecksum, job.complete); });
+    emulator.SetIpxJobObserver([&](const kvtps::IpxJob &job) { arrivals.Add(job.dataBytes, job.dataChecksum, job.hungUp); });
+    kvtps::ServerConfig config;
+    config.name = "PS1";
+    config.address = kServerAddress;
+    config.storeData = false;
+    const MONITOR *m = nullptr;
+    HANDLE port = nullptr;
+    std::u16string portName = kPortName;
+    if (!prefix.Make(&error) || !WriteRegistry(c.protocol, c.ipx, &error) || !emulator.Start({config}, &error) ||
+        (m = kvtmon::LoadMonitor(&error)) == nullptr || !m->pfnOpenPort(portName.data(), &port)) {
+        std::fprintf(stderr, "%s: the set-up failed: %s\n", c.program, error.c_str());
+        return 2;
+    }
+
+    const uint64_t expected = JobChecksum(buffers);
+    std::printf("%s: %ld MiB %s, %zu KiB spooler buffers, %ld rounds\n", c.program, mib, c.what,
+                kSpoolBuffer / 1024, rounds);
+    std::printf("expected checksum: fnv1a64 %016llx\n", static_cast<unsigned long long>(expected));
+    std::vector<double> rates[2], dataRates[2];
+    bool checksumsMatch = true;
+    size_t arrived = 0;
+    auto rate = [&](double seconds) { return seconds > 0 ? mib / seconds : 0.0; };
+    for (long round = 0; round <= rounds; ++round) {  // round 0 warms up
+        const uint64_t jobBuffers = round == 0 ? std::min(buffers, c.warmBuffers) : buffers;
+        const uint64_t checksum = round == 0 ? JobChecksum(jobBuffers) : expected;
+        Run runs[2];
+        const char *names[2] = {"monitor", c.plainName};
+        for (int k = 0; k < 2; ++k) {
+            const int who = (k == 0) == (round % 2 == 1) ? 0 : 1;  // 0: the monitor
+            runs[who] = who == 0 ? MonitorJob(m, port, static_cast<DWORD>(100 + round), jobBuffers, arrivals,
+                                              ++arrived, c.ipx)
+                                 : c.plain(jobBuffers, arrivals, ++arrived);
+            const Arrival &a = runs[who].arrival;
+            if (!runs[who].ok) {
+                std::fprintf(stderr, "%s: %s: %s\n", c.program, names[who], runs[who].error.c_str());
+                return 2;
+            }
+            if (a.bytes != jobBuffers * kSpoolBuffer || a.checksum != checksum || !a.complete) {
+                checksumsMatch = false;
+                std::printf("  %s: the server got %llu bytes, checksum %016llx, %s\n", names[who],
+                            static_cast<unsigned long long>(a.bytes), static_cast<unsigned long long>(a.checksum),
+                            a.complete ? "whole" : "broken off");
+            }
+        }
+        if (round == 0) continue;
+        for (int who = 0; who < 2; ++who) {
+            rates[who].push_back(rate(runs[who].seconds));
+            dataRates[who].push_back(rate(runs[who].dataSeconds));
+        }
+        std::printf("round %ld: monitor %7.2f MiB/s (%.3f s, data %.3f s)   %s %7.2f MiB/s (%.3f s, data %.3f s)   "
+                    "ratio %.3f\n",
+                    round, rates[0].back(), runs[0].seconds, runs[0].dataSeconds, c.plainName, rates[1].back(),
+                    runs[1].seconds, runs[1].dataSeconds, runs[1].seconds / runs[0].seconds);
+    }
+    m->pfnClosePort(port);
+    emulator.Stop();
+
+    const double ratio = Median(rates[1]) > 0 ? Median(rates[0]) / Median(rates[1]) : 0;
+    std::printf("median: monitor %.2f MiB/s, %s %.2f MiB/s\n", Median(rates[0]), c.plainName, Median(rates[1]));
+    std::printf("data phase only: monitor %.2f MiB/s, %s %.2f MiB/s, ratio %.3f\n", Median(dataRates[0]), c.plainName,
+                Median(dataRates[1]), Median(dataRates[1]) > 0 ? Median(dataRates[0]) / Median(dataRates[1]) : 0);
+    std::printf("ratio (monitor / %s, medians): %.3f   target >= 0.90: %s\n", c.plainName, ratio,
+                ratio >= 0.9 ? "met" : "NOT met");
+    std::printf("checksums: %s\n", checksumsMatch ? "all match" : "MISMATCH");
+    return checksumsMatch ? 0 : 1;
 }
 
 }  // namespace bench
