@@ -100,10 +100,7 @@ TEST_F(KvtmonDiscover, AQuietNetworkListsNothingAndAMissingPrefixIsNamed) {
 TEST_F(KvtmonDiscover, OverIpxTheNodeIsTheSendersAndNoQueueNamesAreRead) {
     ASSERT_EQ(Kvtmon({"init"}).status, 0);
     kvtps::ServerConfig ps1 = Server("PS1", "127.0.0.2");
-    ps1.model = 3;
-    ps1.ipxFaults.replyNode = kvtps::NodeId{0, 0, 0x7F, 0, 0, 0x22};
-    ps1.ipxFaults.faultReplies = kvtps::kIpxReplyManagement;
-    ps1.ipxFaults.faultCount = 3;  // the searches' replies; the read goes to that node
+    ps1.ipxFaults.replyNode = kvtps::NodeId{0, 0, 0x7F, 0, 0, 0x22};  // the EEPROM read goes there: nobody
     StartServers({ps1, Server("PS2", "127.0.0.3")});
     CommandRun json = Kvtmon({"discover", "--transport", "ipx", "--json"});
     ASSERT_EQ(json.status, 0) << json.err;
@@ -112,13 +109,11 @@ TEST_F(KvtmonDiscover, OverIpxTheNodeIsTheSendersAndNoQueueNamesAreRead) {
                             "\"queues\": [\"\", \"\", \"\"], \"type\": 0, \"autoProtocol\": 1}"),
               std::string::npos)
         << json.out;
-    EXPECT_NE(json.out.find("{\"name\": \"PS1\", \"address\": \"TCP/IP Disabled\", \"ipAddress\": \"0.0.0.0\", "
+    EXPECT_NE(json.out.find("\"name\": \"PS1\", \"address\": \"TCP/IP Disabled\", \"ipAddress\": \"0.0.0.0\", "
                             "\"node\": \"00-00-7F-00-00-22\", \"model\": 0"),
               std::string::npos)
         << json.out;
-    EXPECT_EQ(emulator_.IpxCountersOf("PS2").search, 3u);
     EXPECT_EQ(emulator_.ManagementCounters("PS2").search, 0u) << "nothing over UDP";
-    EXPECT_EQ(Kvtmon({"discover", "--transport", "netbios"}).status, 2);
 }
 
 TEST_F(KvtmonDiscover, WithDebugTheSearchIsInTheLog) {
@@ -152,13 +147,10 @@ TEST(KvtmonDemo, FindsItsPrintServersAndPrintsToAPortMadeFromWhatItFound) {
         << out;
     EXPECT_NE(out.find("PS1 received job dfA007"), std::string::npos) << out;
     EXPECT_NE(out.find("on queue \"lp\" at 127.0.0.12"), std::string::npos) << out;
-    EXPECT_NE(out.find("PS2 received it over IPX on channel 1 of printer port 2: 256.0 KiB in 264 frames, identical"),
-              std::string::npos)
-        << out;
-    EXPECT_NE(out.find("Try IPX protocol"), std::string::npos) << out;
-    EXPECT_NE(out.find("PS3 received it over IPX on channel 1 of printer port 1: 64.0 KiB in 66 frames, identical"),
-              std::string::npos)
-        << out;
+    for (const char *line : {"PS2 received it over IPX on channel 1 of printer port 2: 256.0 KiB in 264 frames, identical",
+                             "Try IPX protocol",
+                             "PS3 received it over IPX on channel 1 of printer port 1: 64.0 KiB in 66 frames, identical"})
+        EXPECT_NE(out.find(line), std::string::npos) << out;
     EXPECT_NE(out.find("demo ok"), std::string::npos) << out;
 }
 

@@ -38,13 +38,19 @@ TEST(ProgramOptions, ServersFromLineAndFileWithTheirKnobsInAnyOrder) {
     ASSERT_TRUE(ParseCommandLine({"--slow", "pc2=256", "--server", "pc1@127.0.0.2",
                                   std::string("--config=").append((dir.path / "kvtps.conf").string()),
                                   "--close-before-ack=pc1=2,3", "--refuse", "pc1", "--spool", "/s",
-                                  "--quiet"},
+                                  "--quiet", "--ipx-busy", "pc1=3", "--ipx-reply-node", "pc1=00-00-7f-00-00-09",
+                                  "--ipx-faults-on", "pc1=data,hangup", "--no-ipx", "pc2"},
                                  &o, &error)) << error;
     ASSERT_EQ(o.servers.size(), 2u);
     const ServerConfig &a = o.servers[0], &b = o.servers[1];
     EXPECT_EQ(a.lpr.closeBeforeAck, 2);
     EXPECT_EQ(a.lpr.closeBeforeAckCount, 3);
     EXPECT_TRUE(a.lpr.refuse);
+    EXPECT_EQ(a.ipxFaults.busyAnswers, 3);
+    EXPECT_EQ(a.ipxFaults.replyNode, (NodeId{0, 0, 0x7f, 0, 0, 9}));
+    EXPECT_EQ(a.ipxFaults.faultReplies, kIpxReplyData | kIpxReplyHangup);
+    EXPECT_TRUE(a.ipx);
+    EXPECT_FALSE(b.ipx);
     EXPECT_EQ(b.address, "127.0.0.3");
     EXPECT_FALSE(b.storeData);
     EXPECT_EQ(b.lpr.nakAtStep, 3);
@@ -65,6 +71,8 @@ TEST(ProgramOptions, BadInputIsNamedNeverGuessed) {
         {{"--server", "pc1@127.0.0.2", "--nak", "pc1=2:0"},
          "--nak: nak wants K[:BYTE] with K 1-4 and BYTE 1-255, not '2:0'"},
         {{"--server", "pc1@127.0.0.2", "--silent", "pc2"}, "--silent: no server named 'pc2'"},
+        {{"--server", "pc1@127.0.0.2", "--ipx-reply-node", "pc1=00-40-26-00-00-01"},
+         "--ipx-reply-node: ipx-reply-node wants 00-00-a-b-c-d, not '00-40-26-00-00-01'"},
         {{"--config", "/nonexistent"}, "cannot read /nonexistent: No such file or directory"},
     };
     for (const auto &c : cases) {
@@ -79,6 +87,7 @@ TEST(ProgramOptions, BadInputIsNamedNeverGuessed) {
         {"address = 127.0.0.2\n", "f:1: a setting before the first [NAME]"},
         {"[pc1]\n\ncolour = red\n", "f:3: unknown setting 'colour'"},
         {"[pc1]\nsilent = maybe\n", "f:2: silent wants yes or no, not 'maybe'"},
+        {"[pc1]\nipx-silent = maybe\n", "f:2: ipx-silent wants yes or no, not 'maybe'"},
     };
     for (const auto &f : files) {
         std::vector<ServerConfig> servers;
