@@ -89,10 +89,8 @@ int Close(int fd) {
 }
 
 int SetNonBlocking(int fd, bool on) {
-    int flags = fcntl(fd, F_GETFL);
-    if (flags < 0) return -errno;
-    flags = on ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
-    return Result(fcntl(fd, F_SETFL, flags));
+    int value = on ? 1 : 0;  // one call: the IPX transport makes a socket for every frame
+    return Result(ioctl(fd, FIONBIO, &value));
 }
 
 int BytesReadable(int fd) {
