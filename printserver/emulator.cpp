@@ -5,6 +5,7 @@
 #include "kvtps.h"
 #include "lpr_server.h"
 #include "mgmt_server.h"
+#include "netbios_server.h"
 
 namespace kvtps {
 
@@ -71,6 +72,8 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
     }
     auto mgmt = std::make_shared<detail::MgmtServer>(configs);
     if (!mgmt->Open(error)) return false;
+    auto netbios = std::make_shared<detail::NbServer>(configs);
+    netbios->Open();
     std::vector<std::shared_ptr<detail::LprServer>> servers;
     for (auto &config : configs) {
         auto server = std::make_shared<detail::LprServer>(std::move(config), observer_);
@@ -83,8 +86,10 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
     }
     for (auto &server : servers) server->Run();
     mgmt->Run();
+    netbios->Run();
     servers_ = std::move(servers);
     mgmt_ = std::move(mgmt);
+    netbios_ = std::move(netbios);
     running_ = true;
     return true;
 }
@@ -92,16 +97,19 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
 void Emulator::Stop() {
     std::vector<std::shared_ptr<detail::LprServer>> servers;
     std::shared_ptr<detail::MgmtServer> mgmt;
+    std::shared_ptr<detail::NbServer> netbios;
     {
         std::lock_guard<std::mutex> lock(mu_);
         if (!running_) return;
         running_ = false;
         servers = servers_;
         mgmt = mgmt_;
+        netbios = netbios_;
     }
     // Not under mu_: an observer running on a server thread may call in.
     for (auto &server : servers) server->Stop();
     if (mgmt) mgmt->Stop();
+    if (netbios) netbios->Stop();
 }
 
 bool Emulator::Running() const {
@@ -205,6 +213,8 @@ bool Emulator::SetAddress(const std::string &server, const std::string &address,
     }
     if (!s->SetAddress(address, error)) return false;
     m->SetAddress(server, address);
+    std::lock_guard<std::mutex> lock(mu_);
+    if (netbios_) netbios_->SetAddress(server, address);
     return true;
 }
 
@@ -233,6 +243,25 @@ bool Emulator::SetManagementFaults(const std::string &server, const MgmtFaults &
     check.mgmt = faults;
     if (!ValidateManagement(check, error)) return false;
     m->SetFaults(server, faults);
+    return true;
+}
+
+NbCounters Emulator::NetbiosCounters(const std::string &server) const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return netbios_ ? netbios_->Counters(server) : NbCounters{};
+}
+
+NbTraffic Emulator::NetbiosTraffic() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return netbios_ ? netbios_->Traffic() : NbTraffic{};
+}
+
+bool Emulator::SetNetbiosFaults(const std::string &server, const NbFaults &faults, std::string *error) {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!netbios_ || !netbios_->SetFaults(server, faults)) {
+        if (error) *error = "no server named " + server;
+        return false;
+    }
     return true;
 }
 

@@ -30,6 +30,12 @@ void PrintSummary(const kvtps::Emulator &emulator) {
                     name.c_str(), static_cast<unsigned long long>(m.search),
                     static_cast<unsigned long long>(m.readEeprom), static_cast<unsigned long long>(m.queueNames),
                     static_cast<unsigned long long>(m.status), static_cast<unsigned long long>(m.replies));
+        kvtps::NbCounters n = emulator.NetbiosCounters(name);
+        std::printf("kvtps: %s: NetBIOS queries: %llu search to the group, %llu to its name, %llu EEPROM; "
+                    "%llu replies\n",
+                    name.c_str(), static_cast<unsigned long long>(n.groupSearch),
+                    static_cast<unsigned long long>(n.nameSearch), static_cast<unsigned long long>(n.cfgReadEeprom),
+                    static_cast<unsigned long long>(n.replies));
     }
 }
 
@@ -118,6 +124,9 @@ int main(int argc, char **argv) {
                         kvtps::NodeText(emulator.Node(server.name)).c_str(),
                         server.management ? "" : " (no management)");
         }
+        if (!emulator.NetbiosTraffic().listenError.empty())
+            std::fprintf(stderr, "kvtps: %s; the servers hold no NetBIOS names\n",
+                         emulator.NetbiosTraffic().listenError.c_str());
         std::printf("kvtps: ready\n");
         std::fflush(stdout);
     }
