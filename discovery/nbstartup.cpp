@@ -126,42 +126,44 @@ static BOOL AddPortNames(const char *pBaseName, UCHAR lana) {
     return TRUE;
 }
 
-/* The start-up itself, under the lock. */
-static BOOL RunStartup(void) {
-    char baseName[NB_UNIQUENAME_BYTES], suffix[8], name0[NB_UNIQUENAME_BYTES + 8], group[NCBNAMSZ + 1];
-    if (!GetUniquename(baseName)) {
-        DebugLog("Leave NBStartup - GetUniquename fail\n");
-        return FALSE;
+/* Step 8 and 9: polls without sleeping until a LANA has the answer, sending
+ * the query again after each period.  The index of the working LANA, or -1
+ * after the last period. */
+static int PollForAnswer(int count, NCB *sends, NCB *receives, BYTE (*replies)[NB_REPLY_BYTES], const BOOL *armed) {
+    DWORD start = GetTickCount();
+    for (int periods = 0;;) {
+        for (int i = 0; i < count; ++i) {
+            if (!armed[i] || NBRetCode(&receives[i]) != NRC_GOODRET) continue;
+            if (IsManagementReply(MGMT_CARRIER_NETBIOS, replies[i], receives[i].ncb_length, MGMT_SEARCH)) return i;
+            ArmReceive(&receives[i], replies[i]);
+        }
+        DWORD now = GetTickCount();
+        if (now - start < NB_STARTUP_PERIOD_MS) continue;
+        for (int i = 0; i < count; ++i)
+            if (armed[i]) SendQuery(&sends[i]);
+        start = now;
+        if (++periods == NB_STARTUP_PERIODS) return -1;
     }
-    LANA_ENUM lanas;
-    NCB enumNcb;
-    if (EnumerateLanas(&enumNcb, &lanas) != NRC_GOODRET && enumNcb.ncb_retcode != NRC_GOODRET) {
-        DebugLog("Leave NBStartup - EnumerateLANA fail\n");
-        return FALSE;
-    }
-    /* One reply buffer per LANA: LANAs beyond the buffers take no part. */
-    const int count = lanas.length < NB_REPLY_BUFFERS ? lanas.length : NB_REPLY_BUFFERS;
-    NCB *sends = (NCB *)GlobalAlloc(GMEM_FIXED, NB_REPLY_BUFFERS * sizeof(NCB));
-    NCB *receives = (NCB *)GlobalAlloc(GMEM_FIXED, NB_REPLY_BUFFERS * sizeof(NCB));
-    if (sends == NULL || receives == NULL) {
-        if (sends != NULL) GlobalFree(sends);
-        if (receives != NULL) GlobalFree(receives);
-        DebugLog("Leave NBStartup - GlobalAlloc fail\n");
-        return FALSE;
-    }
+}
+
+/* Steps 4 to 13, with the two arrays, which it frees. */
+static BOOL FindWorkingLana(const char *pBaseName, const LANA_ENUM *pLanas, NCB *sends, NCB *receives) {
+    char suffix[8], name0[NB_UNIQUENAME_BYTES + 8], group[NCBNAMSZ + 1];
     BYTE replies[NB_REPLY_BUFFERS][NB_REPLY_BYTES];
     BYTE query[MGMT_QUERY_MAX_BYTES];
-    const int cbQuery = BuildManagementQuery(MGMT_CARRIER_NETBIOS, MGMT_SEARCH, NULL, query);
     BOOL armed[NB_REPLY_BUFFERS] = {FALSE};  /* the LANA holds Name0 and has a receive block in use */
+    const int cbQuery = BuildManagementQuery(MGMT_CARRIER_NETBIOS, MGMT_SEARCH, NULL, query);
+    /* One reply buffer per LANA: LANAs beyond the buffers take no part. */
+    const int count = pLanas->length < NB_REPLY_BUFFERS ? pLanas->length : NB_REPLY_BUFFERS;
 
     for (int i = 0; i < count; ++i) {
         memset(&sends[i], 0, sizeof(NCB));
         sends[i].ncb_command = NCBRESET;
-        sends[i].ncb_lana_num = lanas.lana[i];
+        sends[i].ncb_lana_num = pLanas->lana[i];
         Netbios(&sends[i]);
     }
     LoadNarrow(IDS_NB_NAME0_SUFFIX, suffix, sizeof suffix);
-    snprintf(name0, sizeof name0, "%s%s", baseName, suffix);
+    snprintf(name0, sizeof name0, "%s%s", pBaseName, suffix);
     LoadNarrow(IDS_NB_GROUP_NAME, group, sizeof group);
     LogPrintf("Name0 = %s\n", name0);
 
@@ -187,24 +189,8 @@ static BOOL RunStartup(void) {
                   s->ncb_lana_num);
     }
 
-    /* Polls without sleeping; the query goes out again after each period. */
-    DWORD start = GetTickCount();
-    int periods = 0, working = -1;
-    while (working < 0) {
-        for (int i = 0; i < count && working < 0; ++i) {
-            if (!armed[i] || NBRetCode(&receives[i]) != NRC_GOODRET) continue;
-            if (IsManagementReply(MGMT_CARRIER_NETBIOS, replies[i], receives[i].ncb_length, MGMT_SEARCH))
-                working = i;
-            else
-                ArmReceive(&receives[i], replies[i]);
-        }
-        if (working >= 0) break;
-        DWORD now = GetTickCount();
-        if (now - start < NB_STARTUP_PERIOD_MS) continue;
-        for (int i = 0; i < count; ++i)
-            if (armed[i]) SendQuery(&sends[i]);
-        start = now;
-        if (++periods < NB_STARTUP_PERIODS) continue;
+    const int working = PollForAnswer(count, sends, receives, replies, armed);
+    if (working < 0) {
         for (int i = 0; i < count; ++i)
             if (armed[i] && NBRetCode(&receives[i]) == NRC_PENDING) CancelAndDelete(&receives[i]);
         DebugLog("Working Lana number is not found\n");
@@ -212,7 +198,6 @@ static BOOL RunStartup(void) {
         GlobalFree(receives);
         return FALSE;
     }
-
     const UCHAR lana = receives[working].ncb_lana_num;
     LogPrintf("Receive data from Lana[%d]\n", lana);
     GlobalFree(sends);
@@ -224,7 +209,33 @@ static BOOL RunStartup(void) {
     for (int i = 0; i < count; ++i)
         if (i != working && armed[i] && NBRetCode(&receives[i]) == NRC_PENDING) CancelAndDelete(&receives[i]);
     GlobalFree(receives);
-    return AddPortNames(baseName, lana);
+    return AddPortNames(pBaseName, lana);
+}
+
+/* The start-up itself, under the lock.  The arrays come first: without them
+ * no LANA is reset, and the names of an earlier start-up stay as they are. */
+static BOOL RunStartup(void) {
+    NCB *sends = (NCB *)GlobalAlloc(GMEM_FIXED, NB_REPLY_BUFFERS * sizeof(NCB));
+    NCB *receives = (NCB *)GlobalAlloc(GMEM_FIXED, NB_REPLY_BUFFERS * sizeof(NCB));
+    if (sends == NULL || receives == NULL) {
+        if (sends != NULL) GlobalFree(sends);
+        if (receives != NULL) GlobalFree(receives);
+        DebugLog("Leave NBStartup - GlobalAlloc fail\n");
+        return FALSE;
+    }
+    char baseName[NB_UNIQUENAME_BYTES];
+    LANA_ENUM lanas;
+    NCB enumNcb;
+    if (!GetUniquename(baseName)) {
+        DebugLog("Leave NBStartup - GetUniquename fail\n");
+    } else if (EnumerateLanas(&enumNcb, &lanas) != NRC_GOODRET && enumNcb.ncb_retcode != NRC_GOODRET) {
+        DebugLog("Leave NBStartup - EnumerateLANA fail\n");
+    } else {
+        return FindWorkingLana(baseName, &lanas, sends, receives);
+    }
+    GlobalFree(sends);
+    GlobalFree(receives);
+    return FALSE;
 }
 
 BOOL NBStartup(void) {

@@ -358,6 +358,10 @@ bool ValidateManagement(const ServerConfig &config, std::string *error);
 // answers nothing.  The node and address are the server's current ones.
 std::string BuildMgmtReply(const ServerConfig &config, const NodeId &node,
                            const std::string &address, uint8_t command);
+// A server's NetBIOS names: its announced name cut to 16 bytes, and the
+// ".CFG" name the monitor forms from the short name in its search reply.
+std::string NbName(const ServerConfig &config);
+std::string NbCfgName(const ServerConfig &config);
 // The same reply over NetBIOS: "PS" 80 00 in place of the node.
 std::string BuildNbReply(const ServerConfig &config, const NodeId &node, const std::string &address,
                          uint8_t command);

@@ -123,6 +123,9 @@ int main(int argc, char **argv) {
                         emulator.LprPort(server.name), refusing ? " (refusing)" : "",
                         kvtps::NodeText(emulator.Node(server.name)).c_str(),
                         server.management ? "" : " (no management)");
+            if (server.netbios.enabled && emulator.NetbiosTraffic().listening)
+                std::printf("kvtps: %s holds the NetBIOS names \"%s\" and \"%s\", member of %s\n", server.name.c_str(),
+                            kvtps::NbName(server).c_str(), kvtps::NbCfgName(server).c_str(), kvtps::kNbGroupName);
         }
         if (!emulator.NetbiosTraffic().listenError.empty())
             std::fprintf(stderr, "kvtps: %s; the servers hold no NetBIOS names\n",

@@ -16,6 +16,15 @@
 
 namespace kvtps {
 
+std::string NbName(const ServerConfig &c) {
+    return (c.deviceName.empty() ? c.name : c.deviceName).substr(0, 16);
+}
+
+std::string NbCfgName(const ServerConfig &c) {
+    std::string shortName = (c.shortName.empty() ? c.name : c.shortName).substr(0, kShortNameBytes);
+    return shortName.substr(0, shortName.find('\0')) + ".CFG";
+}
+
 std::string BuildNbReply(const ServerConfig &config, const NodeId &node, const std::string &address,
                          uint8_t command) {
     std::string udp = BuildMgmtReply(config, node, address, command);
@@ -41,12 +50,6 @@ int QueryCommand(const std::string &data) {
     return q[5];
 }
 
-// The ".CFG" name the monitor forms from the short name in a search reply.
-kvtnb::Name CfgName(const ServerConfig &c) {
-    std::string shortName = (c.shortName.empty() ? c.name : c.shortName).substr(0, kShortNameBytes);
-    return kvtnb::MakeName(shortName.substr(0, shortName.find('\0')) + ".CFG");
-}
-
 }  // namespace
 
 NbServer::NbServer(const std::vector<ServerConfig> &configs) {
@@ -55,8 +58,8 @@ NbServer::NbServer(const std::vector<ServerConfig> &configs) {
         d.config = config;
         d.node = config.node ? *config.node : NodeFromAddress(config.address);
         d.address = config.address;
-        d.name = kvtnb::MakeName(config.deviceName.empty() ? config.name : config.deviceName);
-        d.cfgName = CfgName(config);
+        d.name = kvtnb::MakeName(NbName(config));
+        d.cfgName = kvtnb::MakeName(NbCfgName(config));
         devices_.push_back(std::move(d));
     }
 }

@@ -45,10 +45,8 @@ TestHost::TestHost(const HostOptions &o) {
     kvthost::RevertToSelf();
     kvthost::SetComputerName("");
     kvthost::SetSystemDirectoryFails(false);
-    kvthost::SetGlobalAllocFails(false);
     kvthost::SetNetbiosLanas({});
     kvthost::SetNetbiosHook(nullptr);
-    kvthost::RecordNetbiosCalls(false);
     kvthost::SetTimeScale(o.timeScale);
     if (o.tcpip) {
         HKEY key = Create(u"SYSTEM\\CurrentControlSet\\Services\\Tcpip");
