@@ -102,7 +102,7 @@ class NbStartupLanas : public NbStartup, public ::testing::WithParamInterface<La
 
 TEST_P(NbStartupLanas, TheFirstAnswerChoosesTheWorkingLana) {
     const LanaCase &c = GetParam();
-    Start(c.lanas, c.server, c.working < 0 ? 0.001 : c.server.lateMs ? 0.2 : 1.0);
+    Start(c.lanas, c.server, c.working < 0 ? 0.001 : 1.0);
     if (c.injectAt >= 0) InjectAtQuery(static_cast<UCHAR>(c.injectAt), c.inject);
     if (c.name0Refused)
         kvthost::SetNetbiosHook([](const NCB &ncb) -> uint8_t {
@@ -135,7 +135,7 @@ TEST_P(NbStartupLanas, TheFirstAnswerChoosesTheWorkingLana) {
 }
 
 const std::string kSearchHead("PS\x80\x00\x01\x04", 6), kEepromHead("PS\x80\x00\x01\x02", 6);
-const kvtps::NbFaults kNoNetbios{false, false, "", 0}, kLate{true, false, "", 600};
+const kvtps::NbFaults kNoNetbios{false, false, "", 0}, kLate{true, false, "", 1200};
 
 INSTANTIATE_TEST_SUITE_P(
     , NbStartupLanas,
@@ -147,7 +147,7 @@ INSTANTIATE_TEST_SUITE_P(
         // earlier in NCBENUM's list wins, whatever its number.
         LanaCase{"InOnePassTheEarlierLanaWins", {Lana(4), Lana(2)}, kNoNetbios, false, 2, kSearchHead, 4},
         // No search reply: the receive is armed again, and nothing else
-        // changes; the reply that comes late (after the first period) is taken.
+        // changes; the reply that comes late (after two periods) is taken.
         LanaCase{"AForeignDatagramRearmsTheReceive", {Lana(0)}, kLate, false, 0, kEepromHead, 0, -2, 0, 2},
         LanaCase{"NoPrintServerElevenQueriesPerLana", {Lana(0), Lana(1, true)}, kNoNetbios, false, -1, "", -1, 11, 2},
         LanaCase{"Name0OnNoLanaStillTenPeriods", {Lana(0), Lana(1)}, {}, true, -1, "", -1, 0, 0}),
@@ -183,7 +183,7 @@ TEST_F(NbStartup, LanasBeyondTheTenReplyBuffersTakeNoPart) {
     for (uint8_t n = 0; n < 12; ++n) lanas.push_back(Lana(n));
     Start(lanas);
     ASSERT_TRUE(NBStartup());
-    EXPECT_EQ(Calls(NCBADDNAME, 9).size(), 1u);
+    EXPECT_FALSE(Calls(NCBADDNAME, 9).empty()) << "the tenth takes part (and may be the working one)";
     for (int lana : {10, 11}) EXPECT_TRUE(Calls(NCBRESET, lana).empty() && Calls(NCBADDNAME, lana).empty()) << lana;
 }
 
