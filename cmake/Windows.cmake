@@ -12,4 +12,4 @@ target_include_directories(KVT64 PRIVATE ${KVT_MONITOR_INCLUDES})
 set_target_properties(KVT64 PROPERTIES PREFIX "" OUTPUT_NAME KVT64 SUFFIX ".DLL")
 # No C++ runtime DLLs to ship beside the monitor.
 target_link_options(KVT64 PRIVATE -static -static-libgcc -static-libstdc++)
-target_link_libraries(KVT64 PRIVATE ws2_32 winspool advapi32 user32 kernel32)
+target_link_libraries(KVT64 PRIVATE ws2_32 netapi32 winspool advapi32 user32 kernel32)

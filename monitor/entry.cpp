@@ -14,6 +14,7 @@
 #include "availps.h"
 #include "debuglog.h"
 #include "monitor.h"
+#include "nbstartup.h"
 #include "portstore.h"
 #include "resource.h"
 
@@ -71,6 +72,7 @@ extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE instance, DWORD reason, LPVOID re
         DllInstance = instance;
         MessageTlsSlot = TlsAlloc();
         InitializeCriticalSection(&AvailPSLock);
+        InitializeCriticalSection(&NBStartupLock);
     }
     return TRUE;
 }

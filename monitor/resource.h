@@ -8,6 +8,9 @@
 #include <windows.h>
 
 #define IDS_PRINTING_SUCCESS 833
+#define IDS_NB_NAME0_SUFFIX 900    /* ".ER" */
+#define IDS_NB_NAME1_SUFFIX 901    /* ".E1", then ".E2" and ".E3" */
+#define IDS_NB_GROUP_NAME 904      /* "KVTR.GROUP" */
 #define IDS_PROFILE_SECTION 1000
 #define IDS_VENDORDESC_KEY 1002
 #define IDS_DEVICEDESC_KEY 1004

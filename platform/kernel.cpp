@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -36,6 +37,8 @@ std::vector<Module> gModules;
 std::mutex gUserMutex;
 bool gUserNameFails = false;
 thread_local std::u16string tImpersonated;
+
+std::atomic<bool> gGlobalAllocFails{false};
 
 }  // namespace
 
@@ -114,6 +117,17 @@ HLOCAL WINAPI LocalFree(HLOCAL mem) {
     std::free(mem);
     return nullptr;
 }
+
+// Fixed memory only: the handle is the address.
+HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T bytes) {
+    if (gGlobalAllocFails) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    return LocalAlloc(flags & GMEM_ZEROINIT, bytes);
+}
+
+HGLOBAL WINAPI GlobalFree(HGLOBAL mem) { return LocalFree(mem); }
 
 // The platform reports itself as Windows NT 10.0.
 BOOL WINAPI GetVersionExW(LPOSVERSIONINFOW info) {
@@ -227,5 +241,6 @@ void SetUserNameFails(bool fails) {
     std::lock_guard<std::mutex> lock(gUserMutex);
     gUserNameFails = fails;
 }
+void SetGlobalAllocFails(bool fails) { gGlobalAllocFails = fails; }
 
 }  // namespace kvthost

@@ -6,6 +6,7 @@
 #include "ipx_server.h"
 #include "lpr_server.h"
 #include "mgmt_server.h"
+#include "netbios_server.h"
 
 namespace kvtps {
 
@@ -74,6 +75,8 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
     auto mgmt = std::make_shared<detail::MgmtServer>(configs);
     if (!mgmt->Open(error)) return false;
     auto ipx = std::make_shared<detail::IpxServer>(configs, ipxObserver_);  // opened once LPR listens
+    auto netbios = std::make_shared<detail::NbServer>(configs);
+    netbios->Open();
     std::vector<std::shared_ptr<detail::LprServer>> servers;
     for (auto &config : configs) {
         auto server = std::make_shared<detail::LprServer>(std::move(config), observer_);
@@ -88,9 +91,11 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
     for (auto &server : servers) server->Run();
     mgmt->Run();
     ipx->Run();
+    netbios->Run();
     servers_ = std::move(servers);
     mgmt_ = std::move(mgmt);
     ipx_ = std::move(ipx);
+    netbios_ = std::move(netbios);
     running_ = true;
     return true;
 }
@@ -99,6 +104,7 @@ void Emulator::Stop() {
     std::vector<std::shared_ptr<detail::LprServer>> servers;
     std::shared_ptr<detail::MgmtServer> mgmt;
     std::shared_ptr<detail::IpxServer> ipx;
+    std::shared_ptr<detail::NbServer> netbios;
     {
         std::lock_guard<std::mutex> lock(mu_);
         if (!running_) return;
@@ -106,11 +112,13 @@ void Emulator::Stop() {
         servers = servers_;
         mgmt = mgmt_;
         ipx = ipx_;
+        netbios = netbios_;
     }
     // Not under mu_: an observer running on a server thread may call in.
     for (auto &server : servers) server->Stop();
     if (mgmt) mgmt->Stop();
     if (ipx) ipx->Stop();
+    if (netbios) netbios->Stop();
 }
 
 bool Emulator::Running() const {
@@ -215,6 +223,8 @@ bool Emulator::SetAddress(const std::string &server, const std::string &address,
     if (!s->SetAddress(address, error)) return false;
     m->SetAddress(server, address);
     if (auto x = Ipx()) x->SetAddress(server, address);
+    std::lock_guard<std::mutex> lock(mu_);
+    if (netbios_) netbios_->SetAddress(server, address);
     return true;
 }
 
@@ -243,6 +253,25 @@ bool Emulator::SetManagementFaults(const std::string &server, const MgmtFaults &
     check.mgmt = faults;
     if (!ValidateManagement(check, error)) return false;
     m->SetFaults(server, faults);
+    return true;
+}
+
+NbCounters Emulator::NetbiosCounters(const std::string &server) const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return netbios_ ? netbios_->Counters(server) : NbCounters{};
+}
+
+NbTraffic Emulator::NetbiosTraffic() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return netbios_ ? netbios_->Traffic() : NbTraffic{};
+}
+
+bool Emulator::SetNetbiosFaults(const std::string &server, const NbFaults &faults, std::string *error) {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!netbios_ || !netbios_->SetFaults(server, faults)) {
+        if (error) *error = "no server named " + server;
+        return false;
+    }
     return true;
 }
 

@@ -127,6 +127,41 @@ struct MgmtFaults {
     std::string statusAddress;       // the address status replies name (empty: its own)
 };
 
+// ---- NetBIOS --------------------------------------------------------------------------
+// Datagrams of RFC 1002 broadcast to UDP port 138 (netbios_server.h).  Each
+// server holds its name (the announced one, cut to 16 bytes), its short name
+// with ".CFG", and is a member of the group KVTR.GROUP.  It answers MgmtSearch
+// sent to the group or to its name, and MgmtReadEEPROM sent to its ".CFG"
+// name: queries "PS" 00 00 00 CMD FF ~CMD, replies "PS" 80 00, the head and
+// the body (the management faults apply to them as over UDP).
+inline constexpr char kNbGroupName[] = "KVTR.GROUP";
+
+// How a server takes part in NetBIOS.  enabled counts at the start; the others
+// can change while it runs (Emulator::SetNetbiosFaults).
+struct NbFaults {
+    bool enabled = true;     // false: a host that holds no NetBIOS at all
+    bool groupOnly = false;  // answers only what is sent to KVTR.GROUP
+    std::string replyName;   // replies come from this name (empty: its own)
+    int lateMs = 0;          // replies go out this late, in the monitor's milliseconds (KVT_TIMESCALE)
+};
+
+// What one server was sent to its names, by what it was.
+struct NbCounters {
+    uint64_t groupSearch = 0;    // MgmtSearch to KVTR.GROUP
+    uint64_t nameSearch = 0;     // MgmtSearch to its own name
+    uint64_t cfgReadEeprom = 0;  // MgmtReadEEPROM to its ".CFG" name
+    uint64_t other = 0;          // anything else to one of its names
+    uint64_t replies = 0;
+    uint64_t unanswered = 0;     // queries it let pass (group only, silent, not among its answers)
+};
+
+struct NbTraffic {
+    uint64_t datagrams = 0;  // every packet on port 138
+    uint64_t malformed = 0;  // no whole direct datagram of RFC 1002
+    bool listening = false;
+    std::string listenError;  // why nothing listens (port 138 is privileged outside the private network)
+};
+
 struct ServerConfig {
     std::string name;                  // the print server's name, as jobs and counters report it
     std::string address = "127.0.0.2"; // its own IPv4 address
@@ -150,6 +185,7 @@ struct ServerConfig {
     // two-byte port mark, which the monitor cuts off (with one blank before it).
     std::array<std::string, 3> queueTexts = {"lpt1 P1", "lpt2 P2", "lpt3 P3"};
     MgmtFaults mgmt;
+    NbFaults netbios;
 
     bool ipx = true;                   // on IPX, at the address its node names (00-00-a-b-c-d)
     IpxFaults ipxFaults;
@@ -247,6 +283,7 @@ namespace detail {
 class LprServer;
 class MgmtServer;
 class IpxServer;
+class NbServer;
 }
 
 class Emulator {
@@ -310,6 +347,10 @@ public:
     IpxCounters IpxCountersOf(const std::string &server) const;
     IpxFaults IpxFaultsOf(const std::string &server) const;
     bool SetIpxFaults(const std::string &server, const IpxFaults &faults, std::string *error = nullptr);
+    // ---- NetBIOS ----
+    NbCounters NetbiosCounters(const std::string &server) const;
+    NbTraffic NetbiosTraffic() const;
+    bool SetNetbiosFaults(const std::string &server, const NbFaults &faults, std::string *error = nullptr);
 
 private:
     std::shared_ptr<detail::LprServer> Find(const std::string &server) const;
@@ -320,6 +361,7 @@ private:
     std::vector<std::shared_ptr<detail::LprServer>> servers_;
     std::shared_ptr<detail::MgmtServer> mgmt_;
     std::shared_ptr<detail::IpxServer> ipx_;
+    std::shared_ptr<detail::NbServer> netbios_;
     JobObserver observer_;
     IpxJobObserver ipxObserver_;
     bool running_ = false;
@@ -334,5 +376,12 @@ bool ValidateIpxFaults(const IpxFaults &faults, std::string *error);
 // answers nothing.  The node and address are the server's current ones.
 std::string BuildMgmtReply(const ServerConfig &config, const NodeId &node,
                            const std::string &address, uint8_t command);
+// A server's NetBIOS names: its announced name cut to 16 bytes, and the
+// ".CFG" name the monitor forms from the short name in its search reply.
+std::string NbName(const ServerConfig &config);
+std::string NbCfgName(const ServerConfig &config);
+// The same reply over NetBIOS: "PS" 80 00 in place of the node.
+std::string BuildNbReply(const ServerConfig &config, const NodeId &node, const std::string &address,
+                         uint8_t command);
 
 }  // namespace kvtps

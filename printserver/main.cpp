@@ -38,6 +38,12 @@ void PrintSummary(const kvtps::Emulator &emulator) {
                     static_cast<unsigned long long>(x.busyAnswers), static_cast<unsigned long long>(x.dataFrames),
                     static_cast<unsigned long long>(x.duplicates), static_cast<unsigned long long>(x.hangups),
                     static_cast<unsigned long long>(x.replies));
+        kvtps::NbCounters n = emulator.NetbiosCounters(name);
+        std::printf("kvtps: %s: NetBIOS queries: %llu search to the group, %llu to its name, %llu EEPROM; "
+                    "%llu replies\n",
+                    name.c_str(), static_cast<unsigned long long>(n.groupSearch),
+                    static_cast<unsigned long long>(n.nameSearch), static_cast<unsigned long long>(n.cfgReadEeprom),
+                    static_cast<unsigned long long>(n.replies));
     }
 }
 
@@ -131,7 +137,13 @@ int main(int argc, char **argv) {
                         kvtps::NodeText(emulator.Node(server.name)).c_str(),
                         server.management ? "" : " (no management)",
                         emulator.IpxCountersOf(server.name).listening ? ", IPX" : " (no IPX)");
+            if (server.netbios.enabled && emulator.NetbiosTraffic().listening)
+                std::printf("kvtps: %s holds the NetBIOS names \"%s\" and \"%s\", member of %s\n", server.name.c_str(),
+                            kvtps::NbName(server).c_str(), kvtps::NbCfgName(server).c_str(), kvtps::kNbGroupName);
         }
+        if (!emulator.NetbiosTraffic().listenError.empty())
+            std::fprintf(stderr, "kvtps: %s; the servers hold no NetBIOS names\n",
+                         emulator.NetbiosTraffic().listenError.c_str());
         std::printf("kvtps: ready\n");
         std::fflush(stdout);
     }

@@ -63,6 +63,14 @@ const char kUsage[] =
     "  --status-address NAME=ADDRESS status replies name ADDRESS (0.0.0.0: none yet)\n"
     "  --faults-on NAME=LIST         the replies that --reply-node, --reply-command and\n"
     "                                --cut-replies change (default: all)\n"
+    "NetBIOS (datagrams on UDP port 138), per server: it holds its name (cut to 16 bytes)\n"
+    "and its short name with \".CFG\", is a member of KVTR.GROUP, answers the search sent to\n"
+    "the group or its name and the EEPROM read sent to its \".CFG\" name:\n"
+    "  --no-netbios NAME             holds no NetBIOS name at all\n"
+    "  --nb-group-only NAME          answers only what is sent to KVTR.GROUP\n"
+    "  --nb-reply-name NAME=TEXT     replies come from the NetBIOS name TEXT, not its own\n"
+    "  --nb-late NAME=MS             replies go out MS ms late (KVT_TIMESCALE applies)\n"
+    "\n"
     "\n";
 
 const char kUsageProgram[] =
@@ -244,6 +252,31 @@ bool ApplyDeviceSetting(ServerConfig *s, const std::string &key, const std::stri
     return true;
 }
 
+// The NetBIOS settings.  False with *known false when key is none of them.
+bool ApplyNetbiosSetting(ServerConfig *s, const std::string &key, const std::string &value, bool fromFlag,
+                         bool *known, std::string *error) {
+    NbFaults &f = s->netbios;
+    long long n = 0;
+    *known = true;
+    if (key == "netbios" || key == "no-netbios" || key == "nb-group-only") {
+        bool on = true;
+        if (!fromFlag && !ParseYesNo(value, &on)) return Fail(error, key + " wants yes or no, not '" + value + "'");
+        if (key == "netbios") f.enabled = on;
+        if (key == "no-netbios") f.enabled = !on;
+        if (key == "nb-group-only") f.groupOnly = on;
+    } else if (key == "nb-reply-name") {
+        if (value.empty() || value.size() > 16) return Fail(error, "a NetBIOS name has 1 to 16 bytes");
+        f.replyName = value;
+    } else if (key == "nb-late") {
+        if (!ParseNumber(value, 0, 600000, false, &n)) return Fail(error, "nb-late wants milliseconds, not '" + value + "'");
+        f.lateMs = static_cast<int>(n);
+    } else {
+        *known = false;
+        return false;
+    }
+    return true;
+}
+
 // One setting of a server, by the key the file uses (the long option without
 // its dashes).  value is empty for a flag given on the command line.
 bool ApplySetting(ServerConfig *s, const std::string &key, const std::string &value,
@@ -255,6 +288,8 @@ bool ApplySetting(ServerConfig *s, const std::string &key, const std::string &va
     if (ApplyDeviceSetting(s, key, value, fromFlag, &known, error)) return true;
     if (known) return false;
     if (ApplyIpxSetting(s, key, value, fromFlag, &known, error)) return true;
+    if (known) return false;
+    if (ApplyNetbiosSetting(s, key, value, fromFlag, &known, error)) return true;
     if (known) return false;
     if (key == "address") {
         in_addr address;
@@ -404,7 +439,8 @@ bool ParseCommandLine(const std::vector<std::string> &args, ProgramOptions *opti
                                          "auto-protocol", "ps-config", "ps-support",
                                          "eeprom-address", "queue", "no-management", "move",
                                          "mgmt-silent", "answer", "reply-node", "reply-command",
-                                         "cut-replies", "status-address", "faults-on"};
+                                         "cut-replies", "status-address", "faults-on",
+                                         "no-netbios", "nb-group-only", "nb-reply-name", "nb-late"};
     for (size_t i = 0; i < args.size(); ++i) {
         std::string arg = args[i];
         if (arg.rfind("--", 0) != 0 || arg.size() == 2) {
@@ -461,7 +497,8 @@ bool ParseCommandLine(const std::vector<std::string> &args, ProgramOptions *opti
         bool ipxFlag = false;
         const bool flag = knob.key == "refuse" || knob.key == "silent" || knob.key == "count-only" ||
                           knob.key == "no-management" || knob.key == "mgmt-silent" ||
-                          (IsIpxOption(knob.key, &ipxFlag) && ipxFlag);
+                          (IsIpxOption(knob.key, &ipxFlag) && ipxFlag) ||
+                          knob.key == "no-netbios" || knob.key == "nb-group-only";
         std::string server = knob.argument, value;
         if (!flag) {
             size_t equals = knob.argument.find('=');

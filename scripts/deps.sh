@@ -4,12 +4,15 @@
 #
 #   scripts/deps.sh          the build's packages
 #   scripts/deps.sh --wine   and Wine, the stand-in for Windows on which the
-#                            tests run KVT64.DLL.  Without it those tests are
-#                            skipped with a notice, unless KVT_REQUIRE_WINE=1.
+#                            tests run KVT64.DLL, and tshark, the protocol
+#                            analyser that reads the NetBIOS datagrams.  Without
+#                            them those tests are skipped with a notice (Wine's
+#                            fail instead when KVT_REQUIRE_WINE=1).
 set -euo pipefail
 
 packages=(cmake make g++ libgtest-dev libgmock-dev mingw-w64 g++-mingw-w64-x86-64 iproute2 util-linux)
 wine_packages=(wine wine64)
+analyser_packages=(tshark)
 
 missing_from() {
     local p
@@ -20,8 +23,10 @@ missing_from() {
 
 mapfile -t missing < <(missing_from "${packages[@]}")
 wine_missing=()
+analyser_missing=()
 [ "${1:-}" = "--wine" ] && mapfile -t wine_missing < <(missing_from "${wine_packages[@]}")
-[ ${#missing[@]} -eq 0 ] && [ ${#wine_missing[@]} -eq 0 ] && exit 0
+[ "${1:-}" = "--wine" ] && mapfile -t analyser_missing < <(missing_from "${analyser_packages[@]}")
+[ ${#missing[@]} -eq 0 ] && [ ${#wine_missing[@]} -eq 0 ] && [ ${#analyser_missing[@]} -eq 0 ] && exit 0
 
 if [ "$(id -u)" -eq 0 ]; then
     apt=(apt-get)
@@ -30,9 +35,14 @@ elif command -v sudo >/dev/null 2>&1 && sudo -n true 2>/dev/null; then
 else
     if [ ${#missing[@]} -gt 0 ]; then
         echo "These Debian packages are missing and this user cannot install them:" >&2
-        echo "    sudo apt-get install ${missing[*]} ${wine_missing[*]}" >&2
+        echo "    sudo apt-get install ${missing[*]} ${wine_missing[*]} ${analyser_missing[*]}" >&2
         exit 1
     fi
+    if [ ${#analyser_missing[@]} -gt 0 ]; then
+        echo "NOTICE: tshark is not installed and this user cannot install it, so no protocol" >&2
+        echo "analyser reads the NetBIOS datagrams in the tests.  To run it: sudo apt-get install tshark" >&2
+    fi
+    [ ${#wine_missing[@]} -eq 0 ] && exit 0
     echo "NOTICE: Wine is not installed and this user cannot install it, so the tests of" >&2
     echo "KVT64.DLL under Wine are skipped.  To run them: sudo apt-get install ${wine_missing[*]}" >&2
     [ "${KVT_REQUIRE_WINE:-0}" = 1 ] && exit 1
@@ -49,4 +59,8 @@ if [ ${#wine_missing[@]} -gt 0 ]; then
     # needed to run a 64-bit DLL without a display.
     echo "Installing Wine for the tests of KVT64.DLL: ${wine_missing[*]}"
     "${apt[@]}" install -y -qq --no-install-recommends "${wine_missing[@]}" >/dev/null
+fi
+if [ ${#analyser_missing[@]} -gt 0 ]; then
+    echo "Installing tshark, which reads the NetBIOS datagrams in the tests"
+    "${apt[@]}" install -y -qq --no-install-recommends "${analyser_missing[@]}" >/dev/null
 fi

@@ -42,6 +42,8 @@ bool MakePrefix(std::string *error);
 std::string MapPath(const std::u16string &windowsPath);
 // GetSystemDirectoryW fails (returns 0) while set: for tests.
 void SetSystemDirectoryFails(bool fails);
+// GlobalAlloc fails (returns NULL) while set: for tests.
+void SetGlobalAllocFails(bool fails);
 
 // ---- registry -----------------------------------------------------------------
 // HKEY_LOCAL_MACHINE lives in <prefix>/system.reg.  ResetRegistry empties it

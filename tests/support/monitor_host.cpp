@@ -2,13 +2,16 @@
 
 #include <stdlib.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "debuglog.h"
 #include "kvthost.h"
+#include "kvtnetbios.h"
 #include "monitor.h"
+#include "nbstartup.h"
 
 namespace kvttest {
 
@@ -42,6 +45,8 @@ TestHost::TestHost(const HostOptions &o) {
     kvthost::RevertToSelf();
     kvthost::SetComputerName("");
     kvthost::SetSystemDirectoryFails(false);
+    kvthost::SetNetbiosLanas({});
+    kvthost::SetNetbiosHook(nullptr);
     kvthost::SetTimeScale(o.timeScale);
     if (o.tcpip) {
         HKEY key = Create(u"SYSTEM\\CurrentControlSet\\Services\\Tcpip");
@@ -97,6 +102,7 @@ void ResetMonitor() {
     }
     SupportProtocol = 0;
     bStartup = FALSE;
+    for (NCB *t : {&WorkingNcb, &PortNcb1, &PortNcb2, &PortNcb3}) memset(t, 0, sizeof *t);
     AddPortBusy = FALSE;
     IsNOTIFY = 0;
     IsDEBUG = 0;

@@ -1,0 +1,95 @@
+// NetBIOS on POSIX hosts, the host side.  The platform's Netbios carries
+// datagrams as the packets of RFC 1002's datagram service, broadcast to UDP
+// port 138 (B-node style); each process keeps those addressed to a name it
+// holds.  Here: the packet format, for kvtps and the tests, and the hooks by
+// which a test shapes this host's LANAs and watches the calls made.
+#pragma once
+
+#include <windows.h>
+#include <nb30.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kvtnb {
+
+constexpr uint16_t kDatagramPort = 138;
+using Name = std::array<uint8_t, NCBNAMSZ>;
+using Node = std::array<uint8_t, 6>;
+
+// A NetBIOS name from text: its first 16 bytes, then blanks.
+Name MakeName(const std::string &text);
+// The 16 bytes with the trailing blanks taken off.
+std::string NameText(const Name &name);
+
+enum class DatagramType : uint8_t { DirectUnique = 0x10, DirectGroup = 0x11 };
+
+struct Datagram {
+    DatagramType type = DatagramType::DirectUnique;
+    uint16_t id = 0;
+    uint32_t sourceIp = 0;  // host byte order
+    uint16_t sourcePort = kDatagramPort;
+    Name source{};
+    Name destination{};
+    std::string data;
+};
+
+// The header, the two names and the data: 82 bytes and the data.
+constexpr size_t kDatagramOverhead = 82;
+// The most data one datagram carries: what fits a UDP datagram over IPv4.
+constexpr size_t kMaxDatagramData = 65507 - kDatagramOverhead;
+
+// A name in RFC 1001's first-level encoding, without scope: 0x20, the 32
+// letters 'A' to 'P' of the 16 bytes' halves, 0x00.
+std::string EncodeName(const Name &name);
+// One unfragmented datagram (FIRST set, MORE clear, from a B node).
+std::string EncodeDatagram(const Datagram &datagram);
+// False for anything but a whole direct unique or direct group datagram in one
+// piece, with both names first-level encoded and no scope, and a length field
+// that agrees with the packet.  Never reads beyond size.
+bool DecodeDatagram(const uint8_t *packet, size_t size, Datagram *datagram);
+
+}  // namespace kvtnb
+
+namespace kvthost {
+
+// A LANA of this host.  The default is one, LANA 0, whose adapter address is
+// the host's node: 00-00-a-b-c-d for the IPv4 address a.b.c.d from which the
+// host broadcasts (127.0.0.1 on the private network).
+struct NetbiosLana {
+    uint8_t number = 0;
+    std::optional<kvtnb::Node> address;  // none: the host's node
+    bool leadsNowhere = false;           // its datagrams reach no one, and none arrive
+};
+// Gives this process's NetBIOS these LANAs, in NCBENUM's order (an empty list
+// restores the default), and forgets every name and pending receive without
+// writing to their control blocks: for a test's fresh start.
+void SetNetbiosLanas(const std::vector<NetbiosLana> &lanas);
+
+// A Netbios call as made, with the code it returned.
+struct NetbiosCall {
+    uint8_t command = 0;  // with the ASYNCH bit as given
+    uint8_t lana = 0;
+    uint8_t num = 0;
+    kvtnb::Name callname{};
+    kvtnb::Name name{};
+    std::string data;     // what NCBDGSEND sent
+    uint8_t result = 0;
+};
+// The receives of this process that are pending now, on every LANA.
+size_t NetbiosPendingReceives();
+
+// Starts recording afresh (on) or stops and forgets (off).
+void RecordNetbiosCalls(bool on);
+std::vector<NetbiosCall> NetbiosCalls();
+// Runs at each Netbios call before it is carried out, on the caller's thread;
+// a code other than NRC_GOODRET fails the call with that code instead.
+using NetbiosHook = std::function<uint8_t(const NCB &ncb)>;
+void SetNetbiosHook(NetbiosHook hook);
+
+}  // namespace kvthost

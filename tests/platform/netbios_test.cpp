@@ -1,0 +1,123 @@
+// The platform's NetBIOS on its own: the datagram packets of RFC 1002 byte for
+// byte, the codes of the commands, receives that complete, are cancelled or
+// end with a reset, and the names of two processes on one host.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "netbios_calls.h"
+
+namespace {
+
+using namespace nbtest;
+using kvtnb::MakeName;
+
+TEST(NetbiosPackets, ADatagramGoesOutAsRfc1002SaysAndComesBackWhole) {
+    EXPECT_EQ(kvtnb::EncodeName(MakeName("FRED")), std::string("\x20" "EGFCEFEECACACACACACACACACACACACA", 33) + '\0');
+    kvtnb::Datagram d;
+    d.type = kvtnb::DatagramType::DirectGroup;
+    d.id = 0x1234;
+    d.sourceIp = 0x7F000001;
+    d.source = MakeName("001a2b3c4d5e.ER");
+    d.destination = MakeName("KVTR.GROUP");
+    d.data = std::string("PS\0\0\0\x04\xFF\xFB", 8);
+    const std::string packet = kvtnb::EncodeDatagram(d);
+    ASSERT_EQ(packet.size(), 90u);
+    EXPECT_EQ(packet.substr(0, 14), Text("\x11\x02\x12\x34\x7F\x00\x00\x01\x00\x8A\x00\x4C\x00\x00", 14));
+    kvtnb::Datagram back;
+    ASSERT_TRUE(kvtnb::DecodeDatagram(reinterpret_cast<const uint8_t *>(packet.data()), packet.size(), &back));
+    EXPECT_EQ(kvtnb::EncodeDatagram(back), packet);
+
+    // Anything but a whole direct datagram in one piece is refused.
+    const std::vector<std::pair<size_t, char>> faults = {
+        {0, 0x12} /* a broadcast datagram */, {1, 0x03} /* more fragments follow */, {1, 0x00} /* not the first */,
+        {13, 1} /* at an offset */, {20, 'Q'} /* a letter past P */, {48, 0x21} /* 33 letters */, {81, 3} /* a scope */,
+        {11, 0x4B} /* the length one short */};
+    for (const auto &[offset, value] : faults) {
+        std::string p = packet;
+        p[offset] = value;
+        EXPECT_FALSE(kvtnb::DecodeDatagram(reinterpret_cast<const uint8_t *>(p.data()), p.size(), &back)) << offset;
+    }
+    EXPECT_FALSE(kvtnb::DecodeDatagram(reinterpret_cast<const uint8_t *>(packet.data()), 81, &back));
+}
+
+class Netbios0 : public ::testing::Test {
+protected:
+    void SetUp() override {
+        kvthost::SetNetbiosLanas({});
+        ASSERT_EQ(Call(NCBADDNAME, 0, 0, "ALPHA"), NRC_ENVNOTDEF) << "LANA 0 not reset by this process";
+        ASSERT_EQ(Call(NCBRESET), NRC_GOODRET);
+        a = Add("ALPHA");
+        ASSERT_GE(a, 2);
+    }
+    UCHAR a = 0;
+};
+
+TEST_F(Netbios0, EachCommandAnswersWithItsCode) {
+    EXPECT_EQ(Call(NCBADDNAME, 0, 0, "ALPHA"), NRC_DUPNAME);
+    EXPECT_EQ(Call(NCBADDNAME, 0, 0, "*"), NRC_NOWILD);
+    EXPECT_EQ(Call(NCBRESET, 7), NRC_BRIDGE);
+    UCHAR status[600];
+    EXPECT_EQ(Call(NCBASTAT, 0, 0, "*", status, sizeof status), NRC_GOODRET);
+    EXPECT_EQ(Text(status, 6), Text("\0\0\x7F\0\0\x01", 6)) << "the host's node: 127.0.0.1 on the private network";
+}
+
+// A cancelled receive is never written to again; a long datagram fills the
+// buffer and ends the receive with NRC_INCOMP.
+TEST_F(Netbios0, ReceivesCompleteOrAreCancelled) {
+    NCB cancelled, next;
+    UCHAR c[16], n[16];
+    EXPECT_EQ(Arm(cancelled, a, c, sizeof c), NRC_GOODRET);
+    EXPECT_EQ(Cancel(cancelled), NRC_GOODRET) << "it was pending";
+    EXPECT_EQ(Code(cancelled), NRC_CMDCAN);
+    EXPECT_EQ(Cancel(cancelled), NRC_CANOCCR);
+    Arm(next, a, n, sizeof n);
+    EXPECT_EQ(Send(a, "ALPHA", "a datagram longer than 16 bytes"), NRC_GOODRET);
+    ASSERT_TRUE(Soon([&] { return Code(next) != NRC_PENDING; }));
+    EXPECT_EQ(Code(next), NRC_INCOMP);
+    EXPECT_EQ(Text(n, 16), "a datagram longe");
+    EXPECT_EQ(Text(next.ncb_callname, 16), "ALPHA           ") << "the sender";
+    EXPECT_EQ(Text(c, 16), std::string(16, '\xEE'));
+}
+
+TEST_F(Netbios0, AResetDropsNamesAndEndsPendingReceives) {
+    const UCHAR b = Add("BETA");
+    NCB onA, onB;
+    UCHAR ba[8], bb[8];
+    Arm(onA, a, ba, sizeof ba);
+    Arm(onB, b, bb, sizeof bb);
+    EXPECT_EQ(Call(NCBDELNAME, 0, 0, "BETA"), NRC_GOODRET);
+    EXPECT_EQ(Code(onB), NRC_NAMERR) << "its name was deleted";
+    EXPECT_EQ(Call(NCBRESET), NRC_GOODRET);
+    EXPECT_EQ(Code(onA), NRC_CMDCAN);
+    EXPECT_EQ(kvthost::NetbiosPendingReceives(), 0u);
+    EXPECT_EQ(Send(a, "ALPHA", "x"), NRC_ILLNN) << "the name number is stale";
+    EXPECT_NE(Add("ALPHA"), a) << "a new number";
+}
+
+// Each process keeps what is sent to its own names.  The child waits for its
+// datagram without the no-wait bit, while this process sends until it ends.
+TEST_F(Netbios0, TwoProcessesOnOneHostHoldTheirOwnNames) {
+    NCB onA;
+    UCHAR ba[16];
+    Arm(onA, a, ba, sizeof ba);
+    pid_t child = fork();
+    if (child == 0) {  // a process of its own: its NetBIOS starts afresh
+        NCB onB{};
+        UCHAR bb[16];
+        const UCHAR b = Call(NCBRESET) == NRC_GOODRET ? Add("BETA") : 0;
+        _exit(b && Call(NCBDGRECV, 0, b, "", bb, sizeof bb, &onB) == 0 && Text(bb, onB.ncb_length) == "to beta" ? 0 : 1);
+    }
+    int status = -1;
+    for (int i = 0; i < 500 && waitpid(child, &status, WNOHANG) == 0; ++i, usleep(10000)) Send(a, "BETA", "to beta");
+    if (status == -1) kill(child, SIGKILL);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(Code(onA), NRC_PENDING) << "nothing for BETA came here";
+    EXPECT_EQ(Send(a, "ALPHA", "to alpha"), NRC_GOODRET);
+    ASSERT_TRUE(Soon([&] { return Code(onA) != NRC_PENDING; }));
+    EXPECT_EQ(Text(ba, onA.ncb_length), "to alpha");
+}
+
+}  // namespace
