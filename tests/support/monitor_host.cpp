@@ -38,6 +38,8 @@ TestHost::TestHost(const HostOptions &o) {
     kvthost::ResetSpooler();
     kvthost::ClearMessageBoxes();
     kvthost::SetMessageBoxHandler(nullptr);
+    kvthost::SetUiDriver(nullptr);
+    kvthost::ClearForegroundCalls();
     kvthost::SetUserNameFails(false);
     kvthost::RevertToSelf();
     kvthost::SetComputerName("");
@@ -64,6 +66,7 @@ TestHost::TestHost(const HostOptions &o) {
 TestHost::~TestHost() {
     ResetMonitor();
     kvthost::SetMessageBoxHandler(nullptr);
+    kvthost::SetUiDriver(nullptr);
     kvthost::SetSpoolerHook(nullptr);
     kvthost::SetSystemDirectoryFails(false);
     kvthost::SetTimeScale(1.0);
