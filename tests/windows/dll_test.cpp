@@ -1,6 +1,7 @@
 // KVT64.DLL as the Windows build leaves it, read from the file: a 64-bit DLL
 // that exports the fifteen names of the entry table and nothing else, carries
-// the string table of resources/strings.inc as a real resource, and needs
+// the string table of resources/strings.inc and the dialogs of
+// resources/dialogs.inc as real resources, and needs
 // nothing beyond the DLLs of a bare Windows.
 #include <gtest/gtest.h>
 
@@ -12,6 +13,8 @@
 #include <memory>
 #include <set>
 #include <sstream>
+
+#include <windows.h>  // the style names of dialogs.inc
 
 #include "pe_image.h"
 
@@ -50,6 +53,30 @@ const std::map<unsigned, std::u16string> kSourceStrings = {
 #include "strings.inc"
 };
 #undef KVT_STRING
+
+// ---- resources/dialogs.inc -----------------------------------------------------
+// The dialogs as the one source gives them, compiled here as the Linux table
+// is: a dialog line, its controls, the end of the dialog.
+struct SourceItem {
+    enum Kind { Dialog, Control, End } kind;
+    int id;
+    std::u16string text, cls;
+    uint32_t style;
+    int x, y, cx, cy;
+    std::u16string font;
+    int pointSize;
+};
+#define KVT_DIALOG(id, x, y, cx, cy, style, titleId, font, pointSize) \
+    {SourceItem::Dialog, id, u"", u"", style, x, y, cx, cy, u##font, pointSize},
+#define KVT_CONTROL(id, textId, text, cls, style, x, y, cx, cy) \
+    {SourceItem::Control, id, u##text, u##cls, style, x, y, cx, cy, u"", 0},
+#define KVT_END_DIALOG(id) {SourceItem::End, id, u"", u"", 0, 0, 0, 0, 0, u"", 0},
+const std::vector<SourceItem> kSourceDialogs = {
+#include "dialogs.inc"
+};
+#undef KVT_DIALOG
+#undef KVT_CONTROL
+#undef KVT_END_DIALOG
 
 std::string Show(const std::u16string &text) {
     std::string out = "\"";
@@ -158,6 +185,59 @@ TEST_F(KVT64Dll, CarriesTheStringTableOfStringsIncAsAResource) {
     }
     for (const auto &[id, text] : dll)
         if (source.count(id) == 0) ADD_FAILURE() << "the DLL has id " << id << " " << Show(text) << " that strings.inc lacks";
+}
+
+TEST_F(KVT64Dll, CarriesTheFourDialogsOfDialogsIncWithEveryControl) {
+    std::map<unsigned, pe::Dialog> dll;
+    std::string error;
+    ASSERT_TRUE(image.Dialogs(&dll, &error)) << error;
+
+    // The controls of each dialog by the ids its tables give (0xFFFF...: a
+    // label without one).
+    const std::map<unsigned, std::set<uint32_t>> tables = {
+        {200, {219, 203, 206, 5, 4, 1005, 201, 1006, 205, 1007, 207, 208, 209, 210, 211, 1008, 1002, 1003, 1004}},
+        {250, {259, 253, 3}},
+        {300, {309, 301, 0xFFFFFFFF, 302, 5, 4}},
+        {550, {551, 552, 553, 554, 556, 1009, 1010, 1000, 5}},
+    };
+    std::set<unsigned> ids;
+    for (const auto &[id, dialog] : dll) ids.insert(id);
+    EXPECT_EQ(ids, (std::set<unsigned>{200, 250, 300, 550}));
+    for (const auto &[id, controls] : tables) {
+        std::set<uint32_t> carried;
+        for (const pe::DialogControl &c : dll[id].controls) carried.insert(c.id);
+        for (uint32_t control : controls) EXPECT_EQ(carried.count(control), 1u) << "dialog " << id << ", control " << control;
+    }
+
+    // Each dialog and control as the source has it: DS_SETFONT is the
+    // resource compiler's, for the font.
+    const pe::Dialog *d = nullptr;
+    size_t next = 0;
+    for (const SourceItem &item : kSourceDialogs) {
+        std::string where = "dialog " + std::to_string(item.id);
+        if (item.kind == SourceItem::Dialog) {
+            d = &dll[static_cast<unsigned>(item.id)];
+            next = 0;
+            EXPECT_EQ(d->style & ~uint32_t{DS_SETFONT}, item.style) << where;
+            EXPECT_EQ(std::vector<int>({d->x, d->y, d->cx, d->cy}), std::vector<int>({item.x, item.y, item.cx, item.cy}))
+                << where;
+            EXPECT_EQ(Show(d->font), Show(item.font)) << where;
+            EXPECT_EQ(d->pointSize, item.pointSize) << where;
+        } else if (item.kind == SourceItem::End) {
+            EXPECT_EQ(next, d->controls.size()) << where << " has more controls than its source";
+        } else if (next < d->controls.size()) {
+            const pe::DialogControl &c = d->controls[next++];
+            where += ", control " + std::to_string(item.id);
+            EXPECT_EQ(c.id, static_cast<uint32_t>(item.id)) << where;
+            EXPECT_EQ(Show(c.cls), Show(item.cls)) << where;
+            EXPECT_EQ(Show(c.text), Show(item.text)) << where;
+            EXPECT_EQ(c.style, item.style) << where;
+            EXPECT_EQ(std::vector<int>({c.x, c.y, c.cx, c.cy}), std::vector<int>({item.x, item.y, item.cx, item.cy}))
+                << where;
+        } else {
+            ADD_FAILURE() << where << ", control " << item.id << " is not in the DLL";
+        }
+    }
 }
 
 TEST_F(KVT64Dll, ImportsOnlyTheDllsOfABareWindows) {
