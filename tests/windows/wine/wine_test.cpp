@@ -31,6 +31,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "kvtps.h"
@@ -118,6 +119,9 @@ std::ostream &operator<<(std::ostream &os, const Ran &ran) {
 // Runs a program with the environment of Wine's runs and waits for it, at
 // most timeoutMs.  Its output goes to files: Wine's server and services
 // inherit them and outlive the program.
+// The X display of the tests of windows on a display; empty: Wine's null driver.
+std::string gDisplay;
+
 Ran RunProgram(const std::vector<std::string> &argv, int timeoutMs = kRunMs) {
     std::vector<std::string> env;
     for (char **e = environ; *e != nullptr; ++e) {
@@ -131,6 +135,7 @@ Ran RunProgram(const std::vector<std::string> &argv, int timeoutMs = kRunMs) {
     env.push_back("WINEDEBUG=-all");
     env.push_back("WINEDLLOVERRIDES=mscoree,mshtml=");
     env.push_back("USER=guest");
+    if (!gDisplay.empty()) env.push_back("DISPLAY=" + gDisplay);
 
     // Everything the child needs is made before the fork: the emulator's
     // threads may hold the allocator's lock at that moment.
@@ -636,9 +641,21 @@ TEST_F(UnderWine, WinesSpoolerListsTheMonitorAndItsPortsAndPassesPortCallsToIt) 
     std::string startup = StartupLog({{"PS1-P1", "7F000002", '1'}, {"PS1-P2", "7F000002", '2'}});
     EXPECT_EQ(ran.One("AddPortW"), "0 50");
     EXPECT_EQ(ran.Log("AddPortW"), startup + "\n\nEntry LocalmonAddPort\n\nLeave LocalmonAddPort - not available\n\n");
-    EXPECT_EQ(ran.One("ConfigurePortW"), "0 50");
-    EXPECT_EQ(ran.Log("ConfigurePortW"),
-              startup + "\n\nEntry LocalmonConfigurePort\n\nLeave LocalmonConfigurePort - not available\n\n");
+    // Dialog 550 stands until kvtspool presses its default button, OK.
+    EXPECT_EQ(ran.All("dialog"), std::vector<std::string>{"Select Protocol"});
+    EXPECT_EQ(ran.Result("ConfigurePortW"), "1");
+    EXPECT_EQ(ran.Log("ConfigurePortW"), startup +
+                                             "\n\nEntry LocalmonConfigurePort\n\n"
+                                             "Name: NULL\t\n"
+                                             "PortName: PS1-P1 \n\n"
+                                             "\n\nEntry GetProtocol\n\n"
+                                             "Leave GetProtocol - protocol = 2\n\n"
+                                             "FindPortFromList ok\n\n"
+                                             "\n\nEntry GetPrintProtocol\n\n"
+                                             "Leave GetPrintProtocol - protocol = 2\n\n"
+                                             "PrintMethod = 2\n\n"
+                                             "IsNotify = 0\n\n"
+                                             "Leave LocalmonConfigurePort - success\n\n");
     EXPECT_EQ(ran.Result("DeletePortW"), "1");
     EXPECT_EQ(ran.Log("DeletePortW"), startup +
                                           "\n\nEntry LocalmonDeletePort\n\n"
@@ -684,6 +701,116 @@ TEST_F(UnderWine, AJobPrintedThroughWinesSpoolerReachesThePrintServer) {
     auto lines = LogLines(Log(), "Entry LocalmonStartDocPort", "JobID");
     EXPECT_EQ(lines, (std::vector<std::string>{"Entry LocalmonStartDocPort", "PrinterName: NULL",
                                                "JobID: 00000000 \t Level: 00000001"}));
+}
+
+// ---- windows on a display ----------------------------------------------------------------
+// Wine's X11 driver on a virtual display (Xvfb) of this test's own, instead of
+// the null driver of the other tests, which the fixture puts back.  With
+// "pause", kvtspool waits at each window until the screenshot is taken
+// (C:\kvt-ready.txt says which window stands, C:\kvt-go.txt lets it go on).
+class OnADisplay : public UnderWine {
+protected:
+    void SetUp() override {
+        if (std::string(KVT_XVFB).empty() || std::string(KVT_XWD).empty() || std::string(KVT_CONVERT).empty()) {
+            ASSERT_NE(std::getenv("KVT_REQUIRE_WINE"), std::string("1")) << "Xvfb, xwd or convert is missing";
+            GTEST_SKIP() << "Xvfb, xwd or ImageMagick is not installed: scripts/deps.sh --wine installs them";
+        }
+        UnderWine::SetUp();
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        std::string fd = std::to_string(fds[1]);
+        xvfb = fork();
+        if (xvfb == 0) {
+            close(fds[0]);
+            execl(KVT_XVFB, KVT_XVFB, "-displayfd", fd.c_str(), "-screen", "0", "800x600x24", "-nolisten", "tcp",
+                  static_cast<char *>(nullptr));
+            _exit(127);
+        }
+        close(fds[1]);
+        char number[16] = "";
+        ssize_t n = read(fds[0], number, sizeof number - 1);
+        close(fds[0]);
+        ASSERT_GT(n, 0) << "Xvfb gave no display";
+        gDisplay = ":" + std::to_string(std::atoi(number));
+        Driver("x11");
+    }
+    void TearDown() override {
+        if (IsSkipped()) return;
+        Driver("null");
+        UnderWine::TearDown();
+        gDisplay.clear();
+        if (xvfb > 0) kill(xvfb, SIGTERM), waitpid(xvfb, nullptr, 0);
+    }
+    // Wine's display driver; without a window manager Wine draws the title bars itself.
+    void Driver(const char *name) {
+        for (auto [key, value, data] : {std::tuple{"Drivers", "Graphics", name}, {"X11 Driver", "Decorated", "N"}}) {
+            Ran ran = RunProgram({KVT_WINE, "reg", "add", std::string("HKCU\\Software\\Wine\\") + key, "/v", value,
+                                  "/d", data, "/f"});
+            EXPECT_EQ(ran.status, 0) << ran;
+        }
+        // The server writes the registry out when it ends by itself, not when killed.
+        RunProgram({KVT_WINESERVER, "-w"});
+    }
+
+    // Waits for kvtspool to stand at a window; false after 30 seconds.
+    bool WaitForWindow(const std::string &which) {
+        for (int i = 0; i < 600; ++i) {
+            if (ReadFile(Prefix() + "/drive_c/kvt-ready.txt") == which) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return false;
+    }
+    // A PNG of the window of this title, as the display shows it, under
+    // screenshots/ in the build tree; then kvtspool goes on.
+    std::string Screenshot(const std::string &title, const std::string &file) {
+        std::string path = std::string(KVT_WINE_SCREENSHOTS) + "/" + file;
+        std::string command = "mkdir -p " KVT_WINE_SCREENSHOTS " && export DISPLAY=" + gDisplay +
+                              " && set -- $(xwininfo -name '" + title +
+                              "' | awk '/Absolute upper-left X|Absolute upper-left Y|Width|Height/ {print $NF}')" +
+                              " && " KVT_XWD " -root -silent | " KVT_CONVERT " xwd:- -crop $3x$4+$1+$2 +repage " + path;
+        int status = std::system(command.c_str());
+        WriteFile(Prefix() + "/drive_c/kvt-go.txt", "");
+        return status == 0 ? path : "";
+    }
+
+    pid_t xvfb = -1;
+};
+
+TEST_F(OnADisplay, ConfigurePortShowsDialog550AndStoresWhatAPersonChose) {
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=1", "notify=1", "port=PS1-P1,127.0.0.2,2,lp"}));
+    Ran ran;
+    std::thread harness([&] { ran = Spool({"configure", "PS1-P1", "551", "raw", "pause"}); });
+    bool box = WaitForWindow("box");
+    std::string boxShot = box ? Screenshot("DEBUG", "message-box.png") : "";
+    bool dialog = WaitForWindow("dialog");
+    std::string dialogShot = dialog ? Screenshot("Select Protocol", "configure-port.png") : "";
+    harness.join();
+    ASSERT_TRUE(box && dialog) << ran;
+    EXPECT_NE(boxShot, "") << "no screenshot of the box";
+    EXPECT_NE(dialogShot, "") << "no screenshot of the dialog";
+
+    EXPECT_EQ(ran.All("box"), std::vector<std::string>{"DEBUG | Starting DEBUG mode | no icon"}) << ran;
+    // TCP/IP checked, the transports the host lacks disabled, the queue name in its box.
+    EXPECT_EQ(ran.One("shown"), "551 552- 553x 554- 556x lp") << ran;
+    EXPECT_EQ(ran.Result("ConfigurePort"), "1") << ran;
+    auto values = ran.All("value");
+    for (const std::string &stored : {std::string("Ports\\PS1\\1 [ ] 3 00"), "Ports\\PS1\\1 [QueueName] 1 " + Hex(Wide("raw")),
+                                      std::string(" [IsNOTIFY] 3 01")})
+        EXPECT_NE(std::find(values.begin(), values.end(), stored), values.end()) << stored << "\n" << ran;
+}
+
+// Windows' own edit box keeps to the limit that the monitor sets: 31 characters.
+TEST_F(OnADisplay, TypingIntoTheQueueBoxStopsAtItsLimit) {
+    ASSERT_NO_FATAL_FAILURE(Install({"port=PS1-P1,127.0.0.2,0,lp"}));
+    std::string typed = "queue-name-typed-past-the-limit-of-the-box";
+    Ran ran = Spool({"configure", "PS1-P1", "553", typed});
+    EXPECT_EQ(ran.One("shown"), "551x 552- 553 554- 556 lp") << ran;
+    auto values = ran.All("value");
+    EXPECT_NE(std::find(values.begin(), values.end(), "Ports\\PS1\\1 [ ] 3 02"), values.end()) << ran;
+    EXPECT_NE(std::find(values.begin(), values.end(),
+                        "Ports\\PS1\\1 [QueueName] 1 " + Hex(Wide(typed.substr(0, 31)))),
+              values.end())
+        << ran;
 }
 
 }  // namespace
