@@ -75,23 +75,26 @@ int ConfigureCommand(int argc, char **argv) {
         return 2;
     }
     if (!CheckPrefix()) return 2;
-    UseTerminalForBoxes(true);
+    // The monitor's start-up box (with the log on) goes to the same driver.
+    if (answers.Given()) UseAnswers(answers);
+    else UseTerminal();
     const MONITOR *m = LoadMonitor(&error);
+    std::string port = m != nullptr ? ListedPort(m, answers.port) : "";
+    BOOL configured = FALSE;
+    if (!port.empty()) {
+        std::u16string name = kvthost::Widen(port);
+        configured = m->pfnConfigurePort(nullptr, nullptr, name.data());
+    }
+    EndTerminal();
+    kvthost::SetUiDriver(nullptr);
     if (m == nullptr) {
         std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
         return 2;
     }
-    std::string port = ListedPort(m, answers.port);
     if (port.empty()) {
         std::fprintf(stderr, "kvtmon: no port '%s'\n", answers.port.c_str());
         return 3;
     }
-    if (answers.Given()) UseAnswers(answers);
-    else UseTerminal();
-    std::u16string name = kvthost::Widen(port);
-    BOOL configured = m->pfnConfigurePort(nullptr, nullptr, name.data());
-    EndTerminal();
-    kvthost::SetUiDriver(nullptr);
     if (!configured) {
         std::fprintf(stderr, "kvtmon: %s was not configured (with the log on, `kvtmon log` says why)\n", port.c_str());
         return 1;

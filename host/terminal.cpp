@@ -31,7 +31,7 @@ std::map<HWND, int> gFocus;       // the focused control of each dialog
 std::map<std::pair<HWND, int>, int> gListTop;  // the first line each list shows
 size_t gForegroundSeen = 0;
 
-enum Pair { kBody = 1, kTitle, kFocus };
+enum Pair { kBody = 1, kTitle, kFocus, kDisabled };
 
 void OnSignal(int signal) { gSignal = signal; }
 
@@ -51,6 +51,8 @@ void Start() {
         init_pair(kBody, COLOR_BLACK, COLOR_WHITE);
         init_pair(kTitle, COLOR_WHITE, COLOR_BLUE);
         init_pair(kFocus, COLOR_WHITE, COLOR_BLACK);
+        // Gray where the terminal has it, for what takes no input.
+        init_pair(kDisabled, COLORS >= 256 ? 244 : COLORS >= 16 ? 8 : COLOR_BLACK, COLOR_WHITE);
     }
 }
 
@@ -184,7 +186,7 @@ Frame Place(const WindowView &v) {
     if (v.box) {
         std::vector<std::string> lines = BoxLines(v);
         size_t width = kvthost::Narrow(v.title).size() + 4;
-        for (const std::string &l : lines) width = std::max(width, l.size() + 6);
+        for (const std::string &l : lines) width = std::max(width, l.size() + 8);  // the icon's room and a margin
         cols = static_cast<int>(std::max<size_t>(width, 20)) + 2;
         rows = static_cast<int>(lines.size()) + 6;
     } else {
@@ -229,7 +231,7 @@ void DrawControl(const WindowView &v, const ControlView &c, const Frame &f, bool
     int top = f.top + 1 + (c.y + 4) / 8, bottom = f.top + (c.y + c.cy + 4) / 8;
     int right = f.left + (c.x + c.cx) / 4;
     attr_t body = has_colors() ? COLOR_PAIR(kBody) : A_NORMAL;
-    attr_t state = body | (c.enabled ? A_NORMAL : A_DIM);
+    attr_t state = c.enabled ? body : (has_colors() ? COLOR_PAIR(kDisabled) : A_NORMAL) | A_DIM;
     attr_t mark = focused ? (has_colors() ? COLOR_PAIR(kFocus) | A_BOLD : A_REVERSE) : state;
     std::string text = kvthost::Narrow(c.text);
     if (IsGroupBox(c)) {
@@ -248,7 +250,7 @@ void DrawControl(const WindowView &v, const ControlView &c, const Frame &f, bool
         bool isDefault = IsButton(c, BS_DEFPUSHBUTTON);
         std::string label = (isDefault ? "< " : "[ ") + text + (isDefault ? " >" : " ]");
         int pad = std::max(0, (width - static_cast<int>(label.size())) / 2);
-        Text(row, col + pad, label, width - pad, focused ? mark : state | (isDefault ? A_BOLD : A_NORMAL));
+        Text(row, col + pad, label, width - pad, focused ? mark : state);
     } else if (c.cls == u"EDIT") {
         int shown = std::max(0, static_cast<int>(text.size()) - width + 1);
         std::string field = text.substr(static_cast<size_t>(shown));

@@ -317,10 +317,12 @@ INT_PTR WINAPI DialogBoxParamW(HINSTANCE instance, LPCWSTR name, HWND owner, DLG
         SetLastError(item == nullptr ? ERROR_RESOURCE_NAME_NOT_FOUND : ERROR_INVALID_PARAMETER);
         return -1;
     }
+    // Without a driver there is no desktop to show the dialog on: 0, as for
+    // an owner it cannot be shown over, so that nothing is taken as answered.
     kvthost::UiDriver driver = CurrentDriver();
     if (!driver) {
-        SetLastError(ERROR_NOT_SUPPORTED);  // nobody to show it to
-        return -1;
+        SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+        return 0;
     }
 
     Window *dialog;

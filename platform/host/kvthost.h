@@ -119,7 +119,7 @@ void SetComputerName(const std::string &name);
 // acts on it through the calls below, as a person would, or waits for a person
 // at most waitMs (-1: no timer is due), and returns.  The loop ends when the
 // dialog's procedure calls EndDialog or the box is answered.  Without a
-// driver a dialog cannot be shown (DialogBoxParamW gives -1) and a box goes to
+// driver a dialog cannot be shown (DialogBoxParamW gives 0) and a box goes to
 // the MessageBoxHandler below.
 using UiDriver = std::function<void(HWND window, int waitMs)>;
 void SetUiDriver(UiDriver driver);

@@ -181,11 +181,13 @@ TEST_F(Configure, FailuresStoreNothingThatComesAfterThem) {
         const char16_t *port;
         bool deleteKey;  // the port's key goes while the dialog stands
         const char *leave;
+        bool desktop = true;
     };
     const Case cases[] = {
         {"an unknown port", true, u"PS2-P1", false, "no any printserver port find"},
         {"no transport at all", false, u"PS1-P1", false, "PC no support any protocol"},
         {"the port's key gone after the dialog", true, u"PS1-P1", true, "open registry key fail"},
+        {"nowhere to show the dialog", true, u"PS1-P1", false, "show dialogbox fail", false},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -194,10 +196,12 @@ TEST_F(Configure, FailuresStoreNothingThatComesAfterThem) {
         Start(options, 2, u"lp", 1);
         Value queue = Read(kDigitKey, u"QueueName"), notify = Read(kMonitorKey, u"IsNOTIFY");
         shows = 0;
-        EXPECT_FALSE(RunDialog([&](HWND d) {
+        auto act = [&](HWND d) {
             if (c.deleteKey) RegDeleteKeyW(HKEY_LOCAL_MACHINE, kDigitKey.c_str());
             kvthost::Click(d, IDC_NOTIFY);
-        }, c.port));
+        };
+        if (c.desktop) EXPECT_FALSE(RunDialog(act, c.port));
+        else EXPECT_FALSE(LocalmonConfigurePort(nullptr, nullptr, const_cast<LPWSTR>(c.port)));
         EXPECT_EQ(shows, c.deleteKey ? 1 : 0);
         EXPECT_EQ(kvttest::LogLines().back(), std::string("Leave LocalmonConfigurePort - ") + c.leave);
         EXPECT_EQ(Read(kDigitKey, u"QueueName"), c.deleteKey ? Value({0xFFFF, u"missing"}) : queue);

@@ -44,6 +44,8 @@ TEST(MessageBox, TextsComeFromTheTableAndAlwaysEndInALineFeed) {
         EXPECT_EQ(boxes[0].caption, u"KVT Manager");
         EXPECT_EQ(boxes[0].type, MB_ICONSTOP);
     }
+    // The hook on a thread without a box of its own finds no record and does nothing.
+    EXPECT_EQ(MessageHook(HCBT_CREATEWND, 0, 0), 0);
 }
 
 // A person who leaves each box open for a while, then answers OK.  What the
