@@ -46,6 +46,7 @@ void Start() {
     noecho();
     nonl();
     keypad(stdscr, TRUE);
+    set_escdelay(25);  // Esc alone is a key, not the start of a sequence
     if (has_colors()) {
         start_color();
         init_pair(kBody, COLOR_BLACK, COLOR_WHITE);
@@ -273,6 +274,9 @@ void DrawControl(const WindowView &v, const ControlView &c, const Frame &f, bool
             Text(top + 1 + i, col + 1, line, right - col - 1, selected ? (focused ? mark : state | A_REVERSE) : state);
         }
         if (focused && c.lines.empty()) Text(top + 1, col + 1, " ", 1, mark);
+        // More lines than room: arrows on the right edge say which way they lie.
+        if (first > 0) Text(top + 1, right, "^", 1, state);
+        if (first + inside < static_cast<int>(c.lines.size())) Text(bottom - 1, right, "v", 1, state);
     }
 }
 
@@ -333,6 +337,7 @@ void Draw(HWND active) {
 void Key(const WindowView &v, int key) {
     if (v.box) {
         if (key == ' ' || key == '\r' || key == '\n' || key == KEY_ENTER) kvthost::AnswerBox(v.window, IDOK);
+        if (key == 27) kvthost::AnswerBox(v.window, IDCANCEL);  // a box with Cancel
         return;
     }
     int focus = Focus(v);
@@ -359,6 +364,9 @@ void Key(const WindowView &v, int key) {
     case '\n':
     case KEY_ENTER:
         kvthost::Click(v.window, c != nullptr && IsPush(*c) ? focus : DefaultButton(v));
+        return;
+    case 27:  // Esc, which the dialog hears as IDCANCEL
+        kvthost::Command(v.window, IDCANCEL);
         return;
     case KEY_BACKSPACE:
     case 127:

@@ -233,7 +233,7 @@ LRESULT ControlMessage(Window *c, UINT msg, WPARAM wParam, LPARAM lParam) {
 }
 
 // Sends WM_COMMAND for a control to its dialog's procedure.  Not locked.
-void Command(HWND dialog, int id, WORD code, HWND control) {
+void SendCommand(HWND dialog, int id, WORD code, HWND control) {
     DLGPROC proc = nullptr;
     {
         std::lock_guard<std::mutex> lock(gMutex);
@@ -598,7 +598,7 @@ bool Click(HWND dialog, int id) {
         }
         control = HandleOf(c);
     }
-    Command(dialog, id, BN_CLICKED, control);
+    SendCommand(dialog, id, BN_CLICKED, control);
     return true;
 }
 
@@ -618,7 +618,7 @@ bool TypeKey(HWND dialog, int id, char16_t key) {
         }
         control = HandleOf(c);
     }
-    Command(dialog, id, EN_CHANGE, control);
+    SendCommand(dialog, id, EN_CHANGE, control);
     return true;
 }
 
@@ -635,7 +635,17 @@ bool SelectLine(HWND dialog, int id, int index) {
         control = HandleOf(c);
         notify = (c->style & LBS_NOTIFY) != 0;
     }
-    if (notify) Command(dialog, id, LBN_SELCHANGE, control);
+    if (notify) SendCommand(dialog, id, LBN_SELCHANGE, control);
+    return true;
+}
+
+bool Command(HWND dialog, int id) {
+    {
+        std::lock_guard<std::mutex> lock(gMutex);
+        Window *d = Find(dialog);
+        if (d == nullptr || d->kind != Window::Dialog) return false;
+    }
+    SendCommand(dialog, id, BN_CLICKED, nullptr);
     return true;
 }
 

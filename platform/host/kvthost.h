@@ -160,6 +160,9 @@ bool Click(HWND dialog, int id);                 // a button, radio button or ch
 bool TypeKey(HWND dialog, int id, char16_t key); // at the end of an edit box's text; 8 erases
 bool SelectLine(HWND dialog, int id, int index); // a line of a list box
 bool AnswerBox(HWND box, int result);            // IDOK, IDCANCEL... of the box's buttons
+// A command that comes from no control, as Windows' dialog manager makes
+// IDCANCEL of the Esc key: WM_COMMAND with the id, BN_CLICKED and no window.
+bool Command(HWND dialog, int id);
 
 struct ForegroundCall {
     HWND window;

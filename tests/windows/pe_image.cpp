@@ -352,66 +352,60 @@ struct TemplateReader {
         uint32_t v = 0;
         if (!ok || size - pos < bytes) return ok = false, 0;
         for (size_t i = 0; i < bytes; ++i) v |= uint32_t{data[pos + i]} << (8 * i);
-        pos += bytes;
-        return v;
+        return pos += bytes, v;
     }
-    int16_t I16() { return static_cast<int16_t>(Read(2)); }
-    std::u16string Text() {
+    // Text to its terminator; or an ordinal (0xFFFF and a number), named when it is a class's.
+    std::u16string Text(bool ordinal = true) {
+        static const char16_t *const kClasses[] = {u"BUTTON", u"EDIT", u"STATIC", u"LISTBOX", u"SCROLLBAR", u"COMBOBOX"};
         std::u16string text;
-        for (char16_t c; ok && (c = static_cast<char16_t>(Read(2))) != 0;) text.push_back(c);
+        for (char16_t c; ok && (c = static_cast<char16_t>(Read(2))) != 0;) {
+            if (c != 0xFFFF || !ordinal || !text.empty()) text.push_back(c);
+            else return (c = static_cast<char16_t>(Read(2))) >= 0x80 && c < 0x86 ? kClasses[c - 0x80] : u"#";
+        }
         return text;
     }
-    // A name or an ordinal (0xFFFF and a number), or nothing (0).
-    std::u16string NameOrOrdinal() {
-        if (size - pos >= 2 && data[pos] == 0xFF && data[pos + 1] == 0xFF) {
-            pos += 2;
-            static const char16_t *const kClasses[] = {u"BUTTON", u"EDIT", u"STATIC", u"LISTBOX", u"SCROLLBAR",
-                                                        u"COMBOBOX"};
-            uint32_t ordinal = Read(2);
-            return ordinal >= 0x80 && ordinal < 0x86 ? kClasses[ordinal - 0x80] : u"#" + std::u16string(1, char16_t(ordinal));
-        }
-        return Text();
+    void Rectangle(DialogItem *item) {
+        item->x = static_cast<int16_t>(Read(2)), item->y = static_cast<int16_t>(Read(2));
+        item->cx = static_cast<int16_t>(Read(2)), item->cy = static_cast<int16_t>(Read(2));
     }
 };
 
 }  // namespace
 
-bool Image::Dialogs(std::map<unsigned, Dialog> *dialogs, std::string *error) const {
+bool Image::Dialogs(std::map<unsigned, std::vector<DialogItem>> *dialogs, std::string *error) const {
     dialogs->clear();
     std::vector<Span> spans;
     if (!Resources(kResourceDialog, "dialog (RT_DIALOG)", &spans, error)) return false;
     for (const Span &span : spans) {
         TemplateReader r{bytes_ + span.at, span.size};
-        Dialog d;
+        std::vector<DialogItem> &items = (*dialogs)[span.id];
+        DialogItem d;
         if (r.Read(2) != 1 || r.Read(2) != 0xFFFF)
             return Fail(error, "dialog " + std::to_string(span.id) + " is no DIALOGEX template");
         r.Read(8);  // help id, extended style
         d.style = r.Read(4);
         uint32_t count = r.Read(2);
-        d.x = r.I16(), d.y = r.I16(), d.cx = r.I16(), d.cy = r.I16();
-        r.NameOrOrdinal();  // menu
-        r.NameOrOrdinal();  // class
-        d.title = r.Text();
-        if ((d.style & 0x40) != 0) {  // DS_SETFONT: size, weight, italic, character set, face
+        r.Rectangle(&d);
+        r.Text(), r.Text(), r.Text(false);  // menu, class, title
+        if ((d.style & 0x40) != 0) {         // DS_SETFONT: size, weight, italic, character set, face
             d.pointSize = static_cast<uint16_t>(r.Read(2));
             r.Read(4);
-            d.font = r.Text();
+            d.text = r.Text(false);
         }
+        items.push_back(d);
         for (uint32_t i = 0; i < count && r.ok; ++i) {
+            DialogItem c;
             r.pos = (r.pos + 3) & ~size_t{3};
-            DialogControl c;
             r.Read(8);  // help id, extended style
             c.style = r.Read(4);
-            c.x = r.I16(), c.y = r.I16(), c.cx = r.I16(), c.cy = r.I16();
+            r.Rectangle(&c);
             c.id = r.Read(4);
-            c.cls = r.NameOrOrdinal();
-            c.text = r.NameOrOrdinal();
+            c.cls = r.Text();
+            c.text = r.Text();
             r.pos += r.Read(2);  // creation data
-            if (r.pos > r.size) r.ok = false;
-            d.controls.push_back(c);
+            items.push_back(c);
         }
-        if (!r.ok) return Fail(error, "dialog " + std::to_string(span.id) + " is cut short");
-        (*dialogs)[span.id] = d;
+        if (!r.ok || r.pos > r.size) return Fail(error, "dialog " + std::to_string(span.id) + " is cut short");
     }
     return true;
 }
@@ -421,7 +415,7 @@ bool ReadAll(const uint8_t *bytes, size_t size, std::string *error) {
     ExportTable exports;
     std::vector<std::string> imports;
     std::map<unsigned, std::u16string> strings;
-    std::map<unsigned, Dialog> dialogs;
+    std::map<unsigned, std::vector<DialogItem>> dialogs;
     return image.Parse(bytes, size, error) && image.Exports(&exports, error) && image.Imports(&imports, error) &&
            image.StringTable(&strings, error) && image.Dialogs(&dialogs, error);
 }

@@ -30,21 +30,14 @@ constexpr size_t kDelayImportDirectory = 13;
 constexpr uint32_t kResourceDialog = 5;  // RT_DIALOG
 constexpr uint32_t kResourceString = 6;  // RT_STRING
 
-// A DIALOGEX template (DLGTEMPLATEEX and its DLGITEMTEMPLATEEX items).  A
-// class given by ordinal is named as Windows names it: "BUTTON", "EDIT",
-// "STATIC", "LISTBOX", "SCROLLBAR", "COMBOBOX".
-struct DialogControl {
-    uint32_t id = 0;
-    std::u16string cls, text;
-    uint32_t style = 0;
+// A DIALOGEX template (DLGTEMPLATEEX and its DLGITEMTEMPLATEEX items) as a
+// list: the dialog itself (its font as the text), then each control.  A class
+// given by ordinal is named as Windows names it: "BUTTON", "EDIT", "STATIC"...
+struct DialogItem {
+    uint32_t id = 0, style = 0;
     int16_t x = 0, y = 0, cx = 0, cy = 0;
-};
-struct Dialog {
-    uint32_t style = 0;
-    int16_t x = 0, y = 0, cx = 0, cy = 0;
-    std::u16string title, font;
     uint16_t pointSize = 0;
-    std::vector<DialogControl> controls;
+    std::u16string cls, text;
 };
 
 struct Section {
@@ -96,7 +89,7 @@ public:
     // Every non-empty string of the RT_STRING resources, by id.
     bool StringTable(std::map<unsigned, std::u16string> *strings, std::string *error) const;
     // Every RT_DIALOG resource, by id.
-    bool Dialogs(std::map<unsigned, Dialog> *dialogs, std::string *error) const;
+    bool Dialogs(std::map<unsigned, std::vector<DialogItem>> *dialogs, std::string *error) const;
 
 private:
     bool U16(size_t offset, uint16_t *value) const;

@@ -76,11 +76,9 @@ bool gPressDialogs = true;  // the watcher presses the default button of a dialo
 
 void WaitForTheLinuxSide(const char *what) {
     if (!gPause) return;
-    DeleteFileW(L"C:\\kvt-go.txt");
-    HANDLE ready = CreateFileW(L"C:\\kvt-ready.txt", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-    DWORD written;
-    WriteFile(ready, what, static_cast<DWORD>(strlen(what)), &written, nullptr);
-    CloseHandle(ready);
+    FILE *ready = _wfopen(L"C:\\kvt-ready.txt", L"w");
+    std::fputs(what, ready);
+    std::fclose(ready);
     for (int i = 0; i < 600 && GetFileAttributesW(L"C:\\kvt-go.txt") == INVALID_FILE_ATTRIBUTES; ++i) Sleep(50);
     DeleteFileW(L"C:\\kvt-ready.txt");
     DeleteFileW(L"C:\\kvt-go.txt");
@@ -498,49 +496,35 @@ int Tree() {
 
 // ---- dialog 550 -----------------------------------------------------------------------------
 // The monitor's ConfigurePort, with a person at dialog 550 on a second
-// thread: what the dialog shows is printed, the radio button CLICK is
-// clicked (0: none), the queue box emptied and TEXT typed into it key by
-// key ("-": left as it is), then OK pressed.  The registry tree follows.
-struct Person {
-    int click;
-    std::wstring text;
-};
+// thread: what the dialog shows is printed, the radio button gClick is
+// clicked, the queue box emptied and gText typed into it key by key, then OK
+// pressed.  The registry tree follows.
+int gClick;
+std::wstring gText;
 
-DWORD WINAPI AnswerDialog(void *argument) {
-    const Person &person = *static_cast<Person *>(argument);
+DWORD WINAPI AnswerDialog(void *) {
     HWND dialog = nullptr;
-    for (int i = 0; i < 600 && (dialog == nullptr || !IsWindowVisible(dialog)); ++i) {
-        Sleep(50);
+    for (int i = 0; i < 600 && (dialog == nullptr || !IsWindowVisible(dialog)); ++i, Sleep(50))
         dialog = FindWindowW(L"#32770", L"Select Protocol");
-    }
-    if (dialog == nullptr) return Say("dialog", "none"), 1;
     std::string shown;
-    for (int id : {551, 552, 553, 554, 556}) {
-        HWND control = GetDlgItem(dialog, id);
+    for (int id : {551, 552, 553, 554, 556})
         shown += std::to_string(id) + (IsDlgButtonChecked(dialog, id) == BST_CHECKED ? "x" : "") +
-                 (IsWindowEnabled(control) ? "" : "-") + " ";
-    }
+                 (IsWindowEnabled(GetDlgItem(dialog, id)) ? " " : "- ");
     wchar_t queue[64] = L"";
     GetDlgItemTextW(dialog, 1000, queue, 64);
     Say("shown", shown + Narrow(queue));
-    if (person.click != 0) SendMessageW(GetDlgItem(dialog, person.click), BM_CLICK, 0, 0);
-    if (person.text != L"-") {
-        HWND edit = GetDlgItem(dialog, 1000);
-        SendMessageW(edit, EM_SETSEL, 0, -1);
-        SendMessageW(edit, WM_CHAR, VK_BACK, 0);
-        for (wchar_t c : person.text) SendMessageW(edit, WM_CHAR, c, 0);
-    }
+    SendMessageW(GetDlgItem(dialog, gClick), BM_CLICK, 0, 0);
+    SendDlgItemMessageW(dialog, 1000, EM_SETSEL, 0, -1);
+    for (wchar_t c : L"\b" + gText) SendDlgItemMessageW(dialog, 1000, WM_CHAR, c, 0);
     WaitForTheLinuxSide("dialog");
     SendMessageW(GetDlgItem(dialog, 5), BM_CLICK, 0, 0);
     return 0;
 }
 
 int Configure(wchar_t *port, int click, const wchar_t *text, bool pause) {
-    gPause = pause;
-    gPressDialogs = false;
+    gPause = pause, gPressDialogs = false, gClick = click, gText = text;
     if (!LoadMonitor()) return 1;
-    Person person = {click, text};
-    HANDLE thread = CreateThread(nullptr, 0, AnswerDialog, &person, 0, nullptr);
+    HANDLE thread = CreateThread(nullptr, 0, AnswerDialog, nullptr, 0, nullptr);
     SetLastError(kSentinel);
     BOOL ok = gMonitor->pfnConfigurePort(nullptr, nullptr, port);
     Say("ConfigurePort", Outcome(ok, GetLastError()));
