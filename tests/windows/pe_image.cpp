@@ -350,7 +350,7 @@ struct TemplateReader {
 
     uint32_t Read(size_t bytes) {
         uint32_t v = 0;
-        if (!ok || size - pos < bytes) return ok = false, 0;
+        if (!ok || pos > size || size - pos < bytes) return ok = false, 0;
         for (size_t i = 0; i < bytes; ++i) v |= uint32_t{data[pos + i]} << (8 * i);
         return pos += bytes, v;
     }
