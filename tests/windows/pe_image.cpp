@@ -382,7 +382,7 @@ bool Image::Dialogs(std::map<unsigned, std::vector<DialogItem>> *dialogs, std::s
         DialogItem d;
         if (r.Read(2) != 1 || r.Read(2) != 0xFFFF)
             return Fail(error, "dialog " + std::to_string(span.id) + " is no DIALOGEX template");
-        r.Read(8);  // help id, extended style
+        r.Read(4), r.Read(4);  // help id, extended style
         d.style = r.Read(4);
         uint32_t count = r.Read(2);
         r.Rectangle(&d);
@@ -396,7 +396,7 @@ bool Image::Dialogs(std::map<unsigned, std::vector<DialogItem>> *dialogs, std::s
         for (uint32_t i = 0; i < count && r.ok; ++i) {
             DialogItem c;
             r.pos = (r.pos + 3) & ~size_t{3};
-            r.Read(8);  // help id, extended style
+            r.Read(4), r.Read(4);  // help id, extended style
             c.style = r.Read(4);
             r.Rectangle(&c);
             c.id = r.Read(4);
