@@ -3,7 +3,7 @@
 JOBS ?= 2
 CMAKE ?= cmake
 
-.PHONY: all deps linux win asan test test-linux test-asan demo bench clean
+.PHONY: all deps linux win asan test test-linux test-asan demo bench screenshots clean
 
 all: linux win
 
@@ -38,6 +38,9 @@ demo: linux
 
 bench: linux
 	scripts/bench.sh
+
+screenshots: linux
+	scripts/screenshots.sh
 
 clean:
 	rm -rf build

@@ -1,7 +1,7 @@
 /*
- * Adding and configuring ports through the dialogs.  The dialogs are not part
- * of this build yet: both entries refuse with ERROR_NOT_SUPPORTED, and ports
- * are made in the registry tree instead.
+ * Adding ports through the dialogs.  The add-port dialogs are not part of
+ * this build yet: the entry refuses with ERROR_NOT_SUPPORTED, and ports are
+ * made in the registry tree instead.
  */
 #include <windows.h>
 
@@ -13,15 +13,6 @@ extern "C" BOOL WINAPI LocalmonAddPort(LPWSTR pName, HWND hWnd, LPWSTR pMonitorN
     DebugLog("\n");
     DebugLog("Entry LocalmonAddPort\n");
     DebugLog("Leave LocalmonAddPort - not available\n");
-    SetLastError(ERROR_NOT_SUPPORTED);
-    return FALSE;
-}
-
-extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPortName) {
-    (void)pName, (void)hWnd, (void)pPortName;
-    DebugLog("\n");
-    DebugLog("Entry LocalmonConfigurePort\n");
-    DebugLog("Leave LocalmonConfigurePort - not available\n");
     SetLastError(ERROR_NOT_SUPPORTED);
     return FALSE;
 }

@@ -14,6 +14,8 @@ void Usage(FILE *out) {
                  "                                 make the prefix: folders, network components (tcpip,\n"
                  "                                 ipx, netbios; default tcpip,ipx), monitor key\n"
                  "  ports [--json]                 list the ports as the spooler sees them\n"
+                 "  configure PORT [answers]       set a port's transport, queue name and the notice\n"
+                 "                                 after each job (kvtmon configure --help)\n"
                  "  delete PORT                    delete a port from the list and the registry\n"
                  "  log [--follow]                 show the diagnostic log\n"
                  "  print PORT FILE... [options]   print files through the monitor (kvtmon print --help)\n"
@@ -35,6 +37,7 @@ int main(int argc, char **argv) {
     if (command == "print") return kvtmon::PrintCommand(argc - 2, argv + 2);
     if (command == "init") return kvtmon::InitCommand(argc - 2, argv + 2);
     if (command == "ports") return kvtmon::PortsCommand(argc - 2, argv + 2);
+    if (command == "configure") return kvtmon::ConfigureCommand(argc - 2, argv + 2);
     if (command == "delete") return kvtmon::DeleteCommand(argc - 2, argv + 2);
     if (command == "log") return kvtmon::LogCommand(argc - 2, argv + 2);
     if (command == "demo") return kvtmon::DemoCommand(argc - 2, argv + 2);

@@ -224,6 +224,13 @@ int WINAPI LoadStringW(HINSTANCE instance, UINT id, LPWSTR buffer, int cchMax) {
 
 namespace kvthost {
 
+const ResourceTable *ModuleResources(void *base) {
+    std::lock_guard<std::mutex> lock(gModuleMutex);
+    for (const Module &m : gModules)
+        if (m.base == base) return m.resources;
+    return nullptr;
+}
+
 void RegisterModule(void *base, const ResourceTable *resources) {
     std::lock_guard<std::mutex> lock(gModuleMutex);
     for (Module &m : gModules) {

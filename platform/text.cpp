@@ -96,10 +96,11 @@ int WINAPI lstrcmpiW(LPCWSTR a, LPCWSTR b) {
 
 // wsprintf's format: %[-][0][width][.precision][h|l|I64]type with the types
 // c C d i u x X s S and %%.  In the wide form %s and %c are wide, %S and %C
-// one-byte.  The output holds at most 1024 characters with the terminator.
+// one-byte.  The output holds at most 1024 characters with the terminator, as
+// on Windows: 1023 and the terminator.
 int WINAPI wvsprintfW(LPWSTR out, LPCWSTR fmt, va_list args) {
     if (out == nullptr || fmt == nullptr) return 0;
-    WideOut o{out, 0, 1025};
+    WideOut o{out, 0, 1024};
     va_list ap;
     va_copy(ap, args);
     for (LPCWSTR p = fmt; *p != 0; ++p) {

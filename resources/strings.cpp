@@ -1,5 +1,6 @@
-// The string table of the Linux build: the same list as the Windows resource
-// script, handed to the platform's LoadStringW through the module's loader glue.
+// The string table and the dialog templates of the Linux build: the same lists
+// as the Windows resource script, handed to the platform's LoadStringW and
+// DialogBoxParamW through the module's loader glue.
 #include "kvthost.h"
 
 #define KVT_STRING(id, text) {id, u##text},
@@ -8,5 +9,15 @@ static const kvthost::StringResource kStrings[] = {
 #include "strings.inc"
 };
 
+#define KVT_DIALOG(id, x, y, cx, cy, style, titleId, font, pointSize) \
+    {kvthost::DialogItem::Dialog, id, titleId, u"", u"", style, x, y, cx, cy, u##font, pointSize},
+#define KVT_CONTROL(id, textId, text, cls, style, x, y, cx, cy) \
+    {kvthost::DialogItem::Control, id, textId, u##text, u##cls, style, x, y, cx, cy, u"", 0},
+#define KVT_END_DIALOG(id) {kvthost::DialogItem::End, id, 0, u"", u"", 0, 0, 0, 0, 0, u"", 0},
+
+static const kvthost::DialogItem kDialogs[] = {
+#include "dialogs.inc"
+};
+
 extern const kvthost::ResourceTable kvt_module_resources = {
-    u"KVT64.DLL", kStrings, sizeof kStrings / sizeof kStrings[0]};
+    u"KVT64.DLL", kStrings, sizeof kStrings / sizeof kStrings[0], kDialogs, sizeof kDialogs / sizeof kDialogs[0]};

@@ -4,14 +4,17 @@
 #
 #   scripts/deps.sh          the build's packages
 #   scripts/deps.sh --wine   and Wine, the stand-in for Windows on which the
-#                            tests run KVT64.DLL, and tshark, the protocol
-#                            analyser that reads the NetBIOS datagrams.  Without
-#                            them those tests are skipped with a notice (Wine's
-#                            fail instead when KVT_REQUIRE_WINE=1).
+#                            tests run KVT64.DLL, with a virtual X display and
+#                            the tools that take screenshots of its windows, and
+#                            tshark, the protocol analyser that reads the
+#                            NetBIOS datagrams.  Without them those tests are
+#                            skipped with a notice (Wine's fail instead when
+#                            KVT_REQUIRE_WINE=1).
 set -euo pipefail
 
-packages=(cmake make g++ libgtest-dev libgmock-dev mingw-w64 g++-mingw-w64-x86-64 iproute2 util-linux)
-wine_packages=(wine wine64)
+packages=(cmake make g++ libgtest-dev libgmock-dev mingw-w64 g++-mingw-w64-x86-64 iproute2 util-linux
+          pkg-config libncurses-dev tmux)
+wine_packages=(wine wine64 fonts-wine xvfb x11-apps x11-utils imagemagick)
 analyser_packages=(tshark)
 
 missing_from() {

@@ -23,13 +23,29 @@ struct StringResource {
     unsigned id;
     const char16_t *text;
 };
+// One line of a module's dialog templates (resources/dialogs.inc): a dialog,
+// its controls in order, and the end of the dialog.
+struct DialogItem {
+    enum Kind { Dialog, Control, End } kind;
+    int id;
+    unsigned textId;        // the string its procedure sets as its text; 0: none
+    const char16_t *text;   // a control's own text
+    const char16_t *cls;    // a control's class: "BUTTON", "EDIT", "STATIC", "LISTBOX"
+    DWORD style;
+    short x, y, cx, cy;     // dialog units
+    const char16_t *font;   // a dialog's font and its size in points
+    int pointSize;
+};
 struct ResourceTable {
     const char16_t *moduleName;  // the Windows file name of the module, "KVT64.DLL"
     const StringResource *strings;
     size_t stringCount;
+    const DialogItem *dialogs = nullptr;
+    size_t dialogItemCount = 0;
 };
 // Called by the loader glue of a module (its base address is its HMODULE).
 void RegisterModule(void *base, const ResourceTable *resources);
+const ResourceTable *ModuleResources(void *base);  // nullptr for no module
 
 // ---- prefix -------------------------------------------------------------------
 // KVT_PREFIX (default ~/.kvt) holds drive_c/Windows, drive_c/Windows/System32,
@@ -99,6 +115,64 @@ void SetUserNameFails(bool fails);  // GetUserNameW fails on every thread
 void SetComputerName(const std::string &name);
 
 // ---- user interface -------------------------------------------------------------------
+// Dialogs and message boxes are windows of the thread that made them, and stand
+// in a modal loop on that thread.  Each time round the loop the platform fires
+// the thread's due timers and then hands the window to the UI driver, which
+// acts on it through the calls below, as a person would, or waits for a person
+// at most waitMs (-1: no timer is due), and returns.  The loop ends when the
+// dialog's procedure calls EndDialog or the box is answered.  Without a
+// driver a dialog cannot be shown (DialogBoxParamW gives 0) and a box goes to
+// the MessageBoxHandler below.
+using UiDriver = std::function<void(HWND window, int waitMs)>;
+void SetUiDriver(UiDriver driver);
+
+// A window as a driver draws it.
+struct ControlView {
+    int id = 0;
+    std::u16string cls;
+    DWORD style = 0;
+    int x = 0, y = 0, cx = 0, cy = 0;  // dialog units
+    std::u16string text;
+    bool enabled = true;
+    int check = BST_UNCHECKED;
+    size_t limit = 0;  // of an edit box's text
+    std::vector<std::u16string> lines;  // of a list box, in its order
+    int selection = -1;
+};
+struct WindowView {
+    HWND window = nullptr;
+    bool box = false;          // a message box: text, caption and type
+    int templateId = 0;        // a dialog's
+    std::u16string title;      // a dialog's title, a box's caption
+    std::u16string text;
+    DWORD style = 0;           // a dialog's style, a box's type
+    int cx = 0, cy = 0;
+    std::vector<ControlView> controls;
+};
+bool ViewWindow(HWND window, WindowView *view);
+// The dialogs and boxes that stand on the calling thread, the first made first.
+std::vector<HWND> ThreadWindows();
+
+// Input as a person gives it, on the window's own thread.  It goes through the
+// control as on Windows: a radio button checks itself and clears the others of
+// its group, an edit box keeps to its limit and its case, the procedure hears
+// of it by WM_COMMAND.  A control that is disabled, or can take no input,
+// takes none: false.
+bool Click(HWND dialog, int id);                 // a button, radio button or check box
+bool TypeKey(HWND dialog, int id, char16_t key); // at the end of an edit box's text; 8 erases
+bool SelectLine(HWND dialog, int id, int index); // a line of a list box
+bool AnswerBox(HWND box, int result);            // IDOK, IDCANCEL... of the box's buttons
+// A command that comes from no control, as Windows' dialog manager makes
+// IDCANCEL of the Esc key: WM_COMMAND with the id, BN_CLICKED and no window.
+bool Command(HWND dialog, int id);
+
+struct ForegroundCall {
+    HWND window;
+    DWORD thread;
+};
+std::vector<ForegroundCall> ForegroundCalls();  // every SetForegroundWindow, in order
+void ClearForegroundCalls();
+
 struct MessageBoxRecord {
     std::u16string text;
     std::u16string caption;
@@ -107,7 +181,8 @@ struct MessageBoxRecord {
 using MessageBoxHandler =
     std::function<int(HWND owner, const std::u16string &text, const std::u16string &caption,
                       unsigned type)>;
-// The driver that answers boxes.  Without one, a box is answered IDOK at once.
+// What answers a box when no UI driver is set: called once, it blocks until it
+// has the answer.  Without one either, a box is answered IDOK at once.
 void SetMessageBoxHandler(MessageBoxHandler handler);
 std::vector<MessageBoxRecord> MessageBoxes();  // every box shown, in order
 void ClearMessageBoxes();

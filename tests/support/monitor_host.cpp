@@ -41,6 +41,8 @@ TestHost::TestHost(const HostOptions &o) {
     kvthost::ResetSpooler();
     kvthost::ClearMessageBoxes();
     kvthost::SetMessageBoxHandler(nullptr);
+    kvthost::SetUiDriver(nullptr);
+    kvthost::ClearForegroundCalls();
     kvthost::SetUserNameFails(false);
     kvthost::RevertToSelf();
     kvthost::SetComputerName("");
@@ -69,6 +71,7 @@ TestHost::TestHost(const HostOptions &o) {
 TestHost::~TestHost() {
     ResetMonitor();
     kvthost::SetMessageBoxHandler(nullptr);
+    kvthost::SetUiDriver(nullptr);
     kvthost::SetSpoolerHook(nullptr);
     kvthost::SetSystemDirectoryFails(false);
     kvthost::SetTimeScale(1.0);

@@ -1,6 +1,7 @@
 // KVT64.DLL as the Windows build leaves it, read from the file: a 64-bit DLL
 // that exports the fifteen names of the entry table and nothing else, carries
-// the string table of resources/strings.inc as a real resource, and needs
+// the string table of resources/strings.inc and the dialogs of
+// resources/dialogs.inc as real resources, and needs
 // nothing beyond the DLLs of a bare Windows.
 #include <gtest/gtest.h>
 
@@ -12,6 +13,8 @@
 #include <memory>
 #include <set>
 #include <sstream>
+
+#include <windows.h>  // the style names of dialogs.inc
 
 #include "pe_image.h"
 
@@ -50,6 +53,26 @@ const std::map<unsigned, std::u16string> kSourceStrings = {
 #include "strings.inc"
 };
 #undef KVT_STRING
+
+// ---- resources/dialogs.inc -----------------------------------------------------
+// The dialogs as the one source gives them, compiled here as the Linux table
+// is, each as a line of the dialog and a line per control.
+std::string Describe(const pe::DialogItem &i) {
+    char line[64];
+    std::snprintf(line, sizeof line, "%u %08x %d,%d %dx%d %u ", i.id, i.style, i.x, i.y, i.cx, i.cy, i.pointSize);
+    return line + std::string(i.cls.begin(), i.cls.end()) + " " + std::string(i.text.begin(), i.text.end());
+}
+#define KVT_DIALOG(id, x, y, cx, cy, style, titleId, font, pointSize) \
+    {id, {0, style, x, y, cx, cy, pointSize, u"", u##font}},
+#define KVT_CONTROL(id, textId, text, cls, style, x, y, cx, cy) \
+    {0, {static_cast<uint32_t>(id), style, x, y, cx, cy, 0, u##cls, u##text}},
+#define KVT_END_DIALOG(id)
+const std::vector<std::pair<unsigned, pe::DialogItem>> kSourceDialogs = {
+#include "dialogs.inc"
+};
+#undef KVT_DIALOG
+#undef KVT_CONTROL
+#undef KVT_END_DIALOG
 
 std::string Show(const std::u16string &text) {
     std::string out = "\"";
@@ -158,6 +181,30 @@ TEST_F(KVT64Dll, CarriesTheStringTableOfStringsIncAsAResource) {
     }
     for (const auto &[id, text] : dll)
         if (source.count(id) == 0) ADD_FAILURE() << "the DLL has id " << id << " " << Show(text) << " that strings.inc lacks";
+}
+
+TEST_F(KVT64Dll, CarriesTheFourDialogsOfDialogsIncWithEveryControl) {
+    std::map<unsigned, std::vector<pe::DialogItem>> dll;
+    std::string error;
+    ASSERT_TRUE(image.Dialogs(&dll, &error)) << error;
+    // Each dialog and its controls as the source has them; DS_SETFONT is the
+    // resource compiler's, for the font.
+    std::map<unsigned, std::vector<std::string>> source, carried;
+    unsigned dialog = 0;
+    for (const auto &[id, item] : kSourceDialogs) source[dialog = id != 0 ? id : dialog].push_back(Describe(item));
+    for (auto &[id, items] : dll) {
+        items[0].style &= ~uint32_t{DS_SETFONT};
+        for (const pe::DialogItem &item : items) carried[id].push_back(Describe(item));
+    }
+    EXPECT_EQ(carried, source);
+    // Every control of the dialogs' tables is there (4294967295: the label without an id).
+    const std::map<unsigned, std::vector<unsigned>> tables = {
+        {200, {219, 203, 206, 5, 4, 1005, 201, 1006, 205, 1007, 207, 208, 209, 210, 211, 1008, 1002, 1003, 1004}},
+        {250, {259, 253, 3}}, {300, {309, 301, 4294967295, 302, 5, 4}}, {550, {551, 552, 553, 554, 556, 1009, 1010, 1000, 5}}};
+    for (const auto &[id, controls] : tables)
+        for (unsigned control : controls)
+            EXPECT_TRUE(std::any_of(dll[id].begin() + 1, dll[id].end(), [&](auto &c) { return c.id == control; }))
+                << "dialog " << id << ", control " << control;
 }
 
 TEST_F(KVT64Dll, ImportsOnlyTheDllsOfABareWindows) {

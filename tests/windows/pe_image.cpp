@@ -259,8 +259,8 @@ struct ResourceEntry {
 
 }  // namespace
 
-bool Image::StringTable(std::map<unsigned, std::u16string> *strings, std::string *error) const {
-    strings->clear();
+bool Image::Resources(uint32_t type, const char *what, std::vector<Span> *spans, std::string *error) const {
+    spans->clear();
     const uint32_t base = Directory(kResourceDirectory).rva;
     if (base == 0) return Fail(error, "no resource directory");
 
@@ -283,48 +283,129 @@ bool Image::StringTable(std::map<unsigned, std::u16string> *strings, std::string
         return true;
     };
 
-    std::vector<ResourceEntry> types, blocks, languages;
+    std::vector<ResourceEntry> types, names, languages;
     if (!readDirectory(0, &types)) return Fail(error, "the resource directory lies outside the file");
-    const ResourceEntry *stringType = nullptr;
+    const ResourceEntry *typeEntry = nullptr;
     for (const ResourceEntry &e : types)
-        if (!e.named && e.id == kResourceString) stringType = &e;
-    if (stringType == nullptr) return Fail(error, "no string table (RT_STRING) among the resources");
-    if (!stringType->directory || !readDirectory(stringType->target, &blocks))
-        return Fail(error, "the RT_STRING directory is unreadable");
-
-    for (const ResourceEntry &block : blocks) {
-        // Block n holds the ids (n-1)*16 .. (n-1)*16+15.
-        if (block.named || block.id == 0 || block.id > 4096 || !block.directory)
-            return Fail(error, "RT_STRING has an entry that is not a string block (" + Hex(block.id) + ")");
-        if (!readDirectory(block.target, &languages))
-            return Fail(error, "string block " + std::to_string(block.id) + " is unreadable");
+        if (!e.named && e.id == type) typeEntry = &e;
+    if (typeEntry == nullptr) return Fail(error, std::string("no ") + what + " among the resources");
+    if (!typeEntry->directory || !readDirectory(typeEntry->target, &names))
+        return Fail(error, std::string("the ") + what + " directory is unreadable");
+    for (const ResourceEntry &name : names) {
+        if (name.named || name.id == 0 || !name.directory)
+            return Fail(error, std::string(what) + " has an entry that is no resource (" + Hex(name.id) + ")");
+        if (!readDirectory(name.target, &languages))
+            return Fail(error, std::string(what) + " " + std::to_string(name.id) + " is unreadable");
         for (const ResourceEntry &language : languages) {
             // A data entry: the data's RVA, its size, a code page and a reserved word.
             uint32_t entryRva, dataRva = 0, dataSize = 0;
             size_t entry, at;
             if (language.directory || !Offset(base, language.target, &entryRva) || !FileOffset(entryRva, 16, &entry) ||
                 !U32(entry, &dataRva) || !U32(entry + 4, &dataSize) || !FileOffset(dataRva, dataSize, &at))
-                return Fail(error, "the data of string block " + std::to_string(block.id) + " is unreadable");
-            size_t pos = 0;
-            for (unsigned i = 0; i < 16; ++i) {
-                uint16_t length;
-                if (dataSize - pos < 2 || !U16(at + pos, &length) || dataSize - pos - 2 < size_t{length} * 2)
-                    return Fail(error, "string block " + std::to_string(block.id) + " is cut short at string " +
-                                           std::to_string(i));
-                pos += 2;
-                std::u16string text;
-                for (size_t c = 0; c < length; ++c, pos += 2) {
-                    uint16_t unit = 0;
-                    U16(at + pos, &unit);
-                    text.push_back(static_cast<char16_t>(unit));
-                }
-                if (length == 0) continue;
-                unsigned id = (block.id - 1) * 16 + i;
-                auto [it, inserted] = strings->emplace(id, text);
-                if (!inserted && it->second != text)
-                    return Fail(error, "string " + std::to_string(id) + " differs between languages");
-            }
+                return Fail(error, "the data of " + std::string(what) + " " + std::to_string(name.id) +
+                                       " is unreadable");
+            spans->push_back({name.id, at, dataSize});
         }
+    }
+    return true;
+}
+
+bool Image::StringTable(std::map<unsigned, std::u16string> *strings, std::string *error) const {
+    strings->clear();
+    std::vector<Span> blocks;
+    if (!Resources(kResourceString, "string table (RT_STRING)", &blocks, error)) return false;
+    for (const Span &block : blocks) {
+        // Block n holds the ids (n-1)*16 .. (n-1)*16+15.
+        if (block.id > 4096) return Fail(error, "RT_STRING has a block beyond the ids (" + Hex(block.id) + ")");
+        size_t pos = 0;
+        for (unsigned i = 0; i < 16; ++i) {
+            uint16_t length;
+            if (block.size - pos < 2 || !U16(block.at + pos, &length) || block.size - pos - 2 < size_t{length} * 2)
+                return Fail(error, "string block " + std::to_string(block.id) + " is cut short at string " +
+                                       std::to_string(i));
+            pos += 2;
+            std::u16string text;
+            for (size_t c = 0; c < length; ++c, pos += 2) {
+                uint16_t unit = 0;
+                U16(block.at + pos, &unit);
+                text.push_back(static_cast<char16_t>(unit));
+            }
+            if (length == 0) continue;
+            unsigned id = (block.id - 1) * 16 + i;
+            auto [it, inserted] = strings->emplace(id, text);
+            if (!inserted && it->second != text)
+                return Fail(error, "string " + std::to_string(id) + " differs between languages");
+        }
+    }
+    return true;
+}
+
+namespace {
+
+// Reads a template front to back, each read inside its resource's data.
+struct TemplateReader {
+    const uint8_t *data;
+    size_t size, pos = 0;
+    bool ok = true;
+
+    uint32_t Read(size_t bytes) {
+        uint32_t v = 0;
+        if (!ok || pos > size || size - pos < bytes) return ok = false, 0;
+        for (size_t i = 0; i < bytes; ++i) v |= uint32_t{data[pos + i]} << (8 * i);
+        return pos += bytes, v;
+    }
+    // Text to its terminator; or an ordinal (0xFFFF and a number), named when it is a class's.
+    std::u16string Text(bool ordinal = true) {
+        static const char16_t *const kClasses[] = {u"BUTTON", u"EDIT", u"STATIC", u"LISTBOX", u"SCROLLBAR", u"COMBOBOX"};
+        std::u16string text;
+        for (char16_t c; ok && (c = static_cast<char16_t>(Read(2))) != 0;) {
+            if (c != 0xFFFF || !ordinal || !text.empty()) text.push_back(c);
+            else return (c = static_cast<char16_t>(Read(2))) >= 0x80 && c < 0x86 ? kClasses[c - 0x80] : u"#";
+        }
+        return text;
+    }
+    void Rectangle(DialogItem *item) {
+        item->x = static_cast<int16_t>(Read(2)), item->y = static_cast<int16_t>(Read(2));
+        item->cx = static_cast<int16_t>(Read(2)), item->cy = static_cast<int16_t>(Read(2));
+    }
+};
+
+}  // namespace
+
+bool Image::Dialogs(std::map<unsigned, std::vector<DialogItem>> *dialogs, std::string *error) const {
+    dialogs->clear();
+    std::vector<Span> spans;
+    if (!Resources(kResourceDialog, "dialog (RT_DIALOG)", &spans, error)) return false;
+    for (const Span &span : spans) {
+        TemplateReader r{bytes_ + span.at, span.size};
+        std::vector<DialogItem> &items = (*dialogs)[span.id];
+        DialogItem d;
+        if (r.Read(2) != 1 || r.Read(2) != 0xFFFF)
+            return Fail(error, "dialog " + std::to_string(span.id) + " is no DIALOGEX template");
+        r.Read(4), r.Read(4);  // help id, extended style
+        d.style = r.Read(4);
+        uint32_t count = r.Read(2);
+        r.Rectangle(&d);
+        r.Text(), r.Text(), r.Text(false);  // menu, class, title
+        if ((d.style & 0x40) != 0) {         // DS_SETFONT: size, weight, italic, character set, face
+            d.pointSize = static_cast<uint16_t>(r.Read(2));
+            r.Read(4);
+            d.text = r.Text(false);
+        }
+        items.push_back(d);
+        for (uint32_t i = 0; i < count && r.ok; ++i) {
+            DialogItem c;
+            r.pos = (r.pos + 3) & ~size_t{3};
+            r.Read(4), r.Read(4);  // help id, extended style
+            c.style = r.Read(4);
+            r.Rectangle(&c);
+            c.id = r.Read(4);
+            c.cls = r.Text();
+            c.text = r.Text();
+            r.pos += r.Read(2);  // creation data
+            items.push_back(c);
+        }
+        if (!r.ok || r.pos > r.size) return Fail(error, "dialog " + std::to_string(span.id) + " is cut short");
     }
     return true;
 }
@@ -334,8 +415,9 @@ bool ReadAll(const uint8_t *bytes, size_t size, std::string *error) {
     ExportTable exports;
     std::vector<std::string> imports;
     std::map<unsigned, std::u16string> strings;
+    std::map<unsigned, std::vector<DialogItem>> dialogs;
     return image.Parse(bytes, size, error) && image.Exports(&exports, error) && image.Imports(&imports, error) &&
-           image.StringTable(&strings, error);
+           image.StringTable(&strings, error) && image.Dialogs(&dialogs, error);
 }
 
 }  // namespace pe

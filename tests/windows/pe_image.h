@@ -1,6 +1,6 @@
 // A small reader for PE32+ images (64-bit Windows DLLs), enough to check
 // KVT64.DLL from the file itself: headers, section table, exports, imports and
-// the string table among the resources.
+// the string table and the dialogs among the resources.
 //
 // Every read is bounds-checked against the bytes handed in: a truncated or
 // corrupt file gives false and a message, never a read outside the buffer.
@@ -27,7 +27,18 @@ constexpr size_t kImportDirectory = 1;
 constexpr size_t kResourceDirectory = 2;
 constexpr size_t kDelayImportDirectory = 13;
 
+constexpr uint32_t kResourceDialog = 5;  // RT_DIALOG
 constexpr uint32_t kResourceString = 6;  // RT_STRING
+
+// A DIALOGEX template (DLGTEMPLATEEX and its DLGITEMTEMPLATEEX items) as a
+// list: the dialog itself (its font as the text), then each control.  A class
+// given by ordinal is named as Windows names it: "BUTTON", "EDIT", "STATIC"...
+struct DialogItem {
+    uint32_t id = 0, style = 0;
+    int16_t x = 0, y = 0, cx = 0, cy = 0;
+    uint16_t pointSize = 0;
+    std::u16string cls, text;
+};
 
 struct Section {
     std::string name;  // up to 8 characters; "/n" for a long name kept in the symbol string table
@@ -77,6 +88,8 @@ public:
     bool Imports(std::vector<std::string> *dlls, std::string *error) const;
     // Every non-empty string of the RT_STRING resources, by id.
     bool StringTable(std::map<unsigned, std::u16string> *strings, std::string *error) const;
+    // Every RT_DIALOG resource, by id.
+    bool Dialogs(std::map<unsigned, std::vector<DialogItem>> *dialogs, std::string *error) const;
 
 private:
     bool U16(size_t offset, uint16_t *value) const;
@@ -86,6 +99,13 @@ private:
     // A NUL-terminated string at rva, of at most maxLength characters.
     bool CStringAt(uint32_t rva, size_t maxLength, std::string *text) const;
     bool CheckExtents(std::string *error) const;
+    // The data of every resource of a type, by its id: file offset and size.
+    struct Span {
+        unsigned id;
+        size_t at;
+        uint32_t size;
+    };
+    bool Resources(uint32_t type, const char *what, std::vector<Span> *spans, std::string *error) const;
 
     const uint8_t *bytes_ = nullptr;
     size_t size_ = 0;
@@ -99,7 +119,8 @@ private:
     std::vector<Section> sections_;
 };
 
-// Reads every part this reader knows (headers, exports, imports, strings): true
+// Reads every part this reader knows (headers, exports, imports, strings,
+// dialogs): true
 // only when all of them read.  *error says what failed first.
 bool ReadAll(const uint8_t *bytes, size_t size, std::string *error);
 

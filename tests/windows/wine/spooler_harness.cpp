@@ -14,6 +14,7 @@
 //   kvtspool tree
 //   kvtspool spooler PORT-TO-CONFIGURE PORT-TO-DELETE
 //   kvtspool print PRINTER DOCUMENT FILE
+//   kvtspool configure PORT CLICK TEXT [pause]
 //
 // A message box of this process (the monitor's "Starting DEBUG mode", its
 // notice after a job) is read and answered with OK by a watcher thread and
@@ -30,6 +31,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -66,8 +68,25 @@ std::vector<std::wstring> Split(const std::wstring &text, wchar_t sep) {
 }
 
 // ---- message boxes ---------------------------------------------------------------
-// Polls for dialog windows of this process, prints caption and text, and
-// answers with OK.  Its thread lives as long as the process.
+// With "pause", a window waits for the Linux side before it is answered: the
+// harness writes C:\kvt-ready.txt (what stands) and goes on once C:\kvt-go.txt
+// is there, so that a screenshot can be taken of it.
+bool gPause = false;
+bool gPressDialogs = true;  // the watcher presses the default button of a dialog
+
+void WaitForTheLinuxSide(const char *what) {
+    if (!gPause) return;
+    FILE *ready = _wfopen(L"C:\\kvt-ready.txt", L"w");
+    std::fputs(what, ready);
+    std::fclose(ready);
+    for (int i = 0; i < 600 && GetFileAttributesW(L"C:\\kvt-go.txt") == INVALID_FILE_ATTRIBUTES; ++i) Sleep(50);
+    DeleteFileW(L"C:\\kvt-ready.txt");
+    DeleteFileW(L"C:\\kvt-go.txt");
+}
+
+// Polls for message boxes of this process, prints caption and text, and
+// answers with OK.  Another dialog is pressed on its default button, as Enter
+// would.  Its thread lives as long as the process.
 DWORD WINAPI AnswerBoxes(void *) {
     for (;;) {
         HWND box = nullptr;
@@ -75,6 +94,16 @@ DWORD WINAPI AnswerBoxes(void *) {
             DWORD pid = 0;
             GetWindowThreadProcessId(box, &pid);
             if (pid != GetCurrentProcessId() || !IsWindowVisible(box)) continue;
+            if (GetDlgItem(box, 0xFFFF) == nullptr) {  // no box: it has no text control of a box's
+                if (!gPressDialogs) continue;             // the configure command's person has it
+                wchar_t title[256] = L"";
+                GetWindowTextW(box, title, 256);
+                Say("dialog", Narrow(title));
+                SendMessageW(GetDlgItem(box, LOWORD(SendMessageW(box, DM_GETDEFID, 0, 0))), BM_CLICK, 0, 0);
+                while (IsWindow(box) && IsWindowVisible(box)) Sleep(10);
+                continue;
+            }
+            WaitForTheLinuxSide("box");
             wchar_t caption[256] = L"", text[1024] = L"";
             GetWindowTextW(box, caption, 256);
             GetDlgItemTextW(box, 0xFFFF, text, 1024);  // a message box's text control
@@ -465,6 +494,45 @@ int Tree() {
     return 0;
 }
 
+// ---- dialog 550 -----------------------------------------------------------------------------
+// The monitor's ConfigurePort, with a person at dialog 550 on a second
+// thread: what the dialog shows is printed, the radio button gClick is
+// clicked, the queue box emptied and gText typed into it key by key, then OK
+// pressed.  The registry tree follows.
+int gClick;
+std::wstring gText;
+
+DWORD WINAPI AnswerDialog(void *) {
+    HWND dialog = nullptr;
+    for (int i = 0; i < 600 && (dialog == nullptr || !IsWindowVisible(dialog)); ++i, Sleep(50))
+        dialog = FindWindowW(L"#32770", L"Select Protocol");
+    std::string shown;
+    for (int id : {551, 552, 553, 554, 556})
+        shown += std::to_string(id) + (IsDlgButtonChecked(dialog, id) == BST_CHECKED ? "x" : "") +
+                 (IsWindowEnabled(GetDlgItem(dialog, id)) ? " " : "- ");
+    wchar_t queue[64] = L"";
+    GetDlgItemTextW(dialog, 1000, queue, 64);
+    Say("shown", shown + Narrow(queue));
+    SendMessageW(GetDlgItem(dialog, gClick), BM_CLICK, 0, 0);
+    SendDlgItemMessageW(dialog, 1000, EM_SETSEL, 0, -1);
+    for (wchar_t c : L"\b" + gText) SendDlgItemMessageW(dialog, 1000, WM_CHAR, c, 0);
+    WaitForTheLinuxSide("dialog");
+    SendMessageW(GetDlgItem(dialog, 5), BM_CLICK, 0, 0);
+    return 0;
+}
+
+int Configure(wchar_t *port, int click, const wchar_t *text, bool pause) {
+    gPause = pause, gPressDialogs = false, gClick = click, gText = text;
+    if (!LoadMonitor()) return 1;
+    HANDLE thread = CreateThread(nullptr, 0, AnswerDialog, nullptr, 0, nullptr);
+    SetLastError(kSentinel);
+    BOOL ok = gMonitor->pfnConfigurePort(nullptr, nullptr, port);
+    Say("ConfigurePort", Outcome(ok, GetLastError()));
+    WaitForSingleObject(thread, 5000);
+    CloseHandle(thread);
+    return Tree();
+}
+
 // ---- Wine's own spooler -------------------------------------------------------------------
 // Wine 8's localspl loads the monitor (LoadLibrary, InitializePrintMonitor)
 // for each call and frees it after, so every call runs the monitor's start-up
@@ -568,6 +636,8 @@ int wmain(int argc, wchar_t **argv) {
     if (command == L"tree") return Tree();
     if (command == L"spooler" && argc == 4) return Spooler(argv[2], argv[3]);
     if (command == L"print" && argc == 5) return Print(argv[2], argv[3], argv[4]);
-    std::fprintf(stderr, "usage: kvtspool setup|job|enum|delete|tree|spooler|print ...\n");
+    if (command == L"configure" && (argc == 5 || argc == 6))
+        return Configure(argv[2], _wtoi(argv[3]), argv[4], argc == 6 && std::wstring(argv[5]) == L"pause");
+    std::fprintf(stderr, "usage: kvtspool setup|job|enum|delete|tree|spooler|print|configure ...\n");
     return 2;
 }

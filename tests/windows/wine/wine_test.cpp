@@ -31,6 +31,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "kvtps.h"
@@ -118,6 +119,9 @@ std::ostream &operator<<(std::ostream &os, const Ran &ran) {
 // Runs a program with the environment of Wine's runs and waits for it, at
 // most timeoutMs.  Its output goes to files: Wine's server and services
 // inherit them and outlive the program.
+// The X display of the tests of windows on a display; empty: Wine's null driver.
+std::string gDisplay;
+
 Ran RunProgram(const std::vector<std::string> &argv, int timeoutMs = kRunMs) {
     std::vector<std::string> env;
     for (char **e = environ; *e != nullptr; ++e) {
@@ -131,6 +135,7 @@ Ran RunProgram(const std::vector<std::string> &argv, int timeoutMs = kRunMs) {
     env.push_back("WINEDEBUG=-all");
     env.push_back("WINEDLLOVERRIDES=mscoree,mshtml=");
     env.push_back("USER=guest");
+    if (!gDisplay.empty()) env.push_back("DISPLAY=" + gDisplay);
 
     // Everything the child needs is made before the fork: the emulator's
     // threads may hold the allocator's lock at that moment.
@@ -636,9 +641,21 @@ TEST_F(UnderWine, WinesSpoolerListsTheMonitorAndItsPortsAndPassesPortCallsToIt) 
     std::string startup = StartupLog({{"PS1-P1", "7F000002", '1'}, {"PS1-P2", "7F000002", '2'}});
     EXPECT_EQ(ran.One("AddPortW"), "0 50");
     EXPECT_EQ(ran.Log("AddPortW"), startup + "\n\nEntry LocalmonAddPort\n\nLeave LocalmonAddPort - not available\n\n");
-    EXPECT_EQ(ran.One("ConfigurePortW"), "0 50");
-    EXPECT_EQ(ran.Log("ConfigurePortW"),
-              startup + "\n\nEntry LocalmonConfigurePort\n\nLeave LocalmonConfigurePort - not available\n\n");
+    // Dialog 550 stands until kvtspool presses its default button, OK.
+    EXPECT_EQ(ran.All("dialog"), std::vector<std::string>{"Select Protocol"});
+    EXPECT_EQ(ran.Result("ConfigurePortW"), "1");
+    EXPECT_EQ(ran.Log("ConfigurePortW"), startup +
+                                             "\n\nEntry LocalmonConfigurePort\n\n"
+                                             "Name: NULL\t\n"
+                                             "PortName: PS1-P1 \n\n"
+                                             "\n\nEntry GetProtocol\n\n"
+                                             "Leave GetProtocol - protocol = 2\n\n"
+                                             "FindPortFromList ok\n\n"
+                                             "\n\nEntry GetPrintProtocol\n\n"
+                                             "Leave GetPrintProtocol - protocol = 2\n\n"
+                                             "PrintMethod = 2\n\n"
+                                             "IsNotify = 0\n\n"
+                                             "Leave LocalmonConfigurePort - success\n\n");
     EXPECT_EQ(ran.Result("DeletePortW"), "1");
     EXPECT_EQ(ran.Log("DeletePortW"), startup +
                                           "\n\nEntry LocalmonDeletePort\n\n"
@@ -684,6 +701,78 @@ TEST_F(UnderWine, AJobPrintedThroughWinesSpoolerReachesThePrintServer) {
     auto lines = LogLines(Log(), "Entry LocalmonStartDocPort", "JobID");
     EXPECT_EQ(lines, (std::vector<std::string>{"Entry LocalmonStartDocPort", "PrinterName: NULL",
                                                "JobID: 00000000 \t Level: 00000001"}));
+}
+
+// ---- windows on a display ----------------------------------------------------------------
+// Wine's X11 driver on a virtual display (Xvfb) of this test's own, instead of
+// the null driver of the other tests, which the fixture puts back.  With
+// "pause", kvtspool waits at each window (C:\\kvt-ready.txt names it) until the
+// screenshot is taken (C:\\kvt-go.txt).
+class OnADisplay : public UnderWine {
+protected:
+    void SetUp() override {
+        if (!*KVT_XVFB || !*KVT_XWD || !*KVT_CONVERT) {
+            ASSERT_EQ(std::getenv("KVT_REQUIRE_WINE"), nullptr) << "Xvfb, xwd or ImageMagick is missing";
+            GTEST_SKIP() << "Xvfb, xwd or ImageMagick is not installed: scripts/deps.sh --wine installs them";
+        }
+        UnderWine::SetUp();
+        std::string xvfb = std::string(KVT_XVFB) + " -displayfd 3 -screen 0 800x600x24 -nolisten tcp 3>" + Prefix() +
+                           "/display & echo $! >" + Prefix() + "/xvfb";
+        ASSERT_EQ(std::system(xvfb.c_str()), 0);
+        for (int i = 0; i < 200 && ReadFile(Prefix() + "/display").empty(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        gDisplay = ":" + std::to_string(std::atoi(ReadFile(Prefix() + "/display").c_str()));
+        Driver("x11");
+    }
+    void TearDown() override {
+        if (IsSkipped()) return;
+        Driver("null");
+        UnderWine::TearDown();
+        gDisplay.clear();
+        std::system(("kill $(cat " + Prefix() + "/xvfb); rm " + Prefix() + "/xvfb " + Prefix() + "/display").c_str());
+    }
+    // Wine's display driver; without a window manager Wine draws the title bars
+    // itself.  The server writes the registry out when it ends by itself.
+    void Driver(const char *name) {
+        for (auto [key, value, data] : {std::tuple{"Drivers", "Graphics", name}, {"X11 Driver", "Decorated", "N"}})
+            EXPECT_EQ(RunProgram({KVT_WINE, "reg", "add", std::string("HKCU\\Software\\Wine\\") + key, "/v", value, "/d",
+                                  data, "/f"}).status, 0);
+        RunProgram({KVT_WINESERVER, "-w"});
+    }
+    // Once kvtspool stands at the window, a PNG of it, cut from the display, in
+    // screenshots/ of the build tree; then kvtspool goes on.  False after 30 s.
+    bool Screenshot(const std::string &which, const std::string &title, const std::string &file) {
+        for (int i = 0; i < 600 && ReadFile(Prefix() + "/drive_c/kvt-ready.txt") != which; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::string shot = "mkdir -p " KVT_WINE_SCREENSHOTS " && export DISPLAY=" + gDisplay + " && set -- $(xwininfo -name '" +
+                           title + "' | awk '/Absolute upper-left|Width|Height/ {print $NF}') && " KVT_XWD
+                           " -root -silent | " KVT_CONVERT " xwd:- -crop $3x$4+$1+$2 +repage " KVT_WINE_SCREENSHOTS "/" + file;
+        bool taken = ReadFile(Prefix() + "/drive_c/kvt-ready.txt") == which && std::system(shot.c_str()) == 0;
+        WriteFile(Prefix() + "/drive_c/kvt-go.txt", "");
+        return taken;
+    }
+    static bool Stored(const Ran &ran, const std::string &value) {
+        auto values = ran.All("value");
+        return std::count(values.begin(), values.end(), value) == 1;
+    }
+};
+
+TEST_F(OnADisplay, ConfigurePortShowsDialog550AndStoresWhatAPersonChose) {
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=1", "notify=1", "port=PS1-P1,127.0.0.2,2,lp"}));
+    Ran ran;
+    // Typed past the box's limit: Windows' own edit box keeps to the monitor's 31 characters.
+    std::string typed = "raw-queue-name-typed-past-the-limit";
+    std::thread harness([&] { ran = Spool({"configure", "PS1-P1", "551", typed, "pause"}); });
+    EXPECT_TRUE(Screenshot("box", "DEBUG", "message-box.png"));
+    EXPECT_TRUE(Screenshot("dialog", "Select Protocol", "configure-port.png"));
+    harness.join();
+    EXPECT_EQ(ran.All("box"), std::vector<std::string>{"DEBUG | Starting DEBUG mode | no icon"}) << ran;
+    // TCP/IP checked, the transports the host lacks disabled, the queue name in its box.
+    EXPECT_EQ(ran.One("shown"), "551 552- 553x 554- 556x lp") << ran;
+    EXPECT_EQ(ran.Result("ConfigurePort"), "1") << ran;
+    EXPECT_TRUE(Stored(ran, "Ports\\PS1\\1 [ ] 3 00") && Stored(ran, " [IsNOTIFY] 3 01") &&
+                Stored(ran, "Ports\\PS1\\1 [QueueName] 1 " + Hex(Wide(typed.substr(0, 31)))))
+        << ran;
 }
 
 }  // namespace

@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# The screenshots of the README, in docs/screenshots/: `kvtmon configure` in an
+# xterm of 80x24 on a virtual X display, and the ones the Wine tests took of
+# KVT64.DLL's own windows (build/tests/windows/wine/screenshots/, left by
+# `make test`).  Needs Xvfb, xterm, xwd and ImageMagick (scripts/deps.sh --wine).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+out=docs/screenshots
+mkdir -p "$out"
+work=$(mktemp -d)
+exec 5>"$work/display"
+Xvfb -displayfd 5 -screen 0 1024x768x24 -nolisten tcp >/dev/null 2>&1 &
+xvfb=$!
+trap 'kill $xvfb 2>/dev/null; rm -rf "$work"' EXIT
+for _ in $(seq 50); do [ -s "$work/display" ] && break; sleep 0.1; done
+export DISPLAY=":$(cat "$work/display")" KVT_PREFIX="$work/prefix" KVT_TIMESCALE=0.001 LANG=C.UTF-8
+
+# A port PS1-P1 on TCP/IP with the queue "lp", and the notice on.
+build/bin/kvtmon init --notify >/dev/null
+scripts/privnet build/bin/kvtmon print PS1-P1 /dev/null --server 127.0.0.2 --queue lp --protocol 2 \
+    --quiet >/dev/null 2>&1 || true
+
+xterm -tn xterm-256color -geometry 80x24 -T kvtmon -fa Monospace -fs 11 -e build/bin/kvtmon configure PS1-P1 &
+term=$!
+sleep 2
+xwd -name kvtmon -silent | convert xwd:- "$out/configure-port-terminal.png"
+kill $term 2>/dev/null || true
+
+for shot in configure-port message-box; do
+    from=build/tests/windows/wine/screenshots/$shot.png
+    if [ -f "$from" ]; then cp "$from" "$out/$shot-wine.png"; else echo "no $from: run make test first" >&2; fi
+done
+ls -l "$out"

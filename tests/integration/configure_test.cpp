@@ -1,0 +1,107 @@
+// kvtmon configure as a user runs it: dialog 550 answered from the command
+// line, and in a terminal of 80x24 (tmux) with keys as a person types them.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "kvthost.h"
+#include "kvtmon_run.h"
+
+namespace {
+
+class KvtmonConfigure : public ::testing::Test {
+protected:
+    void SetUp() override {  // PS9-P1 on TCP/IP with the queue "lp", the notice off, a host without IPX
+        char dir[] = "/tmp/kvt-configure-XXXXXX";
+        dir_ = mkdtemp(dir);
+        ASSERT_EQ(Kvtmon({"init", "--transports", "tcpip"}).status, 0);
+        kvthost::SetPrefix(dir_ + "/prefix");
+        HKEY key;
+        RegCreateKeyW(HKEY_LOCAL_MACHINE, u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port"
+                                          u"\\Ports\\PS9\\1", &key);
+        RegSetValueExW(key, u" ", 0, REG_BINARY, reinterpret_cast<const BYTE *>("\2"), 1);
+        RegSetValueExW(key, u"QueueName", 0, REG_SZ, reinterpret_cast<const BYTE *>(u"lp"), 6);
+        RegCloseKey(key);
+    }
+    void TearDown() override {
+        Tmux("kill-server");
+        std::filesystem::remove_all(dir_);
+    }
+
+    kvttest::KvtmonRun Kvtmon(std::vector<std::string> args) { return kvttest::RunKvtmon(args, dir_, "0.01"); }
+    // A command of this test's own tmux server, and what it printed.
+    std::string Tmux(const std::string &command) {
+        std::system(("tmux -L kvt-" + std::to_string(getpid()) + " " + command + " >" + dir_ + "/tmux 2>&1").c_str());
+        return kvttest::Slurp(dir_ + "/tmux");
+    }
+    // A terminal of 80x24 running `kvtmon configure PS9-P1`, then saying how it ended.
+    void StartTerminal() {
+        const char *kvtmon = std::getenv("KVTMON") != nullptr ? std::getenv("KVTMON") : KVT_BIN_DIR "/kvtmon";
+        Tmux("-f /dev/null -u new-session -d -x 80 -y 24 'LANG=C.UTF-8 KVT_PREFIX=" + dir_ + "/prefix " + kvtmon +
+             " configure PS9-P1; echo EXIT=$?; sleep 60'");
+    }
+    // The screen once it shows the text; a failure after 20 seconds.
+    std::string WaitFor(const std::string &text) {
+        std::string screen;
+        for (int i = 0; i < 400 && (screen = Tmux("capture-pane -p")).find(text) == std::string::npos; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_NE(screen.find(text), std::string::npos) << text << " is not on\n" << screen;
+        return screen;
+    }
+
+    std::string dir_;
+};
+
+TEST_F(KvtmonConfigure, AnswersAreTypedIntoTheDialogAndWhatIsStoredIsShown) {
+    const std::string q31(31, 'q');
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::string out, err;  // out: what follows "PS9-P1: transport "; err: a part of it
+    } cases[] = {
+        {{"--protocol", "auto", "--queue", "raw", "--notify", "on"}, 0, "automatic (0), queue name \"raw\"", ""},
+        {{"--protocol", "ipx", "--queue", "none"}, 3, "", "this host does not offer IPX"},
+        {{"--queue", q31 + "qq"}, 0, "automatic (0), queue name \"" + q31 + "\"", "the name is cut"},
+        {{}, 2, "", "no terminal to show the dialog on"},
+    };
+    for (const auto &c : cases) {
+        std::vector<std::string> args = {"configure", "PS9-P1"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        kvttest::KvtmonRun run = Kvtmon(args);
+        EXPECT_EQ(run.status, c.status) << run.err;
+        EXPECT_EQ(run.out, c.out.empty() ? "" : "PS9-P1: transport " + c.out + ", notice after each job on\n");
+        EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
+    }
+    EXPECT_EQ(Kvtmon({"configure", "PS8-P1", "--notify", "on"}).err, "kvtmon: no port 'PS8-P1'\n");
+}
+
+TEST_F(KvtmonConfigure, APersonAtTheTerminalChoosesTypesAndPressesOK) {
+    ASSERT_EQ(Kvtmon({"init", "--debug"}).status, 0);  // the start-up box comes first, and waits
+    StartTerminal();
+    EXPECT_EQ(WaitFor("Starting DEBUG mode").find("Select Protocol"), std::string::npos);
+    Tmux("send-keys Enter");
+    std::string screen = WaitFor("Select Protocol");
+    for (const char *shown : {"(*) TCP/IP", "( ) IPX", "LPR Setting", "Queue Name", "lp______", "[ ] Notify", "< OK >"})
+        EXPECT_NE(screen.find(shown), std::string::npos) << shown << " is not on\n" << screen;
+    Tmux("send-keys Down");  // past the disabled NetBEUI, round to Auto
+    WaitFor("(*) Auto");
+    Tmux("send-keys Tab BSpace BSpace r a w Tab Space");
+    WaitFor("raw______");
+    Tmux("send-keys Enter");
+    screen = WaitFor("PS9-P1: transport automatic (0), queue name \"raw\", notice after each job on\nEXIT=0");
+    EXPECT_EQ(screen.find("Select Protocol"), std::string::npos) << "the terminal is given back";
+}
+
+TEST_F(KvtmonConfigure, CtrlCLeavesTheDialogAndStoresNothing) {
+    StartTerminal();
+    WaitFor("Select Protocol");
+    Tmux("send-keys Tab x y z C-c");
+    EXPECT_EQ(WaitFor("kvtmon: interrupted; nothing stored\nEXIT=130").find("Select Protocol"), std::string::npos);
+    EXPECT_EQ(Kvtmon({"configure", "PS9-P1", "--notify", "on"}).out,
+              "PS9-P1: transport TCP/IP (2), queue name \"lp\", notice after each job on\n");
+}
+
+}  // namespace
