@@ -69,4 +69,10 @@ BOOL IPXSearchTakeReply(const BYTE *pReply, int cb, const BYTE *senderNode);
 /* An EEPROM reply: TRUE when it is one, and record index is filled. */
 BOOL IPXTakeEEPROM(const BYTE *pReply, int cb, int index);
 
+/* ---- NetBIOS discovery (discovery/nbsearch.cpp) ---------------------------------------------- */
+/* The search over NetBIOS from WorkingNcb (NBStartup has succeeded): the query
+ * to the print servers' group, then the EEPROM image of each server found, read
+ * by its ".CFG" name.  Always TRUE. */
+BOOL NBSearch(void);
+
 #endif /* KVT_DISCOVERY_H */
