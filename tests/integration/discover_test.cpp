@@ -116,6 +116,25 @@ TEST_F(KvtmonDiscover, OverIpxTheNodeIsTheSendersAndNoQueueNamesAreRead) {
     EXPECT_EQ(emulator_.ManagementCounters("PS2").search, 0u) << "nothing over UDP";
 }
 
+// Over NetBIOS: the start-up, the query to the group four times, one read
+// of each server by its ".CFG" name; no queue names.
+TEST_F(KvtmonDiscover, OverNetbiosEachServerIsReadByItsCfgName) {
+    ASSERT_EQ(Kvtmon({"init"}).status, 0);
+    StartServers({Server("PS1", "127.0.0.2"), Server("PS2", "127.0.0.3")});
+    CommandRun json = Kvtmon({"discover", "--transport", "netbios", "--json"});
+    ASSERT_EQ(json.status, 0) << json.err;
+    EXPECT_NE(json.out.find("{\"name\": \"PS2\", \"address\": \"127.0.0.3\", \"ipAddress\": \"127.0.0.3\", "
+                            "\"node\": \"00-00-7F-00-00-03\", \"model\": 1, \"ports\": 1, \"flags\": 5, "
+                            "\"queues\": [\"\", \"\", \"\"], \"type\": 0, \"autoProtocol\": 1}"),
+              std::string::npos)
+        << json.out;
+    EXPECT_NE(json.out.find("\"name\": \"PS1\", \"address\": \"127.0.0.2\""), std::string::npos) << json.out;
+    for (const char *name : {"PS1", "PS2"}) {
+        const kvtps::NbCounters seen = emulator_.NetbiosCounters(name);
+        EXPECT_TRUE(seen.groupSearch >= 4 && seen.cfgReadEeprom == 1) << name << " " << seen.groupSearch;
+    }
+}
+
 TEST_F(KvtmonDiscover, WithDebugTheSearchIsInTheLog) {
     ASSERT_EQ(Kvtmon({"init"}).status, 0);
     StartServers({Server("PS1", "127.0.0.2")});

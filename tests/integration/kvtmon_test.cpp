@@ -100,7 +100,7 @@ TEST_F(KvtmonPrint, NonsenseOnTheCommandLineIsRefusedClearly) {
 
 // A port on IPX prints while the host offers IPX, and fails once init has
 // taken IPX away.
-TEST_F(KvtmonPrint, AJobGoesByIpxWhileInitOffersIt) {
+TEST_F(KvtmonPrint, AJobGoesByIpxOrNetbiosWhileInitOffersThem) {
     StartServer();
     ProgramRun run = Kvtmon({"PS9-P2", job_, "--server", "127.0.0.9", "--protocol", "1"});
     ASSERT_EQ(run.status, 0) << run.err;
@@ -109,6 +109,11 @@ TEST_F(KvtmonPrint, AJobGoesByIpxWhileInitOffersIt) {
     EXPECT_EQ(jobs[0].port, 2);
     EXPECT_EQ(jobs[0].data, Slurp(job_));
     EXPECT_EQ(emulator_.Counters("PS9").connectionsAccepted, 0u);
+    run = Kvtmon({"PS9-P3", job_, "--server", "127.0.0.9", "--protocol", "4"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    std::vector<kvtps::ChannelJob> nbJobs = emulator_.NetbiosJobs("PS9");
+    ASSERT_EQ(nbJobs.size(), 1u);
+    EXPECT_TRUE(nbJobs[0].port == 3 && nbJobs[0].data == Slurp(job_));
 
     ProgramRun init = Command({"init", "--transports", "tcpip"});
     ASSERT_EQ(init.status, 0) << init.err;
