@@ -88,10 +88,11 @@ private:
     std::vector<Arrival> list_;
 };
 
-// The keys that `kvtmon init --transports tcpip[,ipx]` writes, the monitor's
-// flags off (no log, no notice), and port PS1-P1 with the protocol given.
-inline bool WriteRegistry(BYTE protocol, bool ipx, std::string *error) {
-    kvtmon::SetNetworkComponents(kvtmon::kTransportTcpip | (ipx ? kvtmon::kTransportIpx : 0));
+// The keys that `kvtmon init --transports tcpip[,ipx][,netbios]` writes, the
+// monitor's flags off (no log, no notice), and port PS1-P1 with the protocol given.
+inline bool WriteRegistry(BYTE protocol, bool ipx, bool netbios, std::string *error) {
+    kvtmon::SetNetworkComponents(kvtmon::kTransportTcpip | (ipx ? kvtmon::kTransportIpx : 0) |
+                                 (netbios ? kvtmon::kTransportNetbios : 0));
     kvtmon::SetMonitorFlags(false, false);
     return kvtmon::MakePortKeys("PS1-P1", kServerAddressHost, protocol, std::nullopt, error);
 }
@@ -217,6 +218,7 @@ struct Comparison {
     uint64_t warmBuffers;   // the job that warms both up first, not counted
     BYTE protocol;          // PS1-P1's stored transport
     bool ipx;               // the host offers IPX too, and the job goes by acknowledged frames
+    bool netbios;           // the host offers NetBIOS too, and the job goes by acknowledged frames
     std::function<Run(uint64_t buffers, Arrivals &arrivals, size_t arrivalNumber)> plain;
 };
 
@@ -251,6 +253,8 @@ inline int Compare(int argc, char **argv, const Comparison &c) {
     kvtps::Emulator emulator;
     emulator.SetJobObserver([&](const kvtps::LprJob &job) { arrivals.Add(job.dataBytes, job.dataChecksum, job.complete); });
     emulator.SetIpxJobObserver([&](const kvtps::IpxJob &job) { arrivals.Add(job.dataBytes, job.dataChecksum, job.hungUp); });
+    emulator.SetNetbiosJobObserver(
+        [&](const kvtps::ChannelJob &job) { arrivals.Add(job.dataBytes, job.dataChecksum, job.hungUp); });
     kvtps::ServerConfig config;
     config.name = "PS1";
     config.address = kServerAddress;
@@ -258,7 +262,7 @@ inline int Compare(int argc, char **argv, const Comparison &c) {
     const MONITOR *m = nullptr;
     HANDLE port = nullptr;
     std::u16string portName = kPortName;
-    if (!prefix.Make(&error) || !WriteRegistry(c.protocol, c.ipx, &error) || !emulator.Start({config}, &error) ||
+    if (!prefix.Make(&error) || !WriteRegistry(c.protocol, c.ipx, c.netbios, &error) || !emulator.Start({config}, &error) ||
         (m = kvtmon::LoadMonitor(&error)) == nullptr || !m->pfnOpenPort(portName.data(), &port)) {
         std::fprintf(stderr, "%s: the set-up failed: %s\n", c.program, error.c_str());
         return 2;
@@ -280,7 +284,7 @@ inline int Compare(int argc, char **argv, const Comparison &c) {
         for (int k = 0; k < 2; ++k) {
             const int who = (k == 0) == (round % 2 == 1) ? 0 : 1;  // 0: the monitor
             runs[who] = who == 0 ? MonitorJob(m, port, static_cast<DWORD>(100 + round), jobBuffers, arrivals,
-                                              ++arrived, c.ipx)
+                                              ++arrived, c.ipx || c.netbios)
                                  : c.plain(jobBuffers, arrivals, ++arrived);
             const Arrival &a = runs[who].arrival;
             if (!runs[who].ok) {

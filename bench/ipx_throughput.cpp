@@ -105,5 +105,5 @@ Run PrintPlain(uint64_t buffers, Arrivals &arrivals, size_t arrivalNumber) {
 int main(int argc, char **argv) {
     return Compare(argc, argv, Comparison{"ipx_throughput", "plain UDP",
                                           "over IPX to kvtps at 127.0.0.2, 1000-byte frames, a socket a frame", 16, 16,
-                                          1 /* IPX */, true, PrintPlain});
+                                          1 /* IPX */, true, false, PrintPlain});
 }

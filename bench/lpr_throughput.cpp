@@ -113,5 +113,5 @@ Run PrintPlain(uint64_t buffers, Arrivals &arrivals, size_t arrivalNumber) {
 
 int main(int argc, char **argv) {
     return Compare(argc, argv, Comparison{"lpr_throughput", "plain TCP", "over LPR to kvtps at 127.0.0.2, 4096-byte sends",
-                                          256, 512, 2 /* TCP/IP */, false, PrintPlain});
+                                          256, 512, 2 /* TCP/IP */, false, false, PrintPlain});
 }

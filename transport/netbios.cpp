@@ -75,7 +75,12 @@ static BOOL Exchange(const NCB *pTemplate, const char *pName, const BYTE *pFrame
             ArmReceive(&receive, reply);
         }
         DWORD now = GetTickCount();
-        if (now - sent < NB_PERIOD_MS) continue;
+        if (now - sent < NB_PERIOD_MS) {
+            /* No pause: the processor goes to the thread that completes the
+             * receive, which on a small machine would otherwise wait for this one. */
+            Sleep(0);
+            continue;
+        }
         if (!SendFrame(&send, pName)) {
             /* No pass: the send goes again at once, up to the bound. */
             if (++refused > NB_REFUSED_RESENDS) break;
