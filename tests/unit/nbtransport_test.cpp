@@ -139,6 +139,32 @@ TEST_F(NbJob, AJobSendsFromItsPortsTemplateToTheServersNameCutTo16Bytes) {
     }
 }
 
+// Replies that come from another name, or after the frame has been sent
+// again, are taken all the same: the job arrives whole, each frame stored once.
+TEST_F(NbJob, RepliesLateOrFromAnotherNameCarryTheJobWhole) {
+    const struct {
+        int lateMs;
+        const char *replyName;
+    } cases[] = {{700, ""}, {0, "ELSEWHERE"}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.lateMs);
+        PINIPORT port = Start({"PS1"}, 0.05);
+        kvtps::NbFaults nb;
+        nb.lateMs = c.lateMs;
+        nb.replyName = c.replyName;
+        ASSERT_TRUE(emulator.SetNetbiosFaults("PS1", nb));
+        const std::string data(2500, 'x');
+        ASSERT_TRUE(StartDoc(port));
+        ASSERT_TRUE(WriteAll(port, data));
+        ASSERT_TRUE(LocalmonEndDocPort(port));
+        ASSERT_TRUE(Eventually([&] { return !emulator.NetbiosJobs("PS1").empty(); }));
+        const kvtps::ChannelJob job = emulator.NetbiosJobs("PS1").back();
+        EXPECT_TRUE(job.data == data && job.frames == 3 && job.hungUp);
+        EXPECT_EQ(job.duplicates > 0, c.lateMs > 0) << "a late reply, a frame sent again";
+        emulator.Stop();
+    }
+}
+
 // A job on an automatic port deleted while the print server is busy, or
 // during its write, ends without a fall-over, and only the write's channel
 // is hung up; the slice whose frame saw the deletion isn't counted.
