@@ -210,6 +210,51 @@ inline Run MonitorJob(const MONITOR *m, HANDLE port, DWORD jobId, uint64_t buffe
     return run;
 }
 
+// The plain sender's job over a print channel (IPX or NetBIOS): the connect,
+// the job in 1000-byte data frames and the hang-up, each frame sent by
+// exchange (the frame, its size, the reply's channel) until acknowledged;
+// timed from before start(), the carrier's own first step.
+using ChannelExchange = std::function<bool(const uint8_t *frame, size_t size, uint8_t *channel)>;
+inline Run PlainChannelJob(uint64_t buffers, Arrivals &arrivals, size_t arrivalNumber, const std::function<void()> &start,
+                           const ChannelExchange &connect, const ChannelExchange &exchange) {
+    constexpr size_t kFrame = 1000;
+    Run run;
+    Clock::time_point begin = Clock::now();
+    start();
+    uint8_t frame[12 + kFrame] = {0x50, 0x53, 0x00, 0x02, 0x01, 0xFF}, channel = 0;
+    if (!connect(frame, 12, &channel)) run.error = "the plain sender got no channel";
+    Clock::time_point dataStart = Clock::now();
+    frame[3] = 0x04;
+    frame[5] = channel;
+    std::vector<unsigned char> buffer(kSpoolBuffer);
+    uint32_t sequence = 0;
+    for (uint64_t n = 0; n < buffers && run.error.empty(); ++n) {
+        FillBuffer(buffer, n);
+        for (size_t at = 0; at < buffer.size() && run.error.empty(); at += kFrame, ++sequence) {
+            size_t payload = std::min(kFrame, buffer.size() - at);
+            std::memcpy(frame + 8, &sequence, 4);  // least significant byte first, as on this host
+            std::memcpy(frame + 12, buffer.data() + at, payload);
+            if (!exchange(frame, 12 + payload, &channel)) run.error = "a data frame was never acknowledged";
+        }
+    }
+    run.dataSeconds = Seconds(Clock::now() - dataStart);
+    frame[3] = 0x08;
+    std::memset(frame + 8, 0, 4);
+    if (run.error.empty() && !exchange(frame, 12, &channel)) run.error = "the hang-up was never acknowledged";
+    if (run.error.empty() && !arrivals.WaitFor(arrivalNumber, kStallMs, &run.arrival))
+        run.error = "the print server never saw the job end";
+    run.seconds = Seconds(run.arrival.at - begin);
+    run.ok = run.error.empty();
+    return run;
+}
+
+// An acknowledgement of the frame: a connect's with a channel, a data
+// frame's or hang-up's with its Sequence.
+inline bool Acknowledges(const uint8_t *frame, const uint8_t *reply, size_t size) {
+    return size == 12 && reply[2] == 0x80 && reply[3] == frame[3] &&
+           (frame[3] == 2 ? reply[5] != 0 : std::memcmp(reply + 8, frame + 8, 4) == 0);
+}
+
 struct Comparison {
     const char *program;  // its name, in its messages
     const char *plainName;  // the plain sender's name in the output

@@ -25,7 +25,6 @@ namespace {
 
 using namespace bench;
 
-constexpr size_t kFrame = 1000;      // payload of a data frame
 constexpr int kSends = 21;           // a frame and its 20 resends
 constexpr int kWaitMs = 500;         // for a reply, per send
 constexpr int kSearchSilenceMs = 500;
@@ -61,8 +60,7 @@ bool Exchange(uint16_t ipxSocket, const uint8_t *frame, size_t size, uint8_t *ch
     for (int send = 0; send < kSends && !ok; ++send) {
         sendto(fd, frame, size, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
         for (pollfd p{fd, POLLIN, 0}; !ok && poll(&p, 1, kWaitMs) == 1;)
-            ok = recv(fd, reply, sizeof reply, 0) == 12 && reply[2] == 0x80 && reply[3] == frame[3] &&
-                 (frame[3] == 2 ? reply[5] != 0 : std::memcmp(reply + 8, frame + 8, 4) == 0);
+            ok = Acknowledges(frame, reply, static_cast<size_t>(recv(fd, reply, sizeof reply, 0)));
     }
     close(fd);
     *channel = reply[5];
@@ -70,34 +68,9 @@ bool Exchange(uint16_t ipxSocket, const uint8_t *frame, size_t size, uint8_t *ch
 }
 
 Run PrintPlain(uint64_t buffers, Arrivals &arrivals, size_t arrivalNumber) {
-    Run run;
-    Clock::time_point start = Clock::now();
-    Search();
-    uint8_t frame[12 + kFrame] = {0x50, 0x53, 0x00, 0x02, 0x01, 0xFF}, channel = 0;
-    if (!Exchange(0x3030, frame, 12, &channel)) run.error = "the plain sender got no channel";
-    Clock::time_point dataStart = Clock::now();
-    frame[3] = 0x04;
-    frame[5] = channel;
-    std::vector<unsigned char> buffer(kSpoolBuffer);
-    uint32_t sequence = 0;
-    for (uint64_t n = 0; n < buffers && run.error.empty(); ++n) {
-        FillBuffer(buffer, n);
-        for (size_t at = 0; at < buffer.size() && run.error.empty(); at += kFrame, ++sequence) {
-            size_t payload = std::min(kFrame, buffer.size() - at);
-            std::memcpy(frame + 8, &sequence, 4);  // least significant byte first, as on this host
-            std::memcpy(frame + 12, buffer.data() + at, payload);
-            if (!Exchange(0x3131, frame, 12 + payload, &channel)) run.error = "a data frame was never acknowledged";
-        }
-    }
-    run.dataSeconds = Seconds(Clock::now() - dataStart);
-    frame[3] = 0x08;
-    std::memset(frame + 8, 0, 4);
-    if (run.error.empty() && !Exchange(0x3131, frame, 12, &channel)) run.error = "the hang-up was never acknowledged";
-    if (run.error.empty() && !arrivals.WaitFor(arrivalNumber, kStallMs, &run.arrival))
-        run.error = "the print server never saw the job end";
-    run.seconds = Seconds(run.arrival.at - start);
-    run.ok = run.error.empty();
-    return run;
+    using namespace std::placeholders;
+    return PlainChannelJob(buffers, arrivals, arrivalNumber, Search, std::bind(Exchange, 0x3030, _1, _2, _3),
+                           std::bind(Exchange, 0x3131, _1, _2, _3));
 }
 
 }  // namespace

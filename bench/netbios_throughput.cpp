@@ -25,7 +25,6 @@ namespace {
 
 using namespace bench;
 
-constexpr size_t kFrame = 1000;  // payload of a data frame
 constexpr int kSends = 21;       // a frame and its 20 resends
 constexpr int kWaitMs = 500;     // for a reply, per send
 
@@ -74,11 +73,7 @@ public:
                 if (n <= 0 || !kvtnb::DecodeDatagram(packet, static_cast<size_t>(n), &d) || d.destination != me_)
                     continue;  // its own broadcasts, and anyone else's
                 const auto *reply = reinterpret_cast<const uint8_t *>(d.data.data());
-                if (d.data.size() == 12 && reply[2] == 0x80 && reply[3] == frame[3] &&
-                    (frame[3] == 2 ? reply[5] != 0 : std::memcmp(reply + 8, frame + 8, 4) == 0)) {
-                    *channel = reply[5];
-                    return true;
-                }
+                if (Acknowledges(frame, reply, d.data.size())) return *channel = reply[5], true;
             }
         }
         return false;
@@ -92,36 +87,13 @@ private:
 };
 
 Run PrintPlain(uint64_t buffers, Arrivals &arrivals, size_t arrivalNumber) {
-    Run run;
-    Clock::time_point start = Clock::now();
     Sender sender;
-    if (!sender.ok()) run.error = "the plain sender could not bind UDP port 138";
-    uint8_t frame[12 + kFrame] = {0x50, 0x53, 0x00, 0x02, 0x01, 0xFF}, channel = 0;
-    sender.Send("TEST", frame, 12);
-    if (run.error.empty() && !sender.Exchange(frame, 12, &channel)) run.error = "the plain sender got no channel";
-    Clock::time_point dataStart = Clock::now();
-    frame[3] = 0x04;
-    frame[5] = channel;
-    std::vector<unsigned char> buffer(kSpoolBuffer);
-    uint32_t sequence = 0;
-    for (uint64_t n = 0; n < buffers && run.error.empty(); ++n) {
-        FillBuffer(buffer, n);
-        for (size_t at = 0; at < buffer.size() && run.error.empty(); at += kFrame, ++sequence) {
-            size_t payload = std::min(kFrame, buffer.size() - at);
-            std::memcpy(frame + 8, &sequence, 4);  // least significant byte first, as on this host
-            std::memcpy(frame + 12, buffer.data() + at, payload);
-            if (!sender.Exchange(frame, 12 + payload, &channel)) run.error = "a data frame was never acknowledged";
-        }
-    }
-    run.dataSeconds = Seconds(Clock::now() - dataStart);
-    frame[3] = 0x08;
-    std::memset(frame + 8, 0, 4);
-    if (run.error.empty() && !sender.Exchange(frame, 12, &channel)) run.error = "the hang-up was never acknowledged";
-    if (run.error.empty() && !arrivals.WaitFor(arrivalNumber, kStallMs, &run.arrival))
-        run.error = "the print server never saw the job end";
-    run.seconds = Seconds(run.arrival.at - start);
-    run.ok = run.error.empty();
-    return run;
+    auto exchange = [&](const uint8_t *frame, size_t size, uint8_t *channel) {
+        return sender.ok() && sender.Exchange(frame, size, channel);
+    };
+    const uint8_t test[12] = {0x50, 0x53};
+    return PlainChannelJob(buffers, arrivals, arrivalNumber, [&] { sender.Send("TEST", test, 12); }, exchange,
+                           exchange);
 }
 
 }  // namespace

@@ -116,22 +116,46 @@ TEST_F(KvtmonDiscover, OverIpxTheNodeIsTheSendersAndNoQueueNamesAreRead) {
     EXPECT_EQ(emulator_.ManagementCounters("PS2").search, 0u) << "nothing over UDP";
 }
 
-// Over NetBIOS: the start-up, the query to the group four times, one read
-// of each server by its ".CFG" name; no queue names.
-TEST_F(KvtmonDiscover, OverNetbiosEachServerIsReadByItsCfgName) {
+// Over NetBIOS, after the start-up (one query to the group, answered at
+// once): the query to the group four times; each
+// server listed once, whether it answers on time, late, from another name or
+// on the group only, and read by its ".CFG" name (of a short name of 8, 6 or
+// 0 bytes), five times more when the read goes unanswered; no queue names.
+TEST_F(KvtmonDiscover, OverNetbiosEachServerIsListedOnceAndReadByItsCfgName) {
     ASSERT_EQ(Kvtmon({"init"}).status, 0);
-    StartServers({Server("PS1", "127.0.0.2"), Server("PS2", "127.0.0.3")});
+    const struct {
+        const char *name, *shortName, *replyName;
+        int lateMs;  // after the first period of 50 ms
+        bool groupOnly;
+        uint64_t minReads, maxReads;
+    } cases[] = {{"PS8", "ABCDEFGH", "", 0, false, 1, 1},
+                 {"PS6", "ABCDEF", "", 75, false, 2, 3},
+                 {"PS0", "", "ELSEWHERE", 0, false, 1, 1},
+                 {"PSG", "PSG", "", 0, true, 6, 6}};
+    std::vector<kvtps::ServerConfig> configs;
+    for (const auto &c : cases) {
+        configs.push_back(Server(c.name, "127.0.0." + std::to_string(2 + configs.size())));
+        configs.back().shortName = *c.shortName ? c.shortName : std::string(1, '\0');
+        configs.back().netbios.replyName = c.replyName;
+        configs.back().netbios.lateMs = c.lateMs;
+        configs.back().netbios.groupOnly = c.groupOnly;
+    }
+    StartServers(configs);
     CommandRun json = Kvtmon({"discover", "--transport", "netbios", "--json"});
     ASSERT_EQ(json.status, 0) << json.err;
-    EXPECT_NE(json.out.find("{\"name\": \"PS2\", \"address\": \"127.0.0.3\", \"ipAddress\": \"127.0.0.3\", "
-                            "\"node\": \"00-00-7F-00-00-03\", \"model\": 1, \"ports\": 1, \"flags\": 5, "
+    EXPECT_NE(json.out.find("{\"name\": \"PS8\", \"address\": \"127.0.0.2\", \"ipAddress\": \"127.0.0.2\", "
+                            "\"node\": \"00-00-7F-00-00-02\", \"model\": 1, \"ports\": 1, \"flags\": 5, "
                             "\"queues\": [\"\", \"\", \"\"], \"type\": 0, \"autoProtocol\": 1}"),
               std::string::npos)
         << json.out;
-    EXPECT_NE(json.out.find("\"name\": \"PS1\", \"address\": \"127.0.0.2\""), std::string::npos) << json.out;
-    for (const char *name : {"PS1", "PS2"}) {
-        const kvtps::NbCounters seen = emulator_.NetbiosCounters(name);
-        EXPECT_TRUE(seen.groupSearch >= 4 && seen.cfgReadEeprom == 1) << name << " " << seen.groupSearch;
+    for (const auto &c : cases) {
+        const kvtps::NbCounters seen = emulator_.NetbiosCounters(c.name);
+        EXPECT_TRUE(seen.groupSearch == 1 + 4 && seen.cfgReadEeprom >= c.minReads && seen.cfgReadEeprom <= c.maxReads)
+            << c.name << ": " << seen.groupSearch << " searches, " << seen.cfgReadEeprom << " reads";
+        const bool read = c.maxReads < 6;
+        EXPECT_EQ(json.out.find(std::string("\"name\": \"") + c.name + "\", \"address\": \"" +
+                                (read ? "127.0.0." : "TCP/IP Disabled")) != std::string::npos, true)
+            << c.name << json.out;
     }
 }
 
