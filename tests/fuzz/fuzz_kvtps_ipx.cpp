@@ -2,28 +2,12 @@
 // others), then datagrams from the input to the sockets of a print server
 // with the faults that line set, taken as its thread takes them.  A job holds
 // the frames it stored in turn, and the counters add up.
-#include <cstdint>
-#include <cstdlib>
-#include <string>
-#include <vector>
-
+#include "fuzz_kvtps.h"
 #include "ipx_server.h"
-#include "kvtps_program.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    // Up to the first byte 0xFF: the arguments, split at zero bytes.
     size_t at = 0;
-    std::vector<std::string> args = {"--server", "PS1@127.0.0.2", ""};
-    for (; at < size && data[at] != 0xFF; ++at) {
-        if (data[at] == 0) args.emplace_back();
-        else args.back().push_back(static_cast<char>(data[at]));
-    }
-    kvtps::ProgramOptions options;
-    std::string error;
-    kvtps::ServerConfig config;
-    if (kvtps::ParseCommandLine(args, &options, &error) && kvtps::ValidateIpxFaults(options.servers[0].ipxFaults, &error))
-        config = options.servers[0];
-    config.name = "PS1";
+    kvtps::ServerConfig config = kvtfuzz::ServerFromArgs(data, size, &at);
     config.ipxFaults.delayMs = 0;  // a reply is sent at once (nowhere: the sockets aren't open)
 
     // Then datagrams: a byte naming the socket, two of length, the bytes.
@@ -33,14 +17,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         server.Take("PS1", data[at] % 5, data + at + 3, length);
         at += 3 + length;
     }
-    const kvtps::IpxCounters seen = server.Counters("PS1");
-    uint64_t frames = 0;
-    for (const kvtps::IpxJob &job : server.Jobs("PS1")) {
-        if (job.channel < 1 || job.channel > 254 || job.port < 1 || job.port > 3) std::abort();  // out of range
-        if (config.storeData && job.data.size() != job.dataBytes) std::abort();  // stored bytes not counted
-        frames += job.frames;
-    }
-    if (frames + seen.duplicates + seen.droppedFrames > seen.dataFrames) std::abort();  // frames that never came
-    if (seen.busyAnswers > seen.connects) std::abort();  // busy answers without connects
+    kvtfuzz::CheckChannel(server.Jobs("PS1"), server.Counters("PS1"), config.storeData);
     return 0;
 }
