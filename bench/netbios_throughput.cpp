@@ -28,72 +28,54 @@ using namespace bench;
 constexpr int kSends = 21;       // a frame and its 20 resends
 constexpr int kWaitMs = 500;     // for a reply, per send
 
-// ---- the plain sender: one POSIX UDP socket on port 138 ------------------------------------------
+// ---- the plain sender: one POSIX UDP socket on port 138, beside the monitor's ---------------------
 
-class Sender {
-public:
-    Sender() {
-        int on = 1;
-        fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        setsockopt(fd_, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
-        setsockopt(fd_, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
-        sockaddr_in any{};
-        any.sin_family = AF_INET;
-        any.sin_port = htons(kvtnb::kDatagramPort);
-        ok_ = bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any) == 0;
-    }
-    ~Sender() { close(fd_); }
-    bool ok() const { return ok_; }
+const kvtnb::Name kMe = kvtnb::MakeName("PLAIN.E1");
 
-    void Send(const std::string &to, const uint8_t *data, size_t size) {
-        kvtnb::Datagram d;
-        d.type = kvtnb::DatagramType::DirectUnique;
-        d.id = ++id_;
-        d.sourceIp = 0x7F000001;
-        d.source = me_;
-        d.destination = kvtnb::MakeName(to);
-        d.data.assign(reinterpret_cast<const char *>(data), size);
-        const std::string packet = kvtnb::EncodeDatagram(d);
-        sockaddr_in all{};
-        all.sin_family = AF_INET;
-        all.sin_port = htons(kvtnb::kDatagramPort);
-        all.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-        sendto(fd_, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&all), sizeof all);
-    }
+int Bind() {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), on = 1;
+    for (int option : {SO_REUSEADDR, SO_REUSEPORT, SO_BROADCAST}) setsockopt(fd, SOL_SOCKET, option, &on, sizeof on);
+    sockaddr_in any{AF_INET, htons(kvtnb::kDatagramPort), {}, {}};
+    return bind(fd, reinterpret_cast<sockaddr *>(&any), sizeof any) == 0 ? fd : (close(fd), -1);
+}
 
-    // One frame to PS1 until it is acknowledged; the reply's channel for a connect.
-    bool Exchange(const uint8_t *frame, size_t size, uint8_t *channel) {
-        uint8_t packet[2048];
-        for (int send = 0; send < kSends; ++send) {
-            Send("PS1", frame, size);
-            for (pollfd p{fd_, POLLIN, 0}; poll(&p, 1, kWaitMs) == 1;) {
-                ssize_t n = recv(fd_, packet, sizeof packet, 0);
-                kvtnb::Datagram d;
-                if (n <= 0 || !kvtnb::DecodeDatagram(packet, static_cast<size_t>(n), &d) || d.destination != me_)
-                    continue;  // its own broadcasts, and anyone else's
-                const auto *reply = reinterpret_cast<const uint8_t *>(d.data.data());
-                if (Acknowledges(frame, reply, d.data.size())) return *channel = reply[5], true;
-            }
+// A datagram from kMe to the name, broadcast as a B node sends it.
+void Send(int fd, const char *to, const uint8_t *data, size_t size) {
+    kvtnb::Datagram d;
+    d.sourceIp = 0x7F000001;
+    d.source = kMe;
+    d.destination = kvtnb::MakeName(to);
+    d.data.assign(reinterpret_cast<const char *>(data), size);
+    const std::string packet = kvtnb::EncodeDatagram(d);
+    sockaddr_in all{AF_INET, htons(kvtnb::kDatagramPort), {htonl(INADDR_BROADCAST)}, {}};
+    sendto(fd, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&all), sizeof all);
+}
+
+// One frame to PS1 until an acknowledgement comes to kMe; the reply's channel for a connect.
+bool Exchange(int fd, const uint8_t *frame, size_t size, uint8_t *channel) {
+    uint8_t packet[2048];
+    for (int send = 0; send < kSends && fd >= 0; ++send) {
+        Send(fd, "PS1", frame, size);
+        for (pollfd p{fd, POLLIN, 0}; poll(&p, 1, kWaitMs) == 1;) {
+            ssize_t n = recv(fd, packet, sizeof packet, 0);
+            kvtnb::Datagram d;  // its own broadcasts, and anyone else's, are not for kMe
+            if (n > 0 && kvtnb::DecodeDatagram(packet, static_cast<size_t>(n), &d) && d.destination == kMe &&
+                Acknowledges(frame, reinterpret_cast<const uint8_t *>(d.data.data()), d.data.size()))
+                return *channel = static_cast<uint8_t>(d.data[5]), true;
         }
-        return false;
     }
-
-private:
-    int fd_ = -1;
-    bool ok_ = false;
-    uint16_t id_ = 0;
-    kvtnb::Name me_ = kvtnb::MakeName("PLAIN.E1");
-};
+    return false;
+}
 
 Run PrintPlain(uint64_t buffers, Arrivals &arrivals, size_t arrivalNumber) {
-    Sender sender;
-    auto exchange = [&](const uint8_t *frame, size_t size, uint8_t *channel) {
-        return sender.ok() && sender.Exchange(frame, size, channel);
-    };
+    using namespace std::placeholders;
+    const int fd = Bind();
     const uint8_t test[12] = {0x50, 0x53};
-    return PlainChannelJob(buffers, arrivals, arrivalNumber, [&] { sender.Send("TEST", test, 12); }, exchange,
-                           exchange);
+    Run run = PlainChannelJob(
+        buffers, arrivals, arrivalNumber, [&] { Send(fd, "TEST", test, 12); }, std::bind(Exchange, fd, _1, _2, _3),
+        std::bind(Exchange, fd, _1, _2, _3));
+    close(fd);
+    return run;
 }
 
 }  // namespace

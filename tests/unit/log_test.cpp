@@ -199,29 +199,6 @@ std::string JobStartOnAnIpxHost(char protocol) {
     return text;
 }
 
-TEST_F(JobTest, TheLogOfAJobOverIpxAndOfOneThatFallsOverToIpxIsTheWholePath) {
-    kvtps::LprFaults faults;
-    faults.nakAtStep = 1;  // an automatic port falls over from TCP/IP to IPX
-    for (char protocol : {'1', '0'}) {
-        SCOPED_TRACE(protocol);
-        PINIPORT port = StartPort(kvttest::HostOptions{true, true}, static_cast<uint8_t>(protocol - '0'), u"lp");
-        StartServer(faults);
-        HANDLE handle;
-        ASSERT_TRUE(LocalmonOpenPort(const_cast<LPWSTR>(u"PS1-P1"), &handle));
-        ASSERT_TRUE(StartDoc(port));
-        ASSERT_TRUE(WriteAll(port, "data"));
-        ASSERT_TRUE(LocalmonEndDocPort(port));
-        std::string start = JobStartOnAnIpxHost(protocol);
-        EXPECT_EQ(ReadLog(), (protocol == '1' ? start.substr(0, start.find("Printing use TCPIP"))
-                                              : start + "Leave LprHandshake - acknowledgement is not 0\n\n"
-                                                        "Entry LprOpenFile() error 6\n\n"
-                                                        "LprOpenFile fail\n\n"
-                                                        "Try IPX protocol\n\n") +
-                                 kIpxJob);
-        emulator.Stop();
-    }
-}
-
 // ---- over NetBIOS, on a host with all three transports ---------------------------------
 
 // A port that may go by NetBIOS brings the monitor's names up before the busy test.
@@ -239,18 +216,31 @@ const char kNbJob[] =
     "Leave LocalmonWritePort - (return = TRUE)\n\n\n\nEntry LocalmonEndDocPort (status = 00000001)\n\n"
     "Protocol = NETBIOS , call NBHangup\n\nReset Status and PrinterStatus to 0\n\nLeave LocalmonEndDocPort - success\n\n";
 
-TEST_F(JobTest, TheLogOfAJobOverNetbiosAndOfOneThatFallsOverThroughAllThreeIsTheWholePath) {
-    kvtps::LprFaults faults;
-    faults.nakAtStep = 1;  // an automatic port falls over from TCP/IP, then from IPX, where PS1 isn't
-    for (char protocol : {'4', '0'}) {
-        SCOPED_TRACE(protocol);
-        PINIPORT port = StartPort(kvttest::HostOptions{true, true, true, true, 0, true, 0.1},
-                                  static_cast<uint8_t>(protocol - '0'), u"lp");
+// A port fixed to IPX or NetBIOS, and an automatic one whose job falls over
+// from TCP/IP (PS1 refuses LPR) to IPX, or on through IPX (PS1 isn't there)
+// to NetBIOS.
+TEST_F(JobTest, TheLogOfAChannelJobAndOfOneThatFallsOverToItIsTheWholePath) {
+    const std::string lprFails = "Leave LprHandshake - acknowledgement is not 0\n\nEntry LprOpenFile() error 6\n\n"
+                                 "LprOpenFile fail\n\n";
+    const std::string ipxFails = "Try IPX protocol\n\nPrinting use IPX\n\nIPXConnect port 1\n\n"
+                                 "PrintServer no response , sleep 500 ms\n\nConnect fail\n\n";
+    const struct {
+        char protocol;
+        bool netbios;  // the host offers it, and PS1 isn't on IPX
+        std::string fallOver, job;
+    } cases[] = {{'1', false, "", kIpxJob},
+                 {'0', false, lprFails + "Try IPX protocol\n\n", kIpxJob},
+                 {'4', true, "", kNbJob},
+                 {'0', true, lprFails + ipxFails + "Try NETBIOS protocol\n\n", kNbJob}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.protocol);
+        PINIPORT port = StartPort(kvttest::HostOptions{true, true, c.netbios, true, 0, true, 0.1},
+                                  static_cast<uint8_t>(c.protocol - '0'), u"lp");
         kvtps::ServerConfig config;
         config.name = "PS1";
         config.address = "127.0.0.2";
-        config.lpr = faults;
-        config.ipx = false;
+        config.lpr.nakAtStep = 1;
+        config.ipx = !c.netbios;
         std::string error;
         ASSERT_TRUE(emulator.Start({config}, &error)) << error;
         HANDLE handle;
@@ -258,22 +248,17 @@ TEST_F(JobTest, TheLogOfAJobOverNetbiosAndOfOneThatFallsOverThroughAllThreeIsThe
         ASSERT_TRUE(StartDoc(port));
         ASSERT_TRUE(WriteAll(port, "data"));
         ASSERT_TRUE(LocalmonEndDocPort(port));
-        std::string start = JobStartOnAnIpxHost(protocol);
+        std::string start = JobStartOnAnIpxHost(c.protocol);
         const std::string changes[][2] = {{"protocol = 3", "protocol = 7"},
                                           {"Get protocol: 03", "Get protocol: 07"},
                                           {" [IPX]\n", " [IPX]\n [NETBIOS]\n"},
                                           {"Status = 00000000", std::string(kNbStartUp) + "Status = 00000000"}};
         for (const auto &change : changes)
-            for (size_t at = 0; (at = start.find(change[0], at)) != std::string::npos; at += change[1].size())
+            for (size_t at = 0; c.netbios && (at = start.find(change[0], at)) != std::string::npos;
+                 at += change[1].size())
                 start.replace(at, change[0].size(), change[1]);
-        EXPECT_EQ(ReadLog(), (protocol == '4' ? start.substr(0, start.find("Printing use TCPIP"))
-                                              : start + "Leave LprHandshake - acknowledgement is not 0\n\n"
-                                                        "Entry LprOpenFile() error 6\n\n"
-                                                        "LprOpenFile fail\n\n"
-                                                        "Try IPX protocol\n\nPrinting use IPX\n\nIPXConnect port 1\n\n"
-                                                        "PrintServer no response , sleep 500 ms\n\nConnect fail\n\n"
-                                                        "Try NETBIOS protocol\n\n") +
-                                 kNbJob);
+        EXPECT_EQ(ReadLog(), (c.fallOver.empty() ? start.substr(0, start.find("Printing use TCPIP")) : start) +
+                                 c.fallOver + c.job);
         emulator.Stop();
     }
 }

@@ -1,10 +1,14 @@
 // The NetBIOS transport against PS1 of kvtps on a host with NetBIOS alone:
 // the exchange of one frame (a reply at once, silence, busy then silence,
 // refused sends), the templates and names a job sends from and to, and
-// deletions during its connect and write.
+// deletions during its connect and write; and the NetBIOS search's EEPROM read
+// (the search against servers of every kind: integration_tests
+// KvtmonDiscover.OverNetbios...).
 #include <gtest/gtest.h>
 
+#include "availps.h"
 #include "channel.h"
+#include "discovery.h"
 #include "discovery_fixture.h"
 #include "job_fixture.h"
 #include "nbstartup.h"
@@ -183,6 +187,30 @@ TEST_F(NbJob, DeletionDuringTheConnectAndTheWrite) {
         kvthost::SetGetJobHook(nullptr);
         emulator.Stop();
     }
+}
+
+// A search reply that reaches the read's receive first fails its test; the
+// try sends again, and the image comes with the next.
+TEST_F(NbJob, ASearchReplyDuringTheEepromReadCostsOneTry) {
+    Start({"PS1"}, 0.5);
+    std::string searchReply = std::string("PS\x80\x00\x01\x04", 6) + std::string(68, '\0');
+    searchReply.replace(16, 5, "OTHER");
+    kvthost::SetNetbiosHook([&, sent = std::make_shared<bool>(false)](const NCB &ncb) -> uint8_t {
+        if (ncb.ncb_command == NCBDGSEND && Text(ncb.ncb_callname, NCBNAMSZ) == "PS1.CFG         " &&
+            !std::exchange(*sent, true)) {
+            nbtest::Send(nbtest::Add("STRANGER"), Text(ncb.ncb_name, NCBNAMSZ), searchReply);
+            EXPECT_TRUE(nbtest::Soon([] { return kvthost::NetbiosPendingReceives() == 0; }));
+        }
+        return NRC_GOODRET;
+    });
+    TotalPrintServer = 0;
+    EXPECT_TRUE(NBSearch());
+    kvthost::SetNetbiosHook(nullptr);
+    ASSERT_EQ(TotalPrintServer, 1) << "a reply to the search that comes during the read isn't listed";
+    EXPECT_EQ(emulator.NetbiosCounters("PS1").cfgReadEeprom, 2u);
+    const BYTE node[6] = {0, 0, 0x7F, 0, 0, 2};
+    EXPECT_EQ(std::memcmp(AvailPS[0].NodeID, node, 6), 0);
+    EXPECT_EQ(kvthost::NetbiosPendingReceives(), 0u);
 }
 
 }  // namespace
