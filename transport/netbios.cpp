@@ -148,12 +148,13 @@ static void TakeTemplate(BYTE port, NCB *pOut) {
     LeaveCriticalSection(&NBStartupLock);
 }
 
+/* Each connect takes the template afresh into NcbCopy and sends from it, so
+ * that the job's later frames go from the very name its channel was opened
+ * from. */
 static BYTE NbConnectOp(PINIPORT pIniPort, BYTE port) {
-    char name[NB_SERVER_NAME_BYTES];
-    NCB portTemplate;
-    ServerNameOf(pIniPort, name);
-    TakeTemplate(port, &portTemplate);
-    return NBConnect(&portTemplate, name, port);
+    ServerNameOf(pIniPort, pIniPort->ServerName);
+    TakeTemplate(port, &pIniPort->NcbCopy);
+    return NBConnect(&pIniPort->NcbCopy, pIniPort->ServerName, port);
 }
 
 static BOOL NbSendDataOp(PINIPORT pIniPort, DWORD sequence, const BYTE *pData, DWORD cbData) {
@@ -190,12 +191,7 @@ JobStartResult NBJobStart(PINIPORT pIniPort, BYTE *pConnectOutcome) {
     }
     DebugLog("call CheckNETBIOS\n");
     CheckNETBIOS();
-    JobStartResult result = ChannelJobStart(pIniPort, &NetbiosChannel, pConnectOutcome);
-    if (result == JOB_STARTED) {
-        ServerNameOf(pIniPort, pIniPort->ServerName);
-        TakeTemplate(pIniPort->ChannelPort, &pIniPort->NcbCopy);
-    }
-    return result;
+    return ChannelJobStart(pIniPort, &NetbiosChannel, pConnectOutcome);
 }
 
 WriteResult NBWrite(PINIPORT pIniPort, LPBYTE pBuffer, DWORD cbBuf, LPDWORD pcbWritten) {
