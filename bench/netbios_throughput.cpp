@@ -41,7 +41,9 @@ int Bind() {
 
 // A datagram from kMe to the name, broadcast as a B node sends it.
 void Send(int fd, const char *to, const uint8_t *data, size_t size) {
+    static uint16_t id = 0;
     kvtnb::Datagram d;
+    d.id = ++id;
     d.sourceIp = 0x7F000001;
     d.source = kMe;
     d.destination = kvtnb::MakeName(to);
