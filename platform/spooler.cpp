@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -28,7 +29,10 @@ std::recursive_mutex gMutex;
 std::vector<Printer> gPrinters;
 std::vector<kvthost::JobSpec> gJobs;
 std::set<PrinterHandle *> gHandles;
-std::vector<kvthost::SpoolerCall> gCalls;
+// The most recent calls: a channel job makes a deletion test per frame, so a
+// long-running host keeps the last ones only.
+constexpr size_t kCallsKept = 4096;
+std::deque<kvthost::SpoolerCall> gCalls;
 std::function<void(const char *, DWORD, int)> gHook;
 int gHookCalls = 0;
 
@@ -45,6 +49,7 @@ PrinterHandle *Resolve(HANDLE h) {
 
 void Record(const char *fn, DWORD jobId, DWORD level, DWORD command, bool result) {
     gCalls.push_back({fn, jobId, level, command, result});
+    if (gCalls.size() > kCallsKept) gCalls.pop_front();
 }
 
 // Runs the test's hook, if any, without the table's lock, so that the hook may
@@ -219,7 +224,7 @@ void ResetSpooler() {
 
 std::vector<SpoolerCall> SpoolerCalls() {
     std::lock_guard<std::recursive_mutex> lock(gMutex);
-    return gCalls;
+    return {gCalls.begin(), gCalls.end()};
 }
 
 int OpenPrinterHandles() {

@@ -95,7 +95,7 @@ struct SpoolerCall {
     DWORD command = 0;
     bool result = false;
 };
-std::vector<SpoolerCall> SpoolerCalls();
+std::vector<SpoolerCall> SpoolerCalls();  // the last 4096, oldest first
 int OpenPrinterHandles();  // handles opened and not yet closed
 // Runs at each GetJobW on a job, before the record is read: lets a test delete
 // a job at a chosen moment, as a user would.
