@@ -117,9 +117,10 @@ struct AddPerson {
         kvthost::AnswerBox(window, IDOK);
     }
 
-    void PortName(HWND window, const kvthost::WindowView &view) {
+    void PortName(HWND window, kvthost::WindowView view) {
         for (; nextCreate < answers.creates.size(); ++nextCreate)
             if (!kvthost::Click(window, kCreate)) RefuseAdd("Create is disabled: this host has no TCP/IP");
+        kvthost::ViewWindow(window, &view);  // with the lines Create added
         if (answers.cancel) {
             kvthost::Click(window, kCancel);
             return;
