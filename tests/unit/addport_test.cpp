@@ -306,4 +306,94 @@ TEST_F(AddPort, DialogTwoHundredShowsTheSelectedServerAndOKTakesWhatItShows) {
     EXPECT_NE(person->seen.find("do NOT allow IP address equal to 0.0.0.0."), std::string::npos) << person->seen;
 }
 
+// IPX and NetBIOS mode keep the name's case, take the address from the table
+// and no queue name; "Create" is disabled.  NetBIOS mode over a table the
+// test fills, as its search adds to what the table holds.
+TEST_F(AddPort, TheIPXAndNetBIOSModesKeepTheCaseAndTakeNoQueueNames) {
+    StartServers();
+    for (bool ipx : {true, false}) {
+        SCOPED_TRACE(ipx ? "IPX" : "NetBIOS");
+        Start(false, ipx, !ipx);
+        bStartup = TRUE;
+        person->act = [](HWND w, const kvthost::WindowView &) {
+            Pick("low ")(w);
+            Type(w, IDC_QUEUE1, "typed");
+            kvthost::Click(w, IDC_PORT_OK);
+        };
+        PortParam param;
+        if (ipx) {
+            EXPECT_TRUE(Add());
+            EXPECT_EQ(Ports(), "low-P1 127.0.0.8 2 ;");
+        } else {
+            AvailPS[0].IPAddress = htonl(0x7F000008);
+            AvailPS[0].AutoProtocol = 0;
+            lstrcpyW(AvailPS[0].Name, u"low");
+            TotalPrintServer = 1;
+            ASSERT_TRUE(NBGetPortName(nullptr, &param));
+            EXPECT_EQ(kvthost::Narrow(param.ServerName) + " " + std::to_string(param.IPAddress) + " " +
+                          std::to_string(param.Protocol) + " " + kvthost::Narrow(param.QueueName1),
+                      "low 2130706440 2 ");
+        }
+    }
+}
+
+// Dialog 250 makes every printer port of every print server found, lists
+// each, sorted, and makes again only what is missing.
+TEST_F(AddPort, DialogTwoFiftyMakesEveryPrinterPortFoundOnce) {
+    StartServers();
+    const std::string tcpLines =
+        "|LONGNAME123-P1 127.0.0.7|low-P1        127.0.0.8|OFF-P1        127.0.0.6|PS1-P1        127.0.0.2"
+        "|PS3-P1        127.0.0.3|PS3-P2        127.0.0.3|PS3-P3        127.0.0.3|PSQ-P1        127.0.0.4"
+        "|PSQ-P2        127.0.0.4|PSQ-P3        127.0.0.4|ZERO-P1       Automatic IP|ZERO-P2       Automatic IP";
+    const std::string tcpPorts =
+        "PS1-P1 127.0.0.2 0 qa;PS3-P1 127.0.0.3 0 lpt1;PS3-P2 127.0.0.3 0 lpt2;PS3-P3 127.0.0.3 0 lpt3;"
+        "PSQ-P1 127.0.0.4 0 qa;PSQ-P2 127.0.0.4 0 qb;PSQ-P3 127.0.0.4 0 qc;ZERO-P1 0.0.0.0 0 qa;"
+        "ZERO-P2 0.0.0.0 0 qb;OFF-P1 127.0.0.6 0 lpt1;LONGNAME123-P1 127.0.0.7 0 qa;low-P1 127.0.0.8 2 qa;";
+    std::string lines;
+    auto run = [&] {
+        lines.clear();
+        Lay(u"KVTJLPR", "");
+        person->act = [&](HWND w, const kvthost::WindowView &v) {
+            for (const kvthost::ControlView &c : v.controls)
+                for (const std::u16string &l : c.lines) lines += "|" + kvthost::Narrow(l);
+            kvthost::Click(w, IDC_CONTINUE);
+        };
+        EXPECT_TRUE(Add());
+    };
+    Start(true, false, false);
+    run();
+    EXPECT_EQ(lines, tcpLines);
+    EXPECT_EQ(Ports(), tcpPorts);
+    run();  // nothing new
+    EXPECT_EQ(lines, tcpLines);
+    EXPECT_EQ(Ports(), tcpPorts);
+    EXPECT_TRUE(LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(u"PS3-P2")));
+    run();  // made again, at the end of the list
+    EXPECT_EQ(Ports().substr(Ports().size() - 24), "PS3-P2 127.0.0.3 0 lpt2;");
+
+    Start(false, true, false);
+    run();
+    EXPECT_EQ(lines.substr(0, 30), "|LONGNAME123-P1|low-P1       |");
+    EXPECT_EQ(Ports().substr(0, 42), "PS1-P1 127.0.0.2 0 ;PS3-P1 127.0.0.3 0 ;PS");
+}
+
+TEST(ParseIPAddress, DotsAndNumbersAsTheDialogsTakeThem) {
+    const struct {
+        const char16_t *text;
+        BOOL valid;
+        DWORD address;
+    } cases[] = {
+        {u"1.2.3.4", TRUE, 0x01020304},    {u"1.2.3", FALSE, 0x01020300},      {u"1.2.3.256", FALSE, 0x01020300},
+        {u"a.2.3.4", FALSE, 0x00020304},   {u"1.2.3.4.5", TRUE, 0x01020304},   {u"1.2.3.4x", TRUE, 0x01020304},
+        {u"1..2.3.4", TRUE, 0x01020304},   {u".0.0.0.0", TRUE, 0},             {u"", FALSE, 0},
+        {u"1.2.3.-1", FALSE, 0x010203FF},  {u"1.2.3.0000004", TRUE, 0x01020304}, {u"1.2.3.00000004", FALSE, 0x01020300},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(kvthost::Narrow(c.text));
+        PortParam p{};
+        EXPECT_EQ(ParseIPAddress(&p, c.text), c.valid);
+        EXPECT_EQ(p.IPAddress, c.address);
+    }
+}
+
 }  // namespace
