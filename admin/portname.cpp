@@ -261,16 +261,27 @@ void AcceptPortName(HWND hDlg) {
     EndDialog(hDlg, 1);
 }
 
+/* What the table's record of that name gives a port of IPX or NetBIOS mode:
+ * Protocol, IPAddress in host order and NodeID.  FALSE when there is none. */
+static BOOL FoundInTable(LPCWSTR pName, PortParam *pOut) {
+    AvailPSRecord entry;
+    if (!FindAvailPS(pName, &entry)) return FALSE;
+    pOut->Protocol = entry.AutoProtocol == 0 ? PROTOCOL_TCPIP : PROTOCOL_AUTO;
+    pOut->IPAddress = ntohl(entry.IPAddress);
+    memcpy(pOut->NodeID, entry.NodeID, NODE_ID_BYTES);
+    return TRUE;
+}
+
 void AcceptPortName2(HWND hDlg) {
     PortParam *p = PortNameBlock;
     WCHAR name[PORT_NAME_CHARS];
     if (!ReadPortName(hDlg, name, &p->Lptn, FALSE)) return;
     lstrcpynW(p->ServerName, name, SERVER_NAME_CHARS);
-    AvailPSRecord entry;
-    if (FindAvailPS(p->ServerName, &entry)) {
-        if (entry.AutoProtocol == 0) p->Protocol = PROTOCOL_TCPIP;
-        p->IPAddress = ntohl(entry.IPAddress);
-        memcpy(p->NodeID, entry.NodeID, NODE_ID_BYTES);
+    PortParam found;
+    if (FoundInTable(p->ServerName, &found)) {
+        if (found.Protocol != 0) p->Protocol = found.Protocol;
+        p->IPAddress = found.IPAddress;
+        memcpy(p->NodeID, found.NodeID, NODE_ID_BYTES);
     }
     EndDialog(hDlg, 1);
 }
