@@ -797,6 +797,13 @@ TEST_F(OnADisplay, AddPortShowsDialogs200And300AndMakesThePortAPersonChose) {
     EXPECT_TRUE(Stored(ran, "Ports\\PS2 [IP    ] 3 0300007f") && Stored(ran, "Ports\\PS2\\2 [ ] 3 00") &&
                 Stored(ran, "Ports\\PS2\\2 [QueueName] 1 " + Hex(Wide("lp2"))))
         << ran;
+
+    // Dialog 250, for its picture: the marker file's way.
+    WriteFile(Prefix() + "/drive_c/windows/syswow64/KVTJLPR", "");
+    std::thread again([&] { ran = Spool({"add", "-", "1", "-", "pause"}); });
+    EXPECT_TRUE(Screenshot("dialog250", "Add Port", "add-all.png"));
+    again.join();
+    EXPECT_EQ(ran.One("ports"), "PS1-P1 PS2-P1 PS2-P2 PS2-P3") << ran;
 }
 
 // The list file's way makes its ports with no dialog; the marker file's way
