@@ -557,9 +557,8 @@ std::string Lines(HWND dialog, int id) {
     std::string lines;
     int count = static_cast<int>(SendDlgItemMessageW(dialog, id, LB_GETCOUNT, 0, 0));
     for (int i = 0; i < count; ++i) {
-        wchar_t line[256] = L"";
-        if (SendDlgItemMessageW(dialog, id, LB_GETTEXTLEN, i, 0) < 256)
-            SendDlgItemMessageW(dialog, id, LB_GETTEXT, i, reinterpret_cast<LPARAM>(line));
+        std::wstring line(SendDlgItemMessageW(dialog, id, LB_GETTEXTLEN, i, 0) + 1, L'\0');
+        line.resize(SendDlgItemMessageW(dialog, id, LB_GETTEXT, i, reinterpret_cast<LPARAM>(line.data())));
         lines += (i > 0 ? " | " : "") + Narrow(line);
     }
     return lines;
@@ -585,6 +584,7 @@ DWORD WINAPI AnswerAdd(void *) {
         size_t eq = gCreate.find(L'=');
         TypeInto(remote, 301, gCreate.substr(0, eq));
         TypeInto(remote, 302, gCreate.substr(eq + 1));
+        Sleep(gPause ? 500 : 0);  // Wine maps and paints a dialog over its owner a moment later
         WaitForTheLinuxSide("dialog300");
         SendMessageW(GetDlgItem(remote, 5), BM_CLICK, 0, 0);
         while (IsWindow(remote)) Sleep(10);

@@ -643,10 +643,18 @@ TEST_F(UnderWine, WinesSpoolerListsTheMonitorAndItsPortsAndPassesPortCallsToIt) 
     for (const auto &box : ran.All("box")) EXPECT_EQ(box, "DEBUG | Starting DEBUG mode | no icon");
 
     std::string startup = StartupLog({{"PS1-P1", "7F000002", '1'}, {"PS1-P2", "7F000002", '2'}});
-    EXPECT_EQ(ran.One("AddPortW"), "0 50");
-    EXPECT_EQ(ran.Log("AddPortW"), startup + "\n\nEntry LocalmonAddPort\n\nLeave LocalmonAddPort - not available\n\n");
-    // Dialog 550 stands until kvtspool presses its default button, OK.
-    EXPECT_EQ(ran.All("dialog"), std::vector<std::string>{"Select Protocol"});
+    // Dialog 200 stands, over a search that found nothing, until kvtspool
+    // presses Cancel; dialog 550 until it presses its default button, OK.
+    EXPECT_EQ(ran.One("AddPortW"), "1 1223");
+    std::string silence = "[TCPSearchRcv()] Select Error\n\n";
+    EXPECT_EQ(ran.Log("AddPortW"), startup +
+                                       "\n\nEntry LocalmonAddPort\n\nName: NULL \t\nMonitorName: PrintServer Network Port \n\n"
+                                       "\n\nEntry GetProtocol\n\nLeave GetProtocol - protocol = 2\n\n"
+                                       "[LocalmonAddPort]Support protocol = 2\n\nSupport TCPIP\n\n\n\nEntry GetPortName\n\n" +
+                                       silence + silence + silence +
+                                       "Leave GetPortName - dialog ended with 0\n\n"
+                                       "Leave LocalmonAddPort - Get Port Name fail\n\n");
+    EXPECT_EQ(ran.All("dialog"), (std::vector<std::string>{"Add Port", "Select Protocol"}));
     EXPECT_EQ(ran.Result("ConfigurePortW"), "1");
     EXPECT_EQ(ran.Log("ConfigurePortW"), startup +
                                              "\n\nEntry LocalmonConfigurePort\n\n"
@@ -803,7 +811,7 @@ TEST_F(OnADisplay, AddPortShowsDialogs200And300AndMakesThePortAPersonChose) {
     std::thread again([&] { ran = Spool({"add", "-", "1", "-", "pause"}); });
     EXPECT_TRUE(Screenshot("dialog250", "Add Port", "add-all.png"));
     again.join();
-    EXPECT_EQ(ran.One("ports"), "PS1-P1 PS2-P1 PS2-P2 PS2-P3") << ran;
+    EXPECT_EQ(ran.One("ports"), "PS2-P2 PS1-P1 PS2-P1 PS2-P3") << ran;
 }
 
 // The list file's way makes its ports with no dialog; the marker file's way
