@@ -38,7 +38,7 @@ for way in add-port add-all; do
     kill $term 2>/dev/null || true
 done
 
-for shot in configure-port message-box add-port create-remote add-all; do
+for shot in configure-port message-box add-port add-all; do
     from=build/tests/windows/wine/screenshots/$shot.png
     if [ -f "$from" ]; then cp "$from" "$out/$shot-wine.png"; else echo "no $from: run make test first" >&2; fi
 done

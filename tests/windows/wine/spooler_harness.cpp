@@ -584,8 +584,6 @@ DWORD WINAPI AnswerAdd(void *) {
         size_t eq = gCreate.find(L'=');
         TypeInto(remote, 301, gCreate.substr(0, eq));
         TypeInto(remote, 302, gCreate.substr(eq + 1));
-        Sleep(gPause ? 500 : 0);  // Wine maps and paints a dialog over its owner a moment later
-        WaitForTheLinuxSide("dialog300");
         SendMessageW(GetDlgItem(remote, 5), BM_CLICK, 0, 0);
         while (IsWindow(remote)) Sleep(10);
         Say("listed", Lines(dialog, 203));
