@@ -15,7 +15,7 @@
 //   kvtspool spooler PORT-TO-CONFIGURE PORT-TO-DELETE
 //   kvtspool print PRINTER DOCUMENT FILE
 //   kvtspool configure PORT CLICK TEXT [pause]
-//   kvtspool add SERVER LPT QUEUE [NAME=ADDRESS] [pause]
+//   kvtspool add SERVER LPT QUEUE [pause]
 //
 // A message box of this process (the monitor's "Starting DEBUG mode", its
 // notice after a job) is read and answered with OK by a watcher thread and
@@ -539,19 +539,11 @@ int Configure(wchar_t *port, int click, const wchar_t *text, bool pause) {
 
 // ---- adding a port ----------------------------------------------------------------------------
 // The monitor's AddPort, with a person at its dialogs on a second thread.
-// Dialog 250 is read ("listed") and Continue pressed.  In dialog 200, with a
-// NAME=ADDRESS, Create first, dialog 300 typed into and OK; then the line of
-// gServer selected, LPT gLpt clicked, its queue box emptied and gText typed,
-// what the dialog shows printed ("shown"), OK pressed.
-std::wstring gServer, gCreate;
+// Dialog 250 is read ("listed") and Continue pressed.  In dialog 200 the
+// line of gServer is selected, LPT gLpt clicked, its queue box emptied and
+// gText typed, what the dialog shows printed ("shown"), OK pressed.
+std::wstring gServer;
 int gLpt;
-
-HWND WaitForDialog(const wchar_t *title) {
-    HWND dialog = nullptr;
-    for (int i = 0; i < 600 && (dialog == nullptr || !IsWindowVisible(dialog)); ++i, Sleep(50))
-        dialog = FindWindowW(L"#32770", title);
-    return dialog;
-}
 
 std::string Lines(HWND dialog, int id) {
     std::string lines;
@@ -564,13 +556,10 @@ std::string Lines(HWND dialog, int id) {
     return lines;
 }
 
-void TypeInto(HWND dialog, int id, const std::wstring &text) {
-    SendDlgItemMessageW(dialog, id, EM_SETSEL, 0, -1);
-    for (wchar_t c : L"\b" + text) SendDlgItemMessageW(dialog, id, WM_CHAR, c, 0);
-}
-
 DWORD WINAPI AnswerAdd(void *) {
-    HWND dialog = WaitForDialog(L"Add Port");
+    HWND dialog = nullptr;
+    for (int i = 0; i < 600 && (dialog == nullptr || !IsWindowVisible(dialog)); ++i, Sleep(50))
+        dialog = FindWindowW(L"#32770", L"Add Port");
     if (GetDlgItem(dialog, 253) != nullptr) {
         Say("listed", Lines(dialog, 253));
         WaitForTheLinuxSide("dialog250");
@@ -578,21 +567,12 @@ DWORD WINAPI AnswerAdd(void *) {
         return 0;
     }
     Say("listed", Lines(dialog, 203));
-    if (!gCreate.empty()) {
-        PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(206, BN_CLICKED), reinterpret_cast<LPARAM>(GetDlgItem(dialog, 206)));
-        HWND remote = WaitForDialog(L"Create Remote PrintServer");
-        size_t eq = gCreate.find(L'=');
-        TypeInto(remote, 301, gCreate.substr(0, eq));
-        TypeInto(remote, 302, gCreate.substr(eq + 1));
-        SendMessageW(GetDlgItem(remote, 5), BM_CLICK, 0, 0);
-        while (IsWindow(remote)) Sleep(10);
-        Say("listed", Lines(dialog, 203));
-    }
     LRESULT line = SendDlgItemMessageW(dialog, 203, LB_FINDSTRING, -1, reinterpret_cast<LPARAM>((gServer + L" ").c_str()));
     SendDlgItemMessageW(dialog, 203, LB_SETCURSEL, line, 0);
     SendMessageW(dialog, WM_COMMAND, MAKEWPARAM(203, LBN_SELCHANGE), reinterpret_cast<LPARAM>(GetDlgItem(dialog, 203)));
     SendMessageW(GetDlgItem(dialog, 206 + gLpt), BM_CLICK, 0, 0);
-    TypeInto(dialog, 1001 + gLpt, gText);
+    SendDlgItemMessageW(dialog, 1001 + gLpt, EM_SETSEL, 0, -1);
+    for (wchar_t c : L"\b" + gText) SendDlgItemMessageW(dialog, 1001 + gLpt, WM_CHAR, c, 0);
     std::string shown;
     for (int id : {201, 205, 1002, 1003, 1004}) {
         wchar_t text[64] = L"";
@@ -607,9 +587,7 @@ DWORD WINAPI AnswerAdd(void *) {
 
 int Add(int argc, wchar_t **argv) {
     gServer = argv[2], gLpt = _wtoi(argv[3]), gText = argv[4], gPressDialogs = false;
-    for (int i = 5; i < argc; ++i)
-        if (std::wstring(argv[i]) == L"pause") gPause = true;
-        else gCreate = argv[i];
+    gPause = argc > 5 && std::wstring(argv[5]) == L"pause";
     if (!LoadMonitor()) return 1;
     HANDLE thread = CreateThread(nullptr, 0, AnswerAdd, nullptr, 0, nullptr);
     SetLastError(kSentinel);
