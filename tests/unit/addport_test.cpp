@@ -363,6 +363,11 @@ TEST_F(AddPort, DialogTwoFiftyMakesEveryPrinterPortFoundOnce) {
     run();
     EXPECT_EQ(lines.substr(0, 30), "|LONGNAME123-P1|low-P1       |");
     EXPECT_EQ(Ports().substr(0, 42), "PS1-P1 127.0.0.2 0 ;PS3-P1 127.0.0.3 0 ;PS");
+    Start(false, false, true);  // NetBIOS mode over a table the test fills
+    AvailPS[0].ModelType = 1, AvailPS[0].Type = 4, TotalPrintServer = 1, lstrcpyW(AvailPS[0].Name, u"NB");
+    strcpy(AvailPS[0].QueueName[0].Text, "q"), person->act = [](HWND w, auto &) { kvthost::Click(w, IDC_CONTINUE); };
+    EXPECT_TRUE(NBGetPortName2(nullptr));
+    EXPECT_EQ(Ports(), "NB-P1 0.0.0.0 2 ;");
 }
 
 TEST(ParseIPAddress, DotsAndNumbersAsTheDialogsTakeThem) {
