@@ -310,7 +310,7 @@ bool ParseJson(const std::string &text, std::vector<ListServer> *servers, std::v
                 for (size_t k = 0; ok && k < v.items.size(); ++k)
                     ok = SetField(e, "queue" + std::to_string(k + 1), v.items[k].text, &why);
             } else if (list || scalar) {
-                ok = SetField(e, key, list ? joined : v.text, &why);
+                ok = SetField(e, key, list ? (v.items.empty() && key == "ports" ? "none" : joined) : v.text, &why);
             } else {
                 ok = Fail(&why, key + " is no object");
             }
@@ -351,7 +351,7 @@ std::string PortsText(uint8_t mask) {
 
 // A value of the text form, quoted when it must be.
 std::string Quoted(const std::string &value) {
-    bool plain = !value.empty();
+    bool plain = !value.empty() && value[0] != '[' && value[0] != '{';  // never taken for JSON
     for (unsigned char c : value) plain = plain && c > 0x20 && c < 0x7F && c != '"' && c != '\\' && c != '#';
     if (plain) return value;
     std::string out = "\"";
