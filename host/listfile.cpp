@@ -389,12 +389,12 @@ bool ReadWhole(const std::string &path, std::string *bytes, std::string *error) 
 
 }  // namespace
 
-bool ParseListSpec(const std::string &spec, std::vector<ListServer> *servers, std::vector<std::string> *notes,
+bool ParseListDescription(const std::string &description, std::vector<ListServer> *servers, std::vector<std::string> *notes,
                    std::string *error) {
     servers->clear();
-    size_t first = spec.find_first_not_of(" \t\r\n");
-    bool json = first != std::string::npos && (spec[first] == '[' || spec[first] == '{');
-    return json ? ParseJson(spec, servers, notes, error) : ParseText(spec, servers, notes, error);
+    size_t first = description.find_first_not_of(" \t\r\n");
+    bool json = first != std::string::npos && (description[first] == '[' || description[first] == '{');
+    return json ? ParseJson(description, servers, notes, error) : ParseText(description, servers, notes, error);
 }
 
 std::string EncodeListFile(const std::vector<ListServer> &servers) {
@@ -440,7 +440,7 @@ bool DecodeListFile(const std::string &bytes, std::vector<ListServer> *servers, 
     return true;
 }
 
-std::string ListSpecText(const std::vector<ListServer> &servers) {
+std::string ListDescriptionText(const std::vector<ListServer> &servers) {
     std::string out;
     for (const ListServer &s : servers) {
         out += Quoted(s.name) + " " + AddressText(s.address) + " model=" + std::to_string(s.model) +
@@ -453,7 +453,7 @@ std::string ListSpecText(const std::vector<ListServer> &servers) {
     return out;
 }
 
-std::string ListSpecJson(const std::vector<ListServer> &servers) {
+std::string ListDescriptionJson(const std::vector<ListServer> &servers) {
     std::string out = "[";
     for (size_t i = 0; i < servers.size(); ++i) {
         const ListServer &s = servers[i];
@@ -473,9 +473,9 @@ std::string ListSpecJson(const std::vector<ListServer> &servers) {
 
 int ListfileCommand(int argc, char **argv) {
     const char *usage =
-        "usage: kvtmon listfile make SPEC FILE     a list file (KVTLIST.BIN) from a description, text or JSON\n"
-        "                                          (SPEC - reads standard input)\n"
-        "       kvtmon listfile show FILE [--json]  a list file's print servers, as the description\n"
+        "usage: kvtmon listfile make DESCRIPTION FILE  a list file (KVTLIST.BIN) from a description, text\n"
+        "                                              or JSON (DESCRIPTION - reads standard input)\n"
+        "       kvtmon listfile show FILE [--json]      a list file's print servers, as the description\n"
         "a line of the text: NAME ADDRESS [model=N] [node=XX-XX-XX-XX-XX-XX] [auto=N] [ports=1,2,3|none]\n"
         "                    [protocols=P,P,P] [queue1=TEXT] [queue2=TEXT] [queue3=TEXT]\n"
         "  ADDRESS is dotted or auto; P is auto, ipx, tcpip or netbios; defaults: model 1, the node\n"
@@ -494,7 +494,7 @@ int ListfileCommand(int argc, char **argv) {
         return 2;
     }
     if (command == "make") {
-        if (!ParseListSpec(bytes, &servers, &notes, &error)) {
+        if (!ParseListDescription(bytes, &servers, &notes, &error)) {
             std::fprintf(stderr, "kvtmon listfile: %s: %s; nothing written\n", argv[1], error.c_str());
             return 2;
         }
@@ -513,12 +513,12 @@ int ListfileCommand(int argc, char **argv) {
         return 2;
     }
     if (json) {
-        std::fputs(ListSpecJson(servers).c_str(), stdout);
+        std::fputs(ListDescriptionJson(servers).c_str(), stdout);
         return 0;
     }
     std::printf("# %s: %zu print servers\n", argv[1], servers.size());
     if (servers.size() > kListServers) std::printf("# the monitor takes the first 100 and leaves out the rest\n");
-    std::fputs(ListSpecText(servers).c_str(), stdout);
+    std::fputs(ListDescriptionText(servers).c_str(), stdout);
     return 0;
 }
 

@@ -35,15 +35,15 @@ struct ListServer {
 // will do otherwise than one might think (a queue name cut to 31 characters,
 // a port the model lacks).  False with a message for anything that doesn't
 // fit its field.
-bool ParseListSpec(const std::string &spec, std::vector<ListServer> *servers, std::vector<std::string> *notes,
+bool ParseListDescription(const std::string &description, std::vector<ListServer> *servers, std::vector<std::string> *notes,
                    std::string *error);
 // The records of the servers, 278 bytes each.
 std::string EncodeListFile(const std::vector<ListServer> &servers);
 // The records of a list file; false with a message for a file that is none.
 bool DecodeListFile(const std::string &bytes, std::vector<ListServer> *servers, std::string *error);
 // The servers as the text description, and as JSON.
-std::string ListSpecText(const std::vector<ListServer> &servers);
-std::string ListSpecJson(const std::vector<ListServer> &servers);
+std::string ListDescriptionText(const std::vector<ListServer> &servers);
+std::string ListDescriptionJson(const std::vector<ListServer> &servers);
 
 int ListfileCommand(int argc, char **argv);
 

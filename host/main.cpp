@@ -20,7 +20,7 @@ void Usage(FILE *out) {
                  "  add [answers] | --all | --list FILE\n"
                  "                                 add ports as the spooler does: one by the search's\n"
                  "                                 dialog, every one found, or a list file's (kvtmon add --help)\n"
-                 "  listfile make SPEC FILE | show FILE\n"
+                 "  listfile make DESCRIPTION FILE | show FILE\n"
                  "                                 write a list file from a description, or show one\n"
                  "  delete PORT                    delete a port from the list and the registry\n"
                  "  log [--follow]                 show the diagnostic log\n"

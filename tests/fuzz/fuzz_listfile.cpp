@@ -13,15 +13,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::string error;
     if (DecodeListFile(input, &back, &error) && back.size() * kListRecordBytes != size)
         kvtfuzz::Broken("a list file read into other than whole records");
-    if (!ParseListSpec(input, &servers, &notes, &error)) {
+    if (!ParseListDescription(input, &servers, &notes, &error)) {
         if (error.empty()) kvtfuzz::Broken("a description refused without a message");
         return 0;
     }
     const std::string records = EncodeListFile(servers);
     if (records.size() != servers.size() * kListRecordBytes || !DecodeListFile(records, &back, &error))
         kvtfuzz::Broken("records that don't read back");
-    for (const std::string &shown : {ListSpecText(back), ListSpecJson(back)})
-        if (!ParseListSpec(shown, &servers, &notes, &error) || EncodeListFile(servers) != records)
+    for (const std::string &shown : {ListDescriptionText(back), ListDescriptionJson(back)})
+        if (!ParseListDescription(shown, &servers, &notes, &error) || EncodeListFile(servers) != records)
             kvtfuzz::Broken("what show prints doesn't make the same records");
     return 0;
 }
