@@ -116,13 +116,14 @@ static BOOL ClaimPort(PINIPORT pIniPort, LPWSTR pPrinterName, DWORD JobId, DWORD
     }
 
     EnterCriticalSection(&PortListLock);
-    LogPrintf("Status = %08X\n", (unsigned)pIniPort->Status);
+    LogPrintf("Status = %08X\n", (unsigned)StatusForLog(pIniPort));
     /* A job holds the record also while the LPR transport has Status at 0
      * between its attempts. */
-    if (pIniPort->Status != 0 || pIniPort->JobHeld) {
+    if (pIniPort->JobHeld) {
+        DWORD status = StatusForLog(pIniPort);
         LeaveCriticalSection(&PortListLock);
         SetLastError(ERROR_BUSY);
-        LogPrintf("Leave LocalmonStartDocPort - PrintServer is busy (status: %08X)\n", (unsigned)pIniPort->Status);
+        LogPrintf("Leave LocalmonStartDocPort - PrintServer is busy (status: %08X)\n", (unsigned)status);
         return FALSE;
     }
     pIniPort->JobHeld = TRUE;

@@ -111,6 +111,10 @@ PINIPORT FindPortFromList(LPCWSTR pName);
 PINIPORT CreateMonitorPortEntry(LPCWSTR pName, LPCWSTR pDeviceDesc, DWORD IPAddress,
                                 const BYTE *NetNum, const BYTE *NodeID, BYTE Lptn);
 BOOL DeleteMonitorPortEntry(LPCWSTR pPortName);
+/* Status as another thread sees it, for a log line only: a port that a job
+ * holds is refused on JobHeld alone, while the job's thread may be changing
+ * Status outside the lock (an aligned DWORD, read whole). */
+DWORD StatusForLog(const IniPort *pIniPort);
 
 /* ---- host facts ------------------------------------------------------------------------- */
 BYTE GetProtocol(void);
