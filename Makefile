@@ -46,6 +46,11 @@ test-linux: win linux
 demo: linux
 	build/bin/kvtmon demo
 
+# Every fuzz target for FUZZ_SECONDS (60) each; the corpus is kept, minimised,
+# in tests/fuzz/corpus/ and the figures go to bench/results/fuzz.md.
+fuzz: deps
+	scripts/fuzz.sh
+
 bench: linux
 	scripts/bench.sh
 
