@@ -70,9 +70,34 @@ BOOL IPXSearchTakeReply(const BYTE *pReply, int cb, const BYTE *senderNode);
 BOOL IPXTakeEEPROM(const BYTE *pReply, int cb, int index);
 
 /* ---- NetBIOS discovery (discovery/nbsearch.cpp) ---------------------------------------------- */
+#define NB_SEARCH_RECEIVES 10            /* pending at once, each with a buffer of its own */
+#define NB_SEARCH_BUFFER 74
+#define NB_READ_BUFFER 1024
+#define NB_SEARCH_PASSES 3
+#define NB_EEPROM_TRIES 5
+#define NB_SEARCH_WAIT_MS 500            /* before each pass and try, and after the passes */
+#define NB_CFG_NAME_BYTES 13             /* a short name of 8 bytes, ".CFG" and the terminator */
+#define NB_SEARCH_REPLY_MIN (MGMT_NETBIOS_BODY + SEARCH_AUTOPROTOCOL_OFFSET + 1)
+#define NB_EEPROM_REPLY_MIN (MGMT_NETBIOS_BODY + EEPROM_IP_OFFSET + 4)
+
 /* The search over NetBIOS from WorkingNcb (NBStartup has succeeded): the query
  * to the print servers' group, then the EEPROM image of each server found, read
- * by its ".CFG" name.  Always TRUE. */
+ * by its ".CFG" name.  Holds AvailPSLock for its whole run and logs nothing.
+ * Always TRUE. */
 BOOL NBSearch(void);
+/* Reads the image of the server with the ".CFG" name `name` into record
+ * index; always TRUE, answered or not.  Called by NBSearch, under its lock. */
+BOOL NBReadEEPROM(const char *name, int index);
+
+/* The ".CFG" name of a server: its short name (8 bytes at most, up to its
+ * first zero byte), ".CFG" and a terminator, into pOut (NB_CFG_NAME_BYTES). */
+void NBCfgName(const BYTE *pShortName, char *pOut);
+/* A search reply: a new record, with its ".CFG" name at the same index of
+ * cfgNames, unless it is no search reply, the name (blanks kept) is in the
+ * table, or the table is full. */
+BOOL NBSearchTakeReply(const BYTE *pReply, int cb, char (*cfgNames)[NB_CFG_NAME_BYTES]);
+/* An EEPROM reply: TRUE when it is one, and record index is filled, its node
+ * from the image. */
+BOOL NBTakeEEPROM(const BYTE *pReply, int cb, int index);
 
 #endif /* KVT_DISCOVERY_H */

@@ -36,8 +36,7 @@ void NBSetName(UCHAR *pField, const char *pText) {
  * whole, and the block may be freed. */
 UCHAR NBRetCode(const NCB *pNcb) { return __atomic_load_n(&pNcb->ncb_retcode, __ATOMIC_ACQUIRE); }
 
-/* A string of the table in 8-bit text (code page 0), cut to cb - 1 bytes. */
-static void LoadNarrow(UINT id, char *pOut, int cb) {
+void LoadNarrow(UINT id, char *pOut, int cb) {
     WCHAR wide[32];
     LoadStr(id, wide, 32);
     if (WideCharToMultiByte(0, 0, wide, -1, pOut, cb, NULL, NULL) == 0) pOut[0] = 0;

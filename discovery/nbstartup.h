@@ -39,6 +39,9 @@ void CheckNETBIOS(void);
 
 /* A 16-byte NetBIOS name from text: the text, then blanks; no terminator. */
 void NBSetName(UCHAR *pField, const char *pText);
+/* A string of the table in 8-bit text (code page 0), cut to cb - 1 bytes:
+ * the names' endings and the group name. */
+void LoadNarrow(UINT id, char *pOut, int cb);
 /* ncb_retcode as it stands now: the platform writes it in the background. */
 UCHAR NBRetCode(const NCB *pNcb);
 

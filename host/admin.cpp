@@ -158,7 +158,7 @@ int InitCommand(int argc, char **argv) {
     if (!ok || !SplitArgs("init", static_cast<int>(flags.size()), flags.data(), {"--debug", "--notify"}, &positional) ||
         !positional.empty()) {
         std::fprintf(stderr, "usage: kvtmon init [--transports tcpip,ipx,netbios] [--debug] [--notify]\n"
-                             "  --transports  the network components the host offers (default: tcpip,ipx)\n");
+                             "  --transports  the network components the host offers (default: tcpip,ipx,netbios)\n");
         return 2;
     }
     std::string error;

@@ -70,17 +70,17 @@ bool PrintDemoJob(const std::string &prefix, const std::string &port, const std:
     return false;
 }
 
-// What a print server received over IPX, compared with what was printed.
-bool ShowIpxJob(const kvtps::Emulator &emulator, const std::string &server, const std::string &job) {
-    std::vector<kvtps::IpxJob> jobs = emulator.IpxJobs(server);
+// What a print server received over IPX or NetBIOS, compared with what was printed.
+bool ShowChannelJob(const std::vector<kvtps::ChannelJob> &jobs, const char *carrier, const std::string &server,
+                    const std::string &job) {
     if (jobs.empty()) {
-        std::fprintf(stderr, "kvtmon demo: %s received nothing over IPX\n", server.c_str());
+        std::fprintf(stderr, "kvtmon demo: %s received nothing over %s\n", server.c_str(), carrier);
         return false;
     }
-    const kvtps::IpxJob &got = jobs.back();
+    const kvtps::ChannelJob &got = jobs.back();
     bool same = got.hungUp && got.data == job;
-    std::printf("  %s received it over IPX on channel %d of printer port %d: %s in %llu frames, %s\n",
-                server.c_str(), got.channel, got.port, FormatBytes(got.dataBytes).c_str(),
+    std::printf("  %s received it over %s on channel %d of printer port %d: %s in %llu frames, %s\n",
+                server.c_str(), carrier, got.channel, got.port, FormatBytes(got.dataBytes).c_str(),
                 static_cast<unsigned long long>(got.frames),
                 same ? "identical to what was printed" : "DIFFERENT from what was printed");
     return same;
@@ -93,7 +93,7 @@ void ShowFallOver(const std::string &prefix) {
     for (std::string line; std::getline(in, line);) {
         if (line == "Entry LocalmonStartDocPort") lines.clear();
         for (const char *shown : {"Printing use", "Leave LprHandshake", "LprOpenFile fail", "Try ", "IPXConnect",
-                                  "Connect ok", "Leave LocalmonStartDocPort"})
+                                  "NBConnect", "Connect ok", "Leave LocalmonStartDocPort"})
             if (line.rfind(shown, 0) == 0) lines.push_back(line);
     }
     for (size_t i = 0; i < lines.size(); ++i) std::printf("  %s %s\n", i == 0 ? "the log:" : "        ", lines[i].c_str());
@@ -125,7 +125,7 @@ int DemoCommand(int argc, char **argv) {
 
     std::printf("KVT print monitor demo, on a private network (loopback only)\n");
     kvtps::Emulator emulator;
-    std::vector<kvtps::ServerConfig> servers(3);
+    std::vector<kvtps::ServerConfig> servers(4);
     servers[0].name = "PS1";
     servers[0].address = "127.0.0.2";
     servers[0].queueTexts = {"lp P1", "lpt2 P2", "lpt3 P3"};
@@ -135,12 +135,17 @@ int DemoCommand(int argc, char **argv) {
     servers[2].name = "PS3";
     servers[2].address = "127.0.0.4";
     servers[2].lpr.nakAtStep = 1;  // refuses every LPR job at its first acknowledgement
+    servers[3].name = "PS4";
+    servers[3].address = "127.0.0.5";
+    servers[3].lpr.nakAtStep = 1;
+    servers[3].ipx = false;  // reached over NetBIOS alone
     if (!emulator.Start(servers, &error)) {
         std::fprintf(stderr, "kvtmon demo: the print servers did not start: %s\n", error.c_str());
         return 2;
     }
-    std::printf("  emulated print servers: PS1 at 127.0.0.2, PS2 at 127.0.0.3, PS3 at 127.0.0.4 (LPR on\n"
-                "  port 515, management datagrams on UDP port 0x3434, IPX at their nodes)\n");
+    std::printf("  emulated print servers: PS1 at 127.0.0.2, PS2 at 127.0.0.3, PS3 at 127.0.0.4, PS4 at\n"
+                "  127.0.0.5 (LPR on port 515, management datagrams on UDP port 0x3434, IPX at their\n"
+                "  nodes but PS4's, NetBIOS datagrams to their names on UDP port 138)\n");
 
     // The search runs in a child (kvtmon discover): this process loads
     // libkvt64.so to print, and the search module is a second copy of it.
@@ -207,12 +212,31 @@ int DemoCommand(int argc, char **argv) {
     std::printf("printing invoice.prn (%s) to PS2-P2, a port fixed to IPX, as job 8\n",
                 FormatBytes(ipxJob.size()).c_str());
     if (!PrintDemoJob(prefix, "PS2-P2", "invoice.prn", ipxJob, 8)) return 1;
-    same = ShowIpxJob(emulator, "PS2", ipxJob) && same;
+    same = ShowChannelJob(emulator.IpxJobs("PS2"), "IPX", "PS2", ipxJob) && same;
     std::printf("printing letter.prn (%s) to PS3-P1, a port on automatic; PS3 refuses LPR jobs\n",
                 FormatBytes(fallOverJob.size()).c_str());
     if (!PrintDemoJob(prefix, "PS3-P1", "letter.prn", fallOverJob, 9)) return 1;
     ShowFallOver(prefix);
-    same = ShowIpxJob(emulator, "PS3", fallOverJob) && same;
+    same = ShowChannelJob(emulator.IpxJobs("PS3"), "IPX", "PS3", fallOverJob) && same;
+
+    // A port fixed to NetBIOS, and an automatic port whose print server
+    // refuses LPR and holds no IPX: its job falls over through both to NetBIOS.
+    const std::string nbJob = MakeJob(128 << 10), nbFallOverJob = MakeJob(32 << 10);
+    if (!MakePortKeys("PS2-P3", 0x7F000003, 4, std::nullopt, &error) ||
+        !MakePortKeys("PS4-P1", 0x7F000005, 0, std::nullopt, &error)) {
+        std::fprintf(stderr, "kvtmon demo: %s\n", error.c_str());
+        return 2;
+    }
+    std::printf("printing memo.prn (%s) to PS2-P3, a port fixed to NetBIOS, as job 10\n",
+                FormatBytes(nbJob.size()).c_str());
+    if (!PrintDemoJob(prefix, "PS2-P3", "memo.prn", nbJob, 10)) return 1;
+    same = ShowChannelJob(emulator.NetbiosJobs("PS2"), "NetBIOS", "PS2", nbJob) && same;
+    std::printf("printing notes.prn (%s) to PS4-P1, a port on automatic; PS4 refuses LPR jobs and has no\n"
+                "  IPX, so the job waits out IPX's ten seconds of silence\n",
+                FormatBytes(nbFallOverJob.size()).c_str());
+    if (!PrintDemoJob(prefix, "PS4-P1", "notes.prn", nbFallOverJob, 11)) return 1;
+    ShowFallOver(prefix);
+    same = ShowChannelJob(emulator.NetbiosJobs("PS4"), "NetBIOS", "PS4", nbFallOverJob) && same;
 
     std::printf("  diagnostic log: %s/drive_c/Windows/System32/KVTLOG\n", prefix.c_str());
     emulator.Stop();

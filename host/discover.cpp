@@ -1,4 +1,4 @@
-// kvtmon discover: the monitor's TCP/IP or IPX search on the network, and
+// kvtmon discover: the monitor's TCP/IP, IPX or NetBIOS search on the network, and
 // what it found.  The spooler's entry table offers no search, so this command loads
 // libkvtsearch.so (the monitor built with its search exported) instead of
 // libkvt64.so: the one place where kvtmon reaches past the entry table.
@@ -182,7 +182,7 @@ std::string AddressShown(const FoundServer &s) {
     return Dotted(s.ipAddress);
 }
 
-int SearchNetwork(std::vector<FoundServer> *found, bool ipx, bool progress, std::string *error) {
+int SearchNetwork(std::vector<FoundServer> *found, const std::string &transport, bool progress, std::string *error) {
     const std::string path = SearchModulePath();
     void *module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) {
@@ -191,7 +191,10 @@ int SearchNetwork(std::vector<FoundServer> *found, bool ipx, bool progress, std:
     }
     using InitFn = LPMONITOREX (*)(LPWSTR);
     auto init = reinterpret_cast<InitFn>(dlsym(module, "InitializePrintMonitor"));
-    auto search = reinterpret_cast<KvtSearchTcpipFn>(dlsym(module, ipx ? KVT_SEARCH_IPX_FUNCTION : KVT_SEARCH_FUNCTION));
+    const char *function = transport == "ipx"       ? KVT_SEARCH_IPX_FUNCTION
+                           : transport == "netbios" ? KVT_SEARCH_NETBIOS_FUNCTION
+                                                    : KVT_SEARCH_FUNCTION;
+    auto search = reinterpret_cast<KvtSearchTcpipFn>(dlsym(module, function));
     if (init == nullptr || search == nullptr) {
         *error = path + " is no search module";
         return 2;
@@ -344,7 +347,8 @@ bool DiscoverInChild(std::vector<FoundServer> *found, std::string *error) {
 }
 
 int DiscoverCommand(int argc, char **argv) {
-    bool json = false, debug = false, ipx = false;
+    bool json = false, debug = false;
+    std::string transport = "tcpip";
     for (int i = 0; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--json") {
@@ -352,10 +356,11 @@ int DiscoverCommand(int argc, char **argv) {
         } else if (a == "--debug") {
             debug = true;
         } else if (a == "--transport" && i + 1 < argc &&
-                   (std::strcmp(argv[i + 1], "tcpip") == 0 || std::strcmp(argv[i + 1], "ipx") == 0)) {
-            ipx = std::strcmp(argv[++i], "ipx") == 0;
+                   (std::strcmp(argv[i + 1], "tcpip") == 0 || std::strcmp(argv[i + 1], "ipx") == 0 ||
+                    std::strcmp(argv[i + 1], "netbios") == 0)) {
+            transport = argv[++i];
         } else {
-            std::fprintf(stderr, "usage: kvtmon discover [--transport tcpip|ipx] [--json] [--debug]\n");
+            std::fprintf(stderr, "usage: kvtmon discover [--transport tcpip|ipx|netbios] [--json] [--debug]\n");
             return 2;
         }
     }
@@ -364,7 +369,7 @@ int DiscoverCommand(int argc, char **argv) {
     if (debug) SetMonitorFlag(u"IsDEBUG", true);
     std::vector<FoundServer> found;
     std::string error;
-    int status = SearchNetwork(&found, ipx, true, &error);
+    int status = SearchNetwork(&found, transport, true, &error);
     if (status != 0) {
         std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
         return status;

@@ -35,9 +35,8 @@ std::u16string MonitorKeyPath();
 // so that the monitor offers exactly these from its next job on.
 constexpr unsigned kTransportIpx = 1, kTransportTcpip = 2, kTransportNetbios = 4;
 void SetNetworkComponents(unsigned transports);
-// What the platform carries, the default of `kvtmon init`: TCP/IP and IPX.
-// NetBIOS joins here when the platform carries NetBIOS datagrams.
-constexpr unsigned kPlatformTransports = kTransportTcpip | kTransportIpx;
+// What the platform carries, the default of `kvtmon init`: all three.
+constexpr unsigned kPlatformTransports = kTransportTcpip | kTransportIpx | kTransportNetbios;
 // "tcpip,ipx" into protocol bits; false for an unknown name or an empty list.
 bool ParseTransports(const std::string &list, unsigned *transports);
 // "TCP/IP, IPX" for the bits.
@@ -98,8 +97,8 @@ int DiscoverCommand(int argc, char **argv);
 int ConfigureCommand(int argc, char **argv);
 
 // ---- discovery (discover.cpp) ------------------------------------------------------------
-// A print server as the monitor's search left it in its table (the IPX
-// search reads no queue names and no Type).
+// A print server as the monitor's search left it in its table (the IPX and
+// NetBIOS searches read no queue names and no Type).
 struct FoundServer {
     std::string name;
     uint32_t ipAddress = 0;  // network byte order
@@ -113,11 +112,11 @@ struct FoundServer {
 // The address as the monitor's lists show it: dotted, "Automatic IP" or
 // "TCP/IP Disabled".
 std::string AddressShown(const FoundServer &server);
-// Runs the search over TCP/IP (ipx false) or IPX in this process, through
+// Runs the search over "tcpip", "ipx" or "netbios" in this process, through
 // libkvtsearch.so (KVT_SEARCH_SO, else beside kvtmon), with a progress line
 // on a terminal when asked.  A process that runs it must not load
 // libkvt64.so.  The exit status.
-int SearchNetwork(std::vector<FoundServer> *found, bool ipx, bool progress, std::string *error);
+int SearchNetwork(std::vector<FoundServer> *found, const std::string &transport, bool progress, std::string *error);
 // Runs `kvtmon discover --json` as a child over this process's prefix, for a
 // process that has the monitor loaded or will load it.
 bool DiscoverInChild(std::vector<FoundServer> *found, std::string *error);

@@ -67,7 +67,7 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
         }
         std::string why;
         if (!ValidateFaults(config.lpr, &why) || !ValidateManagement(config, &why) ||
-            !ValidateIpxFaults(config.ipxFaults, &why)) {
+            !ValidateIpxFaults(config.ipxFaults, &why) || !ValidateChannelFaults(config.netbios.channel, &why)) {
             *error = "server " + config.name + ": " + why;
             return false;
         }
@@ -75,7 +75,7 @@ bool Emulator::Start(std::vector<ServerConfig> configs, std::string *error) {
     auto mgmt = std::make_shared<detail::MgmtServer>(configs);
     if (!mgmt->Open(error)) return false;
     auto ipx = std::make_shared<detail::IpxServer>(configs, ipxObserver_);  // opened once LPR listens
-    auto netbios = std::make_shared<detail::NbServer>(configs);
+    auto netbios = std::make_shared<detail::NbServer>(configs, netbiosObserver_);
     netbios->Open();
     std::vector<std::shared_ptr<detail::LprServer>> servers;
     for (auto &config : configs) {
@@ -268,11 +268,22 @@ NbTraffic Emulator::NetbiosTraffic() const {
 
 bool Emulator::SetNetbiosFaults(const std::string &server, const NbFaults &faults, std::string *error) {
     std::lock_guard<std::mutex> lock(mu_);
+    if (!ValidateChannelFaults(faults.channel, error)) return false;
     if (!netbios_ || !netbios_->SetFaults(server, faults)) {
         if (error) *error = "no server named " + server;
         return false;
     }
     return true;
+}
+
+void Emulator::SetNetbiosJobObserver(ChannelJobObserver observer) {
+    std::lock_guard<std::mutex> lock(mu_);
+    netbiosObserver_ = std::move(observer);
+}
+
+std::vector<ChannelJob> Emulator::NetbiosJobs(const std::string &server) const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return netbios_ ? netbios_->Jobs(server) : std::vector<ChannelJob>{};
 }
 
 }  // namespace kvtps

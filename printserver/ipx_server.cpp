@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
@@ -17,7 +16,6 @@ namespace {
 
 constexpr size_t kReadBuffer = 2048;  // a data frame is 1012 bytes at most
 constexpr int kDatagramsPerTurn = 64;
-constexpr uint8_t kReplyFlags = 0x80;
 constexpr uint16_t kSocketNumbers[5] = {kIpxMgmtSocket, kIpxConnectSocket, kIpxDataSockets[0], kIpxDataSockets[1],
                                         kIpxDataSockets[2]};
 
@@ -77,35 +75,30 @@ ssize_t Receive(int fd, std::vector<uint8_t> &buffer, sockaddr_in *from, in_addr
     return n;
 }
 
-uint32_t SequenceOf(const uint8_t *frame) {
-    return frame[8] | frame[9] << 8 | frame[10] << 16 | static_cast<uint32_t>(frame[11]) << 24;
-}
-
 }  // namespace
 
-std::string DescribeIpxJob(const IpxJob &job) {
-    char line[256];
-    std::snprintf(line, sizeof line,
-                  "%s IPX channel %d, port %d: %" PRIu64 " data bytes in %" PRIu64 " frames (%" PRIu64
-                  " seen again), fnv1a64 %016" PRIx64 ", %s",
-                  job.server.c_str(), job.channel, job.port, job.dataBytes, job.frames, job.duplicates,
-                  job.dataChecksum, job.hungUp ? "hung up" : "not hung up");
-    return line;
-}
+std::string DescribeIpxJob(const IpxJob &job) { return DescribeChannelJob(job, "IPX"); }
 
-bool ValidateIpxFaults(const IpxFaults &f, std::string *error) {
+bool ValidateChannelFaults(const ChannelFaults &f, std::string *error) {
     auto fail = [&](const std::string &message) {
         if (error) *error = message;
         return false;
     };
-    in_addr_t address;
     if (f.busyAnswers < 0) return fail("busy answers must not be negative");
     if (f.replyFlags < -1 || f.replyFlags > 255) return fail("reply flags are a byte");
     if (f.faultCount < -1) return fail("a fault count must be -1 or more");
-    if (f.faultReplies & ~kIpxReplyAll) return fail("unknown replies among those the faults change");
-    if (f.delayMs < 0 || f.delayMs > 600000) return fail("IPX delay must be 0..600000 ms");
-    if (f.replyNode && !NodeAddress(*f.replyNode, &address)) return fail("a reply node has the form 00-00-a-b-c-d");
+    if (f.faultReplies & ~kReplyAll) return fail("unknown replies among those the faults change");
     return true;
+}
+
+bool ValidateIpxFaults(const IpxFaults &f, std::string *error) {
+    in_addr_t address;
+    if (!ValidateChannelFaults(f, error)) return false;
+    const char *why = f.delayMs < 0 || f.delayMs > 600000 ? "IPX delay must be 0..600000 ms"
+                      : f.replyNode && !NodeAddress(*f.replyNode, &address) ? "a reply node has the form 00-00-a-b-c-d"
+                                                                            : nullptr;
+    if (why != nullptr && error != nullptr) *error = why;
+    return why == nullptr;
 }
 
 namespace detail {
@@ -118,8 +111,7 @@ IpxServer::IpxServer(const std::vector<ServerConfig> &configs, IpxJobObserver ob
         d.node = config.node ? *config.node : NodeFromAddress(config.address);
         d.address = config.address;
         d.onIpx = config.ipx && NodeAddress(d.node, &d.ipxAddress);
-        d.busyLeft = config.ipxFaults.busyAnswers;
-        d.faultLeft = config.ipxFaults.faultCount;
+        d.channel.Configure(config.name, config.storeData, config.ipxFaults);
         devices_.push_back(std::move(d));
     }
 }
@@ -138,7 +130,7 @@ bool IpxServer::Open(std::string *error) {
                 return false;  // the sockets opened so far close with the server
             }
         }
-        d.counters.listening = true;
+        d.listening = true;
     }
     if (!any) return true;
     wakeFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
@@ -163,7 +155,7 @@ void IpxServer::Stop() {
             if (fd >= 0) close(fd);
             fd = -1;
         }
-        d.counters.listening = false;
+        d.listening = false;
     }
     for (int *fd : {&sharedFd_, &wakeFd_}) {
         if (*fd >= 0) close(*fd);
@@ -241,33 +233,38 @@ void IpxServer::Take(Device *d, int kind, const uint8_t *bytes, size_t size, con
             if (each.onIpx) Take(&each, kind, bytes, size, from);
         return;
     }
+    ChannelCounters &counters = d->channel.counters;
     if (kind == 0) {
         if (size < 4 || bytes[0] != 0x00 || bytes[2] != 0xFF || bytes[3] != static_cast<uint8_t>(~bytes[1])) {
-            ++d->counters.malformed;
+            ++counters.malformed;
             return;
         }
         Management(*d, bytes[1], from);
         return;
     }
     const bool frame = size >= kChannelHeaderBytes && bytes[0] == 0x50 && bytes[1] == 0x53 && bytes[2] == 0x00;
-    if (kind == 1) {
-        if (frame && bytes[3] == kChannelConnect && bytes[4] >= 1 && bytes[4] <= 3) Connect(*d, bytes, from);
-        else ++d->counters.malformed;
-        return;
-    }
-    // A data socket takes the frames of its own printer port.
+    // The connect socket takes connects, a data socket the frames of its own printer port.
     const int port = kind - 1;
-    if (frame && bytes[4] == port && (bytes[3] == kChannelData || bytes[3] == kChannelHangup))
-        Data(*d, port, bytes, size, from);
-    else
-        ++d->counters.malformed;
+    unsigned reply = 0;
+    std::string bytesOut;
+    if (kind == 1 && frame && bytes[3] == kChannelConnect && bytes[4] >= 1 && bytes[4] <= 3) {
+        bytesOut = d->channel.Connect(bytes);
+        reply = kReplyConnect;
+    } else if (kind > 1 && frame && bytes[4] == port && (bytes[3] == kChannelData || bytes[3] == kChannelHangup)) {
+        bytesOut = d->channel.Data(port, bytes, size);
+        reply = bytes[3] == kChannelData ? kReplyData : kReplyHangup;
+    } else {
+        ++counters.malformed;
+    }
+    for (ChannelJob &job : d->channel.TakeEnded()) ended_.push_back(std::move(job));
+    if (!bytesOut.empty()) Reply(*d, d->fds[kind == 1 ? 1 : port + 1], reply, std::move(bytesOut), from);
 }
 
 void IpxServer::Management(Device &d, uint8_t command, const sockaddr_in &from) {
-    if (command == kMgmtSearch) ++d.counters.search;
-    if (command == kMgmtReadEeprom) ++d.counters.readEeprom;
+    if (command == kMgmtSearch) ++d.search;
+    if (command == kMgmtReadEeprom) ++d.readEeprom;
     if (d.config.ipxFaults.silent || (command != kMgmtSearch && command != kMgmtReadEeprom)) {
-        ++d.counters.unanswered;
+        ++d.channel.counters.unanswered;
         return;
     }
     // The reply of UDP without its node prefix; the UDP faults don't apply.
@@ -275,116 +272,15 @@ void IpxServer::Management(Device &d, uint8_t command, const sockaddr_in &from) 
     plain.management = true;
     plain.mgmt = MgmtFaults{};
     std::string reply = BuildMgmtReply(plain, d.node, d.address, command);
-    Reply(d, d.fds[0], kIpxReplyManagement, reply.substr(6), from);
-}
-
-void IpxServer::Connect(Device &d, const uint8_t *frame, const sockaddr_in &from) {
-    ++d.counters.connects;
-    // A silent server still gives its busy answers: busy, then silent.
-    if (d.config.ipxFaults.silent && d.busyLeft == 0) {
-        ++d.counters.unanswered;
-        return;
-    }
-    const int port = frame[4];
-    Channel &c = d.channels[port - 1];
-    uint8_t id;
-    if (d.busyLeft > 0) {
-        --d.busyLeft;
-        ++d.counters.busyAnswers;
-        id = 0;
-    } else if (c.open && d.jobs[c.job].frames == 0 && d.jobs[c.job].duplicates == 0) {
-        id = c.id;  // the connect again, its answer lost: the same channel
-    } else {
-        if (c.open) EndJob(d, c, false);
-        c = Channel{true, d.nextId, 0, d.jobs.size(), c.closedId, std::string()};
-        d.nextId = d.nextId == 254 ? 1 : d.nextId + 1;
-        IpxJob job;
-        job.server = d.config.name;
-        job.port = port;
-        job.channel = c.id;
-        d.jobs.push_back(job);
-        id = c.id;
-    }
-    std::string reply(reinterpret_cast<const char *>(frame), kChannelHeaderBytes);
-    reply[2] = static_cast<char>(kReplyFlags);
-    reply[5] = static_cast<char>(id);
-    Reply(d, d.fds[1], kIpxReplyConnect, reply, from);
-}
-
-void IpxServer::Data(Device &d, int port, const uint8_t *frame, size_t size, const sockaddr_in &from) {
-    const IpxFaults &f = d.config.ipxFaults;
-    Channel &c = d.channels[port - 1];
-    const bool data = frame[3] == kChannelData;
-    const uint8_t id = frame[5];
-    if (data) {
-        ++d.counters.dataFrames;
-        if (f.dropDataEvery > 0 && ++d.dataSeen % f.dropDataEvery == 0) {
-            ++d.counters.droppedFrames;
-            return;
-        }
-    } else {
-        ++d.counters.hangups;
-    }
-    const uint32_t sequence = SequenceOf(frame);
-    // A data frame for the open channel, new or seen again, or a hang-up of
-    // it (again, after its answer was lost); nothing else is answered.
-    const bool known = c.open ? id == c.id && (!data || sequence <= c.next) : !data && id != 0 && id == c.closedId;
-    if (f.silent || !known) {
-        ++d.counters.unanswered;
-        return;
-    }
-    if (data && sequence == c.next) {
-        IpxJob &job = d.jobs[c.job];
-        const size_t payload = size - kChannelHeaderBytes;
-        if (d.config.storeData) job.data.append(reinterpret_cast<const char *>(frame) + kChannelHeaderBytes, payload);
-        job.dataBytes += payload;
-        job.dataChecksum = Fnv1a64(frame + kChannelHeaderBytes, payload, job.dataChecksum);
-        ++job.frames;
-        ++c.next;
-        c.last.assign(reinterpret_cast<const char *>(frame), size);
-    } else if (data) {
-        IpxJob &job = d.jobs[c.job];
-        ++job.duplicates;
-        ++d.counters.duplicates;
-        if (sequence + 1 == c.next && std::string(reinterpret_cast<const char *>(frame), size) != c.last)
-            ++job.changedRepeats;
-    } else if (c.open) {
-        EndJob(d, c, true);
-        c.closedId = id;
-    }
-    std::string reply(reinterpret_cast<const char *>(frame), kChannelHeaderBytes);
-    reply[2] = static_cast<char>(kReplyFlags);
-    Reply(d, d.fds[port + 1], data ? kIpxReplyData : kIpxReplyHangup, reply, from);
-}
-
-void IpxServer::EndJob(Device &d, Channel &c, bool hungUp) {
-    d.jobs[c.job].hungUp = hungUp;
-    c.open = false;
-    ended_.push_back(d.jobs[c.job]);
+    Reply(d, d.fds[0], kReplyManagement, reply.substr(6), from);
 }
 
 void IpxServer::Reply(Device &d, int fd, unsigned kind, std::string bytes, const sockaddr_in &to) {
     const IpxFaults &f = d.config.ipxFaults;
-    in_addr_t from = d.ipxAddress;
-    if ((f.faultReplies & kind) && d.faultLeft != 0) {
-        bool changed = false;
-        if (kind != kIpxReplyManagement) {
-            if (f.replyFlags >= 0) bytes[2] = static_cast<char>(f.replyFlags), changed = true;
-            if (f.wrongSequence) {
-                uint32_t next = SequenceOf(reinterpret_cast<const uint8_t *>(bytes.data())) + 1;
-                for (int i = 0; i < 4; ++i) bytes[8 + i] = static_cast<char>(next >> (8 * i));
-                changed = true;
-            }
-            if (f.otherPort) bytes[4] = static_cast<char>(bytes[4] % 3 + 1), changed = true;
-        }
-        if (f.replyNode && NodeAddress(*f.replyNode, &from)) changed = true;
-        if (changed && d.faultLeft > 0) --d.faultLeft;
-    }
-    if (f.dropReplyEvery > 0 && ++d.repliesSeen % f.dropReplyEvery == 0) {
-        ++d.counters.droppedReplies;
-        return;
-    }
-    ++d.counters.replies;
+    in_addr_t other = 0;
+    bool otherNode = false;
+    if (!d.channel.Shape(kind, &bytes, f.replyNode && NodeAddress(*f.replyNode, &other), &otherNode)) return;
+    const in_addr_t from = otherNode ? other : d.ipxAddress;
     if (f.delayMs > 0) pending_.push_back({Clock::now() + std::chrono::milliseconds(f.delayMs), fd, bytes, to, from});
     else Send(fd, bytes, to, from);
 }
@@ -430,13 +326,19 @@ bool IpxServer::Has(const std::string &server) const {
 std::vector<IpxJob> IpxServer::Jobs(const std::string &server) const {
     std::lock_guard<std::mutex> lock(mu_);
     const Device *d = Find(server);
-    return d ? d->jobs : std::vector<IpxJob>{};
+    return d ? d->channel.jobs : std::vector<IpxJob>{};
 }
 
 IpxCounters IpxServer::Counters(const std::string &server) const {
     std::lock_guard<std::mutex> lock(mu_);
     const Device *d = Find(server);
-    return d ? d->counters : IpxCounters{};
+    IpxCounters counters;
+    if (d == nullptr) return counters;
+    static_cast<ChannelCounters &>(counters) = d->channel.counters;
+    counters.search = d->search;
+    counters.readEeprom = d->readEeprom;
+    counters.listening = d->listening;
+    return counters;
 }
 
 IpxFaults IpxServer::Faults(const std::string &server) const {
@@ -449,9 +351,7 @@ void IpxServer::SetFaults(const std::string &server, const IpxFaults &faults) {
     std::lock_guard<std::mutex> lock(mu_);
     if (Device *d = Find(server)) {
         d->config.ipxFaults = faults;
-        d->busyLeft = faults.busyAnswers;
-        d->faultLeft = faults.faultCount;
-        d->dataSeen = d->repliesSeen = 0;
+        d->channel.SetFaults(faults);
     }
 }
 

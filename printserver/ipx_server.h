@@ -14,6 +14,7 @@
 
 #include <netinet/in.h>
 
+#include "channel_side.h"
 #include "kvtps.h"
 
 namespace kvtps::detail {
@@ -43,14 +44,6 @@ private:
     using Clock = std::chrono::steady_clock;
     static constexpr int kSockets = 5;  // management, connect, data of ports 1 to 3
 
-    struct Channel {
-        bool open = false;
-        uint8_t id = 0;
-        uint32_t next = 0;     // the sequence number the next new frame carries
-        size_t job = 0;        // its job in Device::jobs
-        uint8_t closedId = 0;  // the last channel hung up, for a repeated hang-up
-        std::string last;      // the last frame stored, to compare its repeats with
-    };
     struct Device {
         ServerConfig config;
         NodeId node{};
@@ -58,12 +51,9 @@ private:
         in_addr_t ipxAddress = 0;  // the address its node names
         std::string address;       // its current address, for the EEPROM image
         int fds[kSockets] = {-1, -1, -1, -1, -1};
-        IpxCounters counters;
-        Channel channels[3];
-        uint8_t nextId = 1;
-        int busyLeft = 0, faultLeft = -1;
-        uint64_t dataSeen = 0, repliesSeen = 0;
-        std::vector<IpxJob> jobs;
+        uint64_t search = 0, readEeprom = 0;
+        bool listening = false;
+        ChannelSide channel;       // its counters hold those of the management queries too
     };
     struct Pending {
         Clock::time_point due;
@@ -79,9 +69,6 @@ private:
     // d, or for every device when d is null (the shared socket).
     void Take(Device *d, int kind, const uint8_t *bytes, size_t size, const sockaddr_in &from);
     void Management(Device &d, uint8_t command, const sockaddr_in &from);
-    void Connect(Device &d, const uint8_t *frame, const sockaddr_in &from);
-    void Data(Device &d, int port, const uint8_t *frame, size_t size, const sockaddr_in &from);
-    void EndJob(Device &d, Channel &c, bool hungUp);
     void Reply(Device &d, int fd, unsigned kind, std::string bytes, const sockaddr_in &to);
     static void Send(int fd, const std::string &bytes, const sockaddr_in &to, in_addr_t from);
     Device *Find(const std::string &server);

@@ -133,7 +133,8 @@ struct MgmtFaults {
 // with ".CFG", and is a member of the group KVTR.GROUP.  It answers MgmtSearch
 // sent to the group or to its name, and MgmtReadEEPROM sent to its ".CFG"
 // name: queries "PS" 00 00 00 CMD FF ~CMD, replies "PS" 80 00, the head and
-// the body (the management faults apply to them as over UDP).
+// the body (the management faults apply to them as over UDP).  Print
+// channel frames sent to its name are answered to the sender's name.
 inline constexpr char kNbGroupName[] = "KVTR.GROUP";
 
 // How a server takes part in NetBIOS.  enabled counts at the start; the others
@@ -143,6 +144,7 @@ struct NbFaults {
     bool groupOnly = false;  // answers only what is sent to KVTR.GROUP
     std::string replyName;   // replies come from this name (empty: its own)
     int lateMs = 0;          // replies go out this late, in the monitor's milliseconds (KVT_TIMESCALE)
+    ChannelFaults channel;   // the print channel's, as over IPX
 };
 
 // What one server was sent to its names, by what it was.
@@ -153,6 +155,7 @@ struct NbCounters {
     uint64_t other = 0;          // anything else to one of its names
     uint64_t replies = 0;
     uint64_t unanswered = 0;     // queries it let pass (group only, silent, not among its answers)
+    ChannelCounters channel;     // the print channel's frames to its name
 };
 
 struct NbTraffic {
@@ -351,6 +354,10 @@ public:
     NbCounters NetbiosCounters(const std::string &server) const;
     NbTraffic NetbiosTraffic() const;
     bool SetNetbiosFaults(const std::string &server, const NbFaults &faults, std::string *error = nullptr);
+    // Set before Start; called for each NetBIOS print channel job as it ends.
+    void SetNetbiosJobObserver(ChannelJobObserver observer);
+    // Every channel the server opened over NetBIOS, in order, the open ones too.
+    std::vector<ChannelJob> NetbiosJobs(const std::string &server) const;
 
 private:
     std::shared_ptr<detail::LprServer> Find(const std::string &server) const;
@@ -364,12 +371,14 @@ private:
     std::shared_ptr<detail::NbServer> netbios_;
     JobObserver observer_;
     IpxJobObserver ipxObserver_;
+    ChannelJobObserver netbiosObserver_;
     bool running_ = false;
 };
 
 // Checks a configuration's values; false with a message naming what is wrong.
 bool ValidateFaults(const LprFaults &faults, std::string *error);
 bool ValidateManagement(const ServerConfig &config, std::string *error);
+bool ValidateChannelFaults(const ChannelFaults &faults, std::string *error);
 bool ValidateIpxFaults(const IpxFaults &faults, std::string *error);
 
 // The reply a server sends to a command, faults applied; empty when it

@@ -31,13 +31,14 @@ bool ReadConfigFile(const std::string &path, std::vector<ServerConfig> *servers,
 
 const char *UsageText();
 
-// The IPX settings (ipx_options.cpp): their part of the usage text, whether a
-// long option is one of them (and takes no value), and one setting applied;
-// false with *known false when key is none of them.
-const char *IpxUsageText();
-bool IsIpxOption(const std::string &name, bool *isFlag);
-bool ApplyIpxSetting(ServerConfig *s, const std::string &key, const std::string &value, bool fromFlag, bool *known,
-                     std::string *error);
+// The print channel's settings over IPX and NetBIOS, with IPX's own
+// (channel_options.cpp): their part of the usage text, whether a long option
+// is one of them (and takes no value), and one setting applied; false with
+// *known false when key is none of them.
+const char *ChannelUsageText();
+bool IsChannelOption(const std::string &name, bool *isFlag);
+bool ApplyChannelSetting(ServerConfig *s, const std::string &key, const std::string &value, bool fromFlag,
+                         bool *known, std::string *error);
 
 // One line describing a stored job: server, connection, queue, control lines,
 // data byte count, checksum, outcome.

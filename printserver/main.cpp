@@ -40,10 +40,13 @@ void PrintSummary(const kvtps::Emulator &emulator) {
                     static_cast<unsigned long long>(x.replies));
         kvtps::NbCounters n = emulator.NetbiosCounters(name);
         std::printf("kvtps: %s: NetBIOS queries: %llu search to the group, %llu to its name, %llu EEPROM; "
-                    "%llu replies\n",
+                    "%llu replies; channel: %llu connects, %llu data frames, %llu hang-ups; %llu replies\n",
                     name.c_str(), static_cast<unsigned long long>(n.groupSearch),
                     static_cast<unsigned long long>(n.nameSearch), static_cast<unsigned long long>(n.cfgReadEeprom),
-                    static_cast<unsigned long long>(n.replies));
+                    static_cast<unsigned long long>(n.replies), static_cast<unsigned long long>(n.channel.connects),
+                    static_cast<unsigned long long>(n.channel.dataFrames),
+                    static_cast<unsigned long long>(n.channel.hangups),
+                    static_cast<unsigned long long>(n.channel.replies));
     }
 }
 
@@ -119,11 +122,15 @@ int main(int argc, char **argv) {
         if (!spooled) std::fprintf(stderr, "kvtps: %s\n", why.c_str());
         std::fflush(stdout);
     });
-    emulator.SetIpxJobObserver([&](const kvtps::IpxJob &job) {
-        std::lock_guard<std::mutex> lock(outputLock);
-        if (!options.quiet) std::printf("%s\n", kvtps::DescribeIpxJob(job).c_str());
-        std::fflush(stdout);
-    });
+    for (const char *carrier : {"IPX", "NetBIOS"}) {
+        auto print = [&, carrier](const kvtps::ChannelJob &job) {
+            std::lock_guard<std::mutex> lock(outputLock);
+            if (!options.quiet) std::printf("%s\n", kvtps::DescribeChannelJob(job, carrier).c_str());
+            std::fflush(stdout);
+        };
+        if (carrier[0] == 'I') emulator.SetIpxJobObserver(print);
+        else emulator.SetNetbiosJobObserver(print);
+    }
     if (!emulator.Start(options.servers, &error)) {
         std::fprintf(stderr, "kvtps: %s\n", error.c_str());
         return 1;

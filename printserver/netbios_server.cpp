@@ -41,6 +41,13 @@ constexpr size_t kQueryBytes = 8;  // "PS" 00 00, then 00 CMD FF ~CMD
 
 std::string Errno(const char *what) { return std::string(what) + ": " + std::strerror(errno); }
 
+// A print channel frame: "PS", Flags 0, a connect, data or hang-up, 12 bytes at least.
+bool IsFrame(const std::string &data) {
+    const auto *q = reinterpret_cast<const uint8_t *>(data.data());
+    return data.size() >= kChannelHeaderBytes && q[0] == 'P' && q[1] == 'S' && q[2] == 0 &&
+           (q[3] == kChannelConnect || q[3] == kChannelData || q[3] == kChannelHangup);
+}
+
 // The command of a management query over NetBIOS; -1 for anything else.
 int QueryCommand(const std::string &data) {
     const auto *q = reinterpret_cast<const uint8_t *>(data.data());
@@ -52,7 +59,8 @@ int QueryCommand(const std::string &data) {
 
 }  // namespace
 
-NbServer::NbServer(const std::vector<ServerConfig> &configs) {
+NbServer::NbServer(const std::vector<ServerConfig> &configs, ChannelJobObserver observer)
+    : observer_(std::move(observer)) {
     for (const auto &config : configs) {
         Device d;
         d.config = config;
@@ -60,6 +68,7 @@ NbServer::NbServer(const std::vector<ServerConfig> &configs) {
         d.address = config.address;
         d.name = kvtnb::MakeName(NbName(config));
         d.cfgName = kvtnb::MakeName(NbCfgName(config));
+        d.channel.Configure(config.name, config.storeData, config.netbios.channel);
         devices_.push_back(std::move(d));
     }
 }
@@ -145,10 +154,16 @@ void NbServer::Loop() {
             ssize_t n = recv(fd_, buffer.data(), buffer.size(), 0);
             if (n < 0) break;
             kvtnb::Datagram d;
-            std::lock_guard<std::mutex> lock(mu_);
-            ++traffic_.datagrams;
-            if (kvtnb::DecodeDatagram(buffer.data(), static_cast<size_t>(n), &d)) Answer(d);
-            else ++traffic_.malformed;
+            std::vector<ChannelJob> ended;
+            {
+                std::lock_guard<std::mutex> lock(mu_);
+                ++traffic_.datagrams;
+                if (kvtnb::DecodeDatagram(buffer.data(), static_cast<size_t>(n), &d)) Answer(d);
+                else ++traffic_.malformed;
+                ended.swap(ended_);
+            }
+            if (observer_)
+                for (const ChannelJob &job : ended) observer_(job);
         }
         SendDue();
     }
@@ -163,6 +178,11 @@ void NbServer::Answer(const kvtnb::Datagram &d) {
         const bool toGroup = d.destination == group, toName = d.destination == dev.name,
                    toCfg = d.destination == dev.cfgName;
         if (!toGroup && !toName && !toCfg) continue;
+        if (toName && IsFrame(d.data) && !f.groupOnly) {
+            std::string reply = Frame(dev, d.data);
+            if (!reply.empty()) Queue(dev, d.source, std::move(reply));
+            continue;
+        }
         bool asked = false;
         if (command == kMgmtSearch && toGroup) ++dev.counters.groupSearch, asked = true;
         else if (command == kMgmtSearch && toName) ++dev.counters.nameSearch, asked = true;
@@ -176,19 +196,40 @@ void NbServer::Answer(const kvtnb::Datagram &d) {
             continue;
         }
         ++dev.counters.replies;
-        kvtnb::Datagram reply;
-        reply.type = kvtnb::DatagramType::DirectUnique;  // the sender's own name
-        reply.id = nextId_++;
-        in_addr a{};
-        inet_pton(AF_INET, dev.address.c_str(), &a);
-        reply.sourceIp = ntohl(a.s_addr);
-        reply.source = f.replyName.empty() ? dev.name : kvtnb::MakeName(f.replyName);
-        reply.destination = d.source;
-        reply.data = std::move(data);
-        // Late by the monitor's milliseconds: its clock runs at KVT_TIMESCALE.
-        auto late = std::chrono::microseconds(std::llround(f.lateMs * 1000.0 * kvthost::TimeScale()));
-        replies_.push_back({Clock::now() + late, kvtnb::EncodeDatagram(reply), dev.address});
+        Queue(dev, d.source, std::move(data));
     }
+}
+
+std::string NbServer::Frame(Device &dev, const std::string &data) {
+    const auto *frame = reinterpret_cast<const uint8_t *>(data.data());
+    const int port = frame[4];
+    std::string reply;
+    unsigned kind = kReplyConnect;
+    if (port < 1 || port > 3) ++dev.channel.counters.malformed;
+    else if (frame[3] == kChannelConnect) reply = dev.channel.Connect(frame);
+    else reply = dev.channel.Data(port, frame, data.size()), kind = frame[3] == kChannelData ? kReplyData : kReplyHangup;
+    for (ChannelJob &job : dev.channel.TakeEnded()) ended_.push_back(std::move(job));
+    bool ignored;
+    if (reply.empty() || !dev.channel.Shape(kind, &reply, false, &ignored)) return "";
+    return reply;
+}
+
+// A reply to the sender's name (direct unique: one station's own), from the
+// device's name or the one its knob gives, late by the knob.
+void NbServer::Queue(const Device &dev, const kvtnb::Name &to, std::string data) {
+    const NbFaults &f = dev.config.netbios;
+    kvtnb::Datagram reply;
+    reply.type = kvtnb::DatagramType::DirectUnique;
+    reply.id = nextId_++;
+    in_addr a{};
+    inet_pton(AF_INET, dev.address.c_str(), &a);
+    reply.sourceIp = ntohl(a.s_addr);
+    reply.source = f.replyName.empty() ? dev.name : kvtnb::MakeName(f.replyName);
+    reply.destination = to;
+    reply.data = std::move(data);
+    // Late by the monitor's milliseconds: its clock runs at KVT_TIMESCALE.
+    auto late = std::chrono::microseconds(std::llround(f.lateMs * 1000.0 * kvthost::TimeScale()));
+    replies_.push_back({Clock::now() + late, kvtnb::EncodeDatagram(reply), dev.address});
 }
 
 void NbServer::SendDue() {
@@ -246,7 +287,22 @@ void NbServer::SetAddress(const std::string &server, const std::string &address)
 NbCounters NbServer::Counters(const std::string &server) const {
     std::lock_guard<std::mutex> lock(mu_);
     const Device *d = Find(server);
-    return d ? d->counters : NbCounters{};
+    NbCounters counters = d ? d->counters : NbCounters{};
+    if (d != nullptr) counters.channel = d->channel.counters;
+    return counters;
+}
+
+std::vector<ChannelJob> NbServer::Jobs(const std::string &server) const {
+    std::lock_guard<std::mutex> lock(mu_);
+    const Device *d = Find(server);
+    return d ? d->channel.jobs : std::vector<ChannelJob>{};
+}
+
+void NbServer::Take(const kvtnb::Datagram &datagram) {
+    std::lock_guard<std::mutex> lock(mu_);
+    Answer(datagram);
+    replies_.clear();
+    ended_.clear();
 }
 
 NbTraffic NbServer::Traffic() const {
@@ -265,6 +321,7 @@ bool NbServer::SetFaults(const std::string &server, const NbFaults &faults) {
     Device *d = Find(server);
     if (d == nullptr) return false;
     d->config.netbios = faults;
+    d->channel.SetFaults(faults.channel);
     return true;
 }
 

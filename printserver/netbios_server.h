@@ -3,6 +3,7 @@
 // datagrams broadcast there and lets each server answer what is addressed to
 // a name it holds: its own name, its ".CFG" name and the group KVTR.GROUP.
 // Replies go to the sender's name, broadcast from the server's own address.
+// Print channel frames to its own name go to its ChannelSide.
 // The devices (names, address, knobs, counters) are guarded by mu_.
 #pragma once
 
@@ -12,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "channel_side.h"
 #include "kvtnetbios.h"
 #include "kvtps.h"
 
@@ -19,7 +21,7 @@ namespace kvtps::detail {
 
 class NbServer {
 public:
-    explicit NbServer(const std::vector<ServerConfig> &configs);
+    NbServer(const std::vector<ServerConfig> &configs, ChannelJobObserver observer);
     ~NbServer();
     NbServer(const NbServer &) = delete;
     NbServer &operator=(const NbServer &) = delete;
@@ -36,6 +38,9 @@ public:
     NbTraffic Traffic() const;
     NbFaults Faults(const std::string &server) const;
     bool SetFaults(const std::string &server, const NbFaults &faults);
+    std::vector<ChannelJob> Jobs(const std::string &server) const;
+    // A datagram taken as its thread takes one, its replies and ended jobs dropped.
+    void Take(const kvtnb::Datagram &datagram);
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -45,6 +50,7 @@ private:
         std::string address;
         kvtnb::Name name{}, cfgName{};
         NbCounters counters;
+        ChannelSide channel;
     };
     struct Reply {
         Clock::time_point due;
@@ -55,6 +61,9 @@ private:
     void Loop();
     void Wake();
     void Answer(const kvtnb::Datagram &datagram);  // queues the replies, with mu_ held
+    // A print channel frame to the device's name: its reply, or "" for none.
+    std::string Frame(Device &dev, const std::string &data);
+    void Queue(const Device &dev, const kvtnb::Name &to, std::string data);
     void SendDue();                                // sends the replies whose time has come
     Device *Find(const std::string &server);       // with mu_ held
     const Device *Find(const std::string &server) const;
@@ -62,6 +71,7 @@ private:
     int fd_ = -1;
     int wakeFd_ = -1;
     std::thread thread_;
+    ChannelJobObserver observer_;
 
     mutable std::mutex mu_;
     bool stopping_ = false;
@@ -69,6 +79,7 @@ private:
     std::vector<Reply> replies_;
     uint16_t nextId_ = 1;
     NbTraffic traffic_;
+    std::vector<ChannelJob> ended_;  // jobs to hand to the observer, outside mu_
 };
 
 }  // namespace kvtps::detail

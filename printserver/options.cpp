@@ -287,7 +287,7 @@ bool ApplySetting(ServerConfig *s, const std::string &key, const std::string &va
     bool known = false;
     if (ApplyDeviceSetting(s, key, value, fromFlag, &known, error)) return true;
     if (known) return false;
-    if (ApplyIpxSetting(s, key, value, fromFlag, &known, error)) return true;
+    if (ApplyChannelSetting(s, key, value, fromFlag, &known, error)) return true;
     if (known) return false;
     if (ApplyNetbiosSetting(s, key, value, fromFlag, &known, error)) return true;
     if (known) return false;
@@ -382,7 +382,7 @@ ServerConfig *FindServer(std::vector<ServerConfig> &servers, const std::string &
 }  // namespace
 
 const char *UsageText() {
-    static const std::string text = std::string(kUsage) + IpxUsageText() + kUsageProgram;
+    static const std::string text = std::string(kUsage) + ChannelUsageText() + kUsageProgram;
     return text.c_str();
 }
 
@@ -485,7 +485,7 @@ bool ParseCommandLine(const std::vector<std::string> &args, ProgramOptions *opti
             if (value.empty()) return Fail(error, "--spool wants a directory");
             options->spoolDir = value;
         } else if (bool ipxFlag; std::find(std::begin(kKnobs), std::end(kKnobs), name) != std::end(kKnobs) ||
-                                 IsIpxOption(name, &ipxFlag)) {
+                                 IsChannelOption(name, &ipxFlag)) {
             if (!takeValue()) return false;
             knobs.push_back({name, value});
         } else {
@@ -497,7 +497,7 @@ bool ParseCommandLine(const std::vector<std::string> &args, ProgramOptions *opti
         bool ipxFlag = false;
         const bool flag = knob.key == "refuse" || knob.key == "silent" || knob.key == "count-only" ||
                           knob.key == "no-management" || knob.key == "mgmt-silent" ||
-                          (IsIpxOption(knob.key, &ipxFlag) && ipxFlag) ||
+                          (IsChannelOption(knob.key, &ipxFlag) && ipxFlag) ||
                           knob.key == "no-netbios" || knob.key == "nb-group-only";
         std::string server = knob.argument, value;
         if (!flag) {

@@ -1,7 +1,7 @@
 // The C interface of libkvtsearch.so, the monitor built for `kvtmon discover`:
 // the host loads it instead of libkvt64.so, starts it with
-// InitializePrintMonitor and calls KvtSearchTcpip or KvtSearchIpx, which run
-// the monitor's TCP/IP or IPX search from an empty table and copy out what it
+// InitializePrintMonitor and calls KvtSearchTcpip, KvtSearchIpx or
+// KvtSearchNetbios, which run the monitor's search from an empty table and copy out what it
 // found.
 #pragma once
 
@@ -22,8 +22,10 @@ typedef struct KvtFoundServer {
 } KvtFoundServer;
 
 // Fills up to max records; returns how many the search found, or -1 when its
-// socket could not be set up.  KvtSearchIpx runs IPXSearch(3, 1): it leaves
-// no queue names and Type 0.
-typedef int (*KvtSearchTcpipFn)(KvtFoundServer *out, int max);  // both searches
+// socket could not be set up.  KvtSearchIpx runs IPXSearch(3, 1), and
+// KvtSearchNetbios NBStartup (unless it has run) and NBSearch: they leave no
+// queue names and Type 0.
+typedef int (*KvtSearchTcpipFn)(KvtFoundServer *out, int max);  // every search
 #define KVT_SEARCH_FUNCTION "KvtSearchTcpip"
 #define KVT_SEARCH_IPX_FUNCTION "KvtSearchIpx"
+#define KVT_SEARCH_NETBIOS_FUNCTION "KvtSearchNetbios"

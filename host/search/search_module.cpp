@@ -1,11 +1,13 @@
-// The calls of libkvtsearch.so beside start-up: the TCP/IP search and the IPX
-// search, as the add-port flow runs them (TotalPrintServer set to 0 first,
+// The calls of libkvtsearch.so beside start-up: the TCP/IP, IPX and NetBIOS
+// searches, as the add-port flow runs them (TotalPrintServer set to 0 first,
 // the table read afterwards), with the records copied into the host's own form.
 #include <string.h>
 
 #include "availps.h"
 #include "discovery.h"
 #include "kvtsearch.h"
+#include "monitor.h"
+#include "nbstartup.h"
 
 // Runs the search from an empty table under the table's lock and copies out
 // what it found; -1 when the search could not set up its socket.
@@ -42,6 +44,15 @@ static int SearchAndCopy(BOOL (*search)(void), KvtFoundServer *out, int max) {
 // The IPX dialogs' search: three passes, then every server's EEPROM image.
 static BOOL IpxDialogSearch(void) { return IPXSearch(3, 1); }
 
+// The NetBIOS dialogs' search, after the start-up that finds the working
+// LANA; without one there is no Name0 to ask from, and nothing is found.
+static BOOL NetbiosDialogSearch(void) {
+    if (!bStartup) bStartup = NBStartup();
+    return !bStartup || NBSearch();
+}
+
 extern "C" int KvtSearchTcpip(KvtFoundServer *out, int max) { return SearchAndCopy(TCPSearch, out, max); }
 
 extern "C" int KvtSearchIpx(KvtFoundServer *out, int max) { return SearchAndCopy(IpxDialogSearch, out, max); }
+
+extern "C" int KvtSearchNetbios(KvtFoundServer *out, int max) { return SearchAndCopy(NetbiosDialogSearch, out, max); }

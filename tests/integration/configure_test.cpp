@@ -79,7 +79,7 @@ TEST_F(KvtmonConfigure, AnswersAreTypedIntoTheDialogAndWhatIsStoredIsShown) {
 }
 
 TEST_F(KvtmonConfigure, APersonAtTheTerminalChoosesTypesAndPressesOK) {
-    ASSERT_EQ(Kvtmon({"init", "--debug"}).status, 0);  // the start-up box comes first, and waits
+    ASSERT_EQ(Kvtmon({"init", "--transports", "tcpip,ipx", "--debug"}).status, 0);  // the start-up box comes first
     StartTerminal();
     EXPECT_EQ(WaitFor("Starting DEBUG mode").find("Select Protocol"), std::string::npos);
     Tmux("send-keys Enter");

@@ -67,8 +67,8 @@ INSTANTIATE_TEST_SUITE_P(
     , NetbiosAnswers,
     ::testing::Values(AskCase{"SearchToItsName", {}, "PS1", kMgmtSearch, "PS1"},
                       AskCase{"EepromReadToItsCfgName", {}, "PS1.CFG", kMgmtReadEeprom, "PS1"},
-                      AskCase{"GroupOnlyLeavesItsName", {true, true, "", 0}, "PS1", kMgmtSearch, nullptr},
-                      AskCase{"FromAnotherName", {true, false, "ELSEWHERE", 0}, kNbGroupName, kMgmtSearch, "ELSEWHERE"}),
+                      AskCase{"GroupOnlyLeavesItsName", {true, true, "", 0, {}}, "PS1", kMgmtSearch, nullptr},
+                      AskCase{"FromAnotherName", {true, false, "ELSEWHERE", 0, {}}, kNbGroupName, kMgmtSearch, "ELSEWHERE"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 // Captured on the private network's loopback.  The group's name may be

@@ -65,7 +65,7 @@ TEST_P(DeletesOnSeveralThreads, NoDeleteGoesThroughBeforeTheJobLetsGo) {
     options.netbios = true;  // an automatic port falls over from TCP/IP
     options.debug = false;   // four threads at the log would only show boxes
     PINIPORT port = StartPort(options);
-    StartServer(delivered ? Faults(1, 0) : Faults(0, 1));
+    StartServer(delivered ? Faults(1, 0) : Faults(0, 1), delivered);
     std::atomic<bool> released{false}, stop{false};
     std::atomic<int> deleted{0}, early{0};
     std::vector<std::thread> deleters;

@@ -210,7 +210,8 @@ TEST_F(IpxJob, TheBusyLimitANameWithoutAPrinterPortAndDeletedJobs) {
             ASSERT_EQ(busyLines.size(), c.started ? 60u : 61u);
             EXPECT_EQ(busyLines.back(), std::string("PrintServer response still busy , sleep 500 ms (timeout=") +
                                             (c.started ? "59)" : "60)"));
-            EXPECT_EQ(LogLinesStartingWith("Connect fail").size(), c.started ? 0u : 1u);
+            // A name without a printer port falls over to NetBIOS, which fails it as well.
+            EXPECT_EQ(LogLinesStartingWith("Connect fail").size(), c.started ? 0u : c.noPort ? 2u : 1u);
         }
         // A connect answered with a channel late is sent again: there may be a few more.
         const bool exact = !c.started && (c.busyConnects > 0 || c.noPort);

@@ -42,13 +42,14 @@ protected:
         return PortListHead;
     }
 
-    // PS1 at 127.0.0.2, on IPX unless told otherwise.
-    void StartServer(const kvtps::LprFaults &faults = kvtps::LprFaults(), bool ipx = true) {
+    // PS1 at 127.0.0.2, on IPX and NetBIOS unless told otherwise.
+    void StartServer(const kvtps::LprFaults &faults = kvtps::LprFaults(), bool channels = true) {
         kvtps::ServerConfig config;
         config.name = "PS1";
         config.address = "127.0.0.2";
         config.lpr = faults;
-        config.ipx = ipx;
+        config.ipx = channels;
+        config.netbios.enabled = channels;
         std::string error;
         ASSERT_TRUE(emulator.Start({config}, &error)) << error;
     }

@@ -222,4 +222,60 @@ TEST_F(JobTest, TheLogOfAJobOverIpxAndOfOneThatFallsOverToIpxIsTheWholePath) {
     }
 }
 
+// ---- over NetBIOS, on a host with all three transports ---------------------------------
+
+// A port that may go by NetBIOS brings the monitor's names up before the busy test.
+const char kNbStartUp[] =
+    "Support NETBIOS\n\n\n\nEntry NBStartup\n\n\n\nEntry GetUniquename\n\nLeave GetUniquename - success\n\n"
+    "Name0 = 00007f000001.ER\n\nAdd name0 success\n\nSend data to Lana[0] success\r\n\n"
+    "Receive data from Lana[0]\n\nWorking Lana number find : Lana[0]\n\n"
+    "Add name1 : 00007f000001.E1 success\n\nAdd name2 : 00007f000001.E2 success\n\n"
+    "Add name3 : 00007f000001.E3 success\n\n";
+
+const char kNbJob[] =
+    "Printing use NETBIOS\n\nSupport NETBIOS\n\nbStartup = TRUE\n\ncall CheckNETBIOS\n\n\n\nEntry CheckNETBIOS\n\n"
+    "nRet == NRC_GOODRET\n\nLeave CheckNETBIOS\n\nNBConnect port 1\n\nGetJob ok\n\nJob still printing\n\n"
+    "Connect ok\n\nLeave LocalmonStartDocPort - success\n\nEntry LocalmonWritePort\n\nUsing NETBIOS protocol\n\n"
+    "Leave LocalmonWritePort - (return = TRUE)\n\n\n\nEntry LocalmonEndDocPort (status = 00000001)\n\n"
+    "Protocol = NETBIOS , call NBHangup\n\nReset Status and PrinterStatus to 0\n\nLeave LocalmonEndDocPort - success\n\n";
+
+TEST_F(JobTest, TheLogOfAJobOverNetbiosAndOfOneThatFallsOverThroughAllThreeIsTheWholePath) {
+    kvtps::LprFaults faults;
+    faults.nakAtStep = 1;  // an automatic port falls over from TCP/IP, then from IPX, where PS1 isn't
+    for (char protocol : {'4', '0'}) {
+        SCOPED_TRACE(protocol);
+        PINIPORT port = StartPort(kvttest::HostOptions{true, true, true, true, 0, true, 0.1},
+                                  static_cast<uint8_t>(protocol - '0'), u"lp");
+        kvtps::ServerConfig config;
+        config.name = "PS1";
+        config.address = "127.0.0.2";
+        config.lpr = faults;
+        config.ipx = false;
+        std::string error;
+        ASSERT_TRUE(emulator.Start({config}, &error)) << error;
+        HANDLE handle;
+        ASSERT_TRUE(LocalmonOpenPort(const_cast<LPWSTR>(u"PS1-P1"), &handle));
+        ASSERT_TRUE(StartDoc(port));
+        ASSERT_TRUE(WriteAll(port, "data"));
+        ASSERT_TRUE(LocalmonEndDocPort(port));
+        std::string start = JobStartOnAnIpxHost(protocol);
+        const std::string changes[][2] = {{"protocol = 3", "protocol = 7"},
+                                          {"Get protocol: 03", "Get protocol: 07"},
+                                          {" [IPX]\n", " [IPX]\n [NETBIOS]\n"},
+                                          {"Status = 00000000", std::string(kNbStartUp) + "Status = 00000000"}};
+        for (const auto &change : changes)
+            for (size_t at = 0; (at = start.find(change[0], at)) != std::string::npos; at += change[1].size())
+                start.replace(at, change[0].size(), change[1]);
+        EXPECT_EQ(ReadLog(), (protocol == '4' ? start.substr(0, start.find("Printing use TCPIP"))
+                                              : start + "Leave LprHandshake - acknowledgement is not 0\n\n"
+                                                        "Entry LprOpenFile() error 6\n\n"
+                                                        "LprOpenFile fail\n\n"
+                                                        "Try IPX protocol\n\nPrinting use IPX\n\nIPXConnect port 1\n\n"
+                                                        "PrintServer no response , sleep 500 ms\n\nConnect fail\n\n"
+                                                        "Try NETBIOS protocol\n\n") +
+                                 kNbJob);
+        emulator.Stop();
+    }
+}
+
 }  // namespace

@@ -135,7 +135,7 @@ TEST_P(NbStartupLanas, TheFirstAnswerChoosesTheWorkingLana) {
 }
 
 const std::string kSearchHead("PS\x80\x00\x01\x04", 6), kEepromHead("PS\x80\x00\x01\x02", 6);
-const kvtps::NbFaults kNoNetbios{false, false, "", 0}, kLate{true, false, "", 1200};
+const kvtps::NbFaults kNoNetbios{false, false, "", 0, {}}, kLate{true, false, "", 1200, {}};
 
 INSTANTIATE_TEST_SUITE_P(
     , NbStartupLanas,

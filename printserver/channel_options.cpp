@@ -1,5 +1,6 @@
-// kvtps's IPX settings of a server: the same keys on the command line (with
-// two dashes) and in the configuration file.
+// kvtps's settings of a server's print channel, over IPX (with IPX's own) and
+// over NetBIOS: the same keys on the command line (with two dashes) and in the
+// configuration file, "ipx-" or "nb-" and the knob.
 #include <cstdlib>
 #include <cstring>
 
@@ -8,7 +9,7 @@
 namespace kvtps {
 namespace {
 
-const char kIpxUsage[] =
+const char kChannelUsage[] =
     "IPX, per server (on IPX at the address its node names, 00-00-a-b-c-d for a.b.c.d;\n"
     "search and EEPROM read on socket 0x3434, the print channel on 0x3030, 0x3131,\n"
     "0x3232 and 0x3535):\n"
@@ -26,17 +27,33 @@ const char kIpxUsage[] =
     "                                hangup, management (default: all)\n"
     "  --ipx-fault-count NAME=N      they change the first N of those replies only\n"
     "  --ipx-delay NAME=MS           waits MS ms before each reply\n"
+    "The print channel over NetBIOS (frames to its NetBIOS name), per server:\n"
+    "  --nb-silent, --nb-busy, --nb-drop-data, --nb-drop-replies, --nb-flags,\n"
+    "  --nb-wrong-sequence, --nb-other-port, --nb-faults-on, --nb-fault-count\n"
+    "                                as their --ipx- twins, for the channel's frames and\n"
+    "                                replies; --nb-reply-name and --nb-late apply to them too\n"
     "\n";
 
-const char *const kFlags[] = {"no-ipx", "ipx-silent", "ipx-wrong-sequence", "ipx-other-port"};
-const char *const kValued[] = {"ipx-busy", "ipx-drop-data", "ipx-drop-replies", "ipx-flags", "ipx-reply-node",
-                               "ipx-faults-on", "ipx-fault-count", "ipx-delay"};
+const char *const kFlags[] = {"silent", "wrong-sequence", "other-port"};
+const char *const kValued[] = {"busy", "drop-data", "drop-replies", "flags", "faults-on", "fault-count"};
+const char *const kIpxFlags[] = {"no-ipx"};
+const char *const kIpxValued[] = {"ipx-reply-node", "ipx-delay"};
 
 template <size_t N>
 bool Among(const char *const (&list)[N], const std::string &name) {
     for (const char *item : list)
         if (name == item) return true;
     return false;
+}
+
+// The channel knob that key names ("silent" for "nb-silent"), or "" for none.
+std::string Knob(const std::string &key) {
+    for (const char *prefix : {"ipx-", "nb-"}) {
+        if (key.rfind(prefix, 0) != 0) continue;
+        std::string knob = key.substr(std::strlen(prefix));
+        return Among(kFlags, knob) || Among(kValued, knob) ? knob : "";
+    }
+    return "";
 }
 
 // A number without sign within [0, high], decimal or 0x hex.
@@ -51,52 +68,54 @@ bool Number(const std::string &text, long high, long *out) {
 
 }  // namespace
 
-const char *IpxUsageText() { return kIpxUsage; }
+const char *ChannelUsageText() { return kChannelUsage; }
 
-bool IsIpxOption(const std::string &name, bool *isFlag) {
-    *isFlag = Among(kFlags, name);
-    return *isFlag || Among(kValued, name);
+bool IsChannelOption(const std::string &name, bool *isFlag) {
+    *isFlag = Among(kIpxFlags, name) || Among(kFlags, Knob(name));
+    return *isFlag || Among(kIpxValued, name) || !Knob(name).empty();
 }
 
-bool ApplyIpxSetting(ServerConfig *s, const std::string &key, const std::string &value, bool fromFlag, bool *known,
-                     std::string *error) {
-    IpxFaults &f = s->ipxFaults;
+bool ApplyChannelSetting(ServerConfig *s, const std::string &key, const std::string &value, bool fromFlag,
+                         bool *known, std::string *error) {
+    const std::string knob = Knob(key);
+    ChannelFaults &f = key.rfind("nb-", 0) == 0 ? s->netbios.channel : static_cast<ChannelFaults &>(s->ipxFaults);
     long n = 0;
     *known = true;
     auto fail = [&](const std::string &wants) {
         *error = key + " wants " + wants + ", not '" + value + "'";
         return false;
     };
-    if (Among(kFlags, key)) {
+    if (Among(kIpxFlags, key) || Among(kFlags, knob)) {
         bool on = fromFlag || value == "yes" || value == "true" || value == "on" || value == "1";
         if (!fromFlag && !on && value != "no" && value != "false" && value != "off" && value != "0")
             return fail("yes or no");
         if (key == "no-ipx") s->ipx = !on;
-        if (key == "ipx-silent") f.silent = on;
-        if (key == "ipx-wrong-sequence") f.wrongSequence = on;
-        if (key == "ipx-other-port") f.otherPort = on;
-    } else if (key == "ipx-busy" || key == "ipx-fault-count" || key == "ipx-delay") {
+        if (knob == "silent") f.silent = on;
+        if (knob == "wrong-sequence") f.wrongSequence = on;
+        if (knob == "other-port") f.otherPort = on;
+    } else if (knob == "busy" || knob == "fault-count" || key == "ipx-delay") {
         if (!Number(value, key == "ipx-delay" ? 600000 : 1000000000, &n)) return fail("a count");
-        (key == "ipx-busy" ? f.busyAnswers : key == "ipx-delay" ? f.delayMs : f.faultCount) = static_cast<int>(n);
-    } else if (key == "ipx-drop-data" || key == "ipx-drop-replies") {
+        (knob == "busy" ? f.busyAnswers : knob == "fault-count" ? f.faultCount : s->ipxFaults.delayMs) =
+            static_cast<int>(n);
+    } else if (knob == "drop-data" || knob == "drop-replies") {
         if (!Number(value, 1000000000, &n) || n == 0) return fail("N of 1 or more");
-        (key == "ipx-drop-data" ? f.dropDataEvery : f.dropReplyEvery) = static_cast<unsigned>(n);
-    } else if (key == "ipx-flags") {
+        (knob == "drop-data" ? f.dropDataEvery : f.dropReplyEvery) = static_cast<unsigned>(n);
+    } else if (knob == "flags") {
         if (!Number(value, 255, &n)) return fail("a byte");
         f.replyFlags = static_cast<int>(n);
     } else if (key == "ipx-reply-node") {
         NodeId node;
         if (!ParseNode(value, &node) || node[0] != 0 || node[1] != 0) return fail("00-00-a-b-c-d");
-        f.replyNode = node;
-    } else if (key == "ipx-faults-on") {
+        s->ipxFaults.replyNode = node;
+    } else if (knob == "faults-on") {
         unsigned bits = 0;
         for (size_t at = 0; at <= value.size();) {
             size_t comma = value.find(',', at);
             std::string item = value.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
-            if (item == "connect") bits |= kIpxReplyConnect;
-            else if (item == "data") bits |= kIpxReplyData;
-            else if (item == "hangup") bits |= kIpxReplyHangup;
-            else if (item == "management") bits |= kIpxReplyManagement;
+            if (item == "connect") bits |= kReplyConnect;
+            else if (item == "data") bits |= kReplyData;
+            else if (item == "hangup") bits |= kReplyHangup;
+            else if (item == "management") bits |= kReplyManagement;
             else if (!item.empty()) return fail("a list of connect, data, hangup, management");
             if (comma == std::string::npos) break;
             at = comma + 1;
