@@ -90,7 +90,7 @@ static void EndJobHold(PINIPORT pIniPort) {
  * FALSE when the job start ends here; the last error is set. */
 static BOOL ClaimPort(PINIPORT pIniPort, LPWSTR pPrinterName, DWORD JobId, DWORD Level, LPBYTE pDocInfo) {
     SupportProtocol = GetProtocol();
-    LogPrintf("Get protocol: %02X\n", SupportProtocol);
+    LogPrintf("Get protocol: %02X\n", (unsigned)SupportProtocol);
     if (SupportProtocol == 0) {
         SetLastError(ERROR_IO_DEVICE);
         DebugLog("Leave LocalmonStartDocPort - no support any protocol\n");
