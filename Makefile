@@ -3,7 +3,7 @@
 JOBS ?= 2
 CMAKE ?= cmake
 
-.PHONY: all deps linux win asan tsan test test-linux test-asan demo bench screenshots fuzz clean
+.PHONY: all deps linux win asan tsan soak test test-linux test-asan demo bench screenshots fuzz clean
 
 all: linux win
 
@@ -45,6 +45,14 @@ test-linux: win linux
 
 demo: linux
 	build/bin/kvtmon demo
+
+# 1000 jobs over random transports against random faults (KVT_SOAK_SEED picks
+# them): in the plain build, which also holds its resident size, and under the
+# address sanitizer, whose leak check runs at the end.
+SOAK = KVT_SOAK_JOBS=$${KVT_SOAK_JOBS:-1000} bin/monitor_tests --gtest_filter='Soak.*'
+soak: linux asan
+	cd build && $(SOAK)
+	cd build/asan && ASAN_OPTIONS=detect_leaks=1 $(SOAK)
 
 # Every fuzz target for FUZZ_SECONDS (60) each; the corpus is kept, minimised,
 # in tests/fuzz/corpus/ and the figures go to bench/results/fuzz.md.
