@@ -32,7 +32,7 @@ static const struct {
 };
 #define PROTOCOL_BUTTONS (int)(sizeof ProtocolButtons / sizeof ProtocolButtons[0])
 
-static void SetTextFromTable(HWND hDlg, int id, UINT stringId) {
+void SetTextFromTable(HWND hDlg, int id, UINT stringId) {
     WCHAR text[64];
     LoadStr(stringId, text, 64);
     if (id == 0) SetWindowTextW(hDlg, text);

@@ -24,6 +24,40 @@ int AvailPSNextIndex(LPCWSTR pName) {
     return -1;
 }
 
+int AvailPSCount(void) {
+    EnterCriticalSection(&AvailPSLock);
+    int count = TotalPrintServer < 0 ? 0 : (TotalPrintServer > AVAILPS_RECORDS ? AVAILPS_RECORDS : TotalPrintServer);
+    LeaveCriticalSection(&AvailPSLock);
+    return count;
+}
+
+BOOL CopyAvailPS(int index, AvailPSRecord *pOut) {
+    EnterCriticalSection(&AvailPSLock);
+    BOOL used = index >= 0 && index < TotalPrintServer && index < AVAILPS_RECORDS;
+    if (used) *pOut = AvailPS[index];
+    LeaveCriticalSection(&AvailPSLock);
+    return used;
+}
+
+/* Character for character: lstrcmpW of Windows compares by the language's
+ * rules, and a dialog looks a name up exactly. */
+static BOOL SameName(LPCWSTR a, LPCWSTR b) {
+    while (*a != 0 && *a == *b) ++a, ++b;
+    return *a == *b;
+}
+
+BOOL FindAvailPS(LPCWSTR pName, AvailPSRecord *pOut) {
+    BOOL found = FALSE;
+    EnterCriticalSection(&AvailPSLock);
+    for (int i = 0; !found && i < TotalPrintServer && i < AVAILPS_RECORDS; ++i)
+        if (SameName(AvailPS[i].Name, pName)) {
+            *pOut = AvailPS[i];
+            found = TRUE;
+        }
+    LeaveCriticalSection(&AvailPSLock);
+    return found;
+}
+
 int WidenText(const BYTE *pText, int cbField, WCHAR *pOut, int cchOut) {
     int n = 0;
     if (cchOut <= 0) return 0;

@@ -66,6 +66,14 @@ extern CRITICAL_SECTION AvailPSLock;
  * index plus one. */
 int AvailPSNextIndex(LPCWSTR pName);
 
+/* Reads of the table under AvailPSLock, for the dialogs and the silent add:
+ * the count; a copy of record index, FALSE when it is no used record; a copy
+ * of the first record whose Name equals pName character for character,
+ * FALSE when there is none. */
+int AvailPSCount(void);
+BOOL CopyAvailPS(int index, AvailPSRecord *pOut);
+BOOL FindAvailPS(LPCWSTR pName, AvailPSRecord *pOut);
+
 /* 8-bit text from the network or the list file, widened byte by byte: from
  * pText up to its first zero byte, but never beyond cbField bytes, and at most
  * cchOut - 1 characters, always terminated.  Returns the characters written. */

@@ -2,6 +2,7 @@
 // against emulated print servers.
 #include <arpa/inet.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -31,24 +32,19 @@ std::string MakeJob(size_t size) {
     return job;
 }
 
-// Makes port <name>-P1 from a search record as the add-port dialog would: its
-// address, its node (so that each job looks the address up), the transport
-// fixed to TCP/IP when the server asks for it, and its queue name when its
-// Type says the record has one.
-bool MakePortFromRecord(const FoundServer &s, std::string *portName, std::string *queue, std::string *error) {
-    *portName = s.name + "-P1";
-    *queue = s.type == 4 ? s.queues[0] : "lpt1";
-    const uint8_t protocol = s.autoProtocol == 0 ? 2 : 0;
-    if (!MakePortKeys(*portName, ntohl(s.ipAddress), protocol, *queue, error)) return false;
-    std::u16string path = MonitorKeyPath() + u"\\Ports\\" + kvthost::Widen(s.name);
-    HKEY key = nullptr;
-    if (RegOpenKeyW(HKEY_LOCAL_MACHINE, path.c_str(), &key) != ERROR_SUCCESS) {
-        *error = "cannot open the port's server key";
-        return false;
-    }
-    RegSetValueExW(key, u"Node Address", 0, REG_BINARY, s.node, sizeof s.node);
-    RegCloseKey(key);
-    return true;
+// Runs kvtmon with these arguments over this process's prefix, without a
+// terminal (so that flags answer the dialogs), its output indented; its exit
+// status.
+int RunKvtmon(const std::vector<std::string> &args) {
+    const std::string output = kvthost::Prefix() + "/kvtmon.out";
+    std::string command = "KVT_PREFIX='" + kvthost::Prefix() + "' '" +
+                          std::filesystem::read_symlink("/proc/self/exe").string() + "'";
+    for (const std::string &a : args) command += " '" + a + "'";
+    std::fflush(stdout);
+    int status = std::system((command + " </dev/null >'" + output + "' 2>&1").c_str());
+    std::ifstream in(output);
+    for (std::string line; std::getline(in, line);) std::printf("    %s\n", line.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }
 
 // Prints one job of the demo; false after a message.
@@ -169,14 +165,13 @@ int DemoCommand(int argc, char **argv) {
                      servers.size());
         return 1;
     }
-    std::string port, queue;
-    if (!MakePortFromRecord(*target, &port, &queue, &error)) {
-        std::fprintf(stderr, "kvtmon demo: %s\n", error.c_str());
-        return 2;
-    }
-    const uint8_t *n = target->node;
-    std::printf("  port %s made from what the search found: %s, node %02X-%02X-%02X-%02X-%02X-%02X, queue \"%s\"\n",
-                port.c_str(), AddressShown(*target).c_str(), n[0], n[1], n[2], n[3], n[4], n[5], queue.c_str());
+    // The ports, as an administrator makes them: one in dialog 200, the rest
+    // by the marker file's way, and one of them fixed to IPX.
+    const std::string port = "PS1-P1";
+    std::printf("adding %s in the Add Port dialog (kvtmon add --server PS1 --lpt 1) ...\n", port.c_str());
+    if (RunKvtmon({"add", "--server", "PS1", "--lpt", "1"}) != 0) return 1;
+    std::printf("adding every printer port found (kvtmon add --all) ...\n");
+    if (RunKvtmon({"add", "--all"}) != 0 || RunKvtmon({"configure", "PS2-P2", "--protocol", "ipx"}) != 0) return 1;
     // A new address for PS1: the port finds it by the node before the job.
     if (!emulator.SetAddress("PS1", "127.0.0.12", &error)) {
         std::fprintf(stderr, "kvtmon demo: PS1 did not move: %s\n", error.c_str());
@@ -204,11 +199,6 @@ int DemoCommand(int argc, char **argv) {
     // A port fixed to IPX, and an automatic port whose print server refuses
     // LPR: its job falls over to IPX.
     const std::string ipxJob = MakeJob(256 << 10), fallOverJob = MakeJob(64 << 10);
-    if (!MakePortKeys("PS2-P2", 0x7F000003, 1, std::nullopt, &error) ||
-        !MakePortKeys("PS3-P1", 0x7F000004, 0, std::nullopt, &error)) {
-        std::fprintf(stderr, "kvtmon demo: %s\n", error.c_str());
-        return 2;
-    }
     std::printf("printing invoice.prn (%s) to PS2-P2, a port fixed to IPX, as job 8\n",
                 FormatBytes(ipxJob.size()).c_str());
     if (!PrintDemoJob(prefix, "PS2-P2", "invoice.prn", ipxJob, 8)) return 1;

@@ -95,6 +95,7 @@ int LogCommand(int argc, char **argv);
 int DemoCommand(int argc, char **argv);
 int DiscoverCommand(int argc, char **argv);
 int ConfigureCommand(int argc, char **argv);
+int AddCommand(int argc, char **argv);
 
 // ---- discovery (discover.cpp) ------------------------------------------------------------
 // A print server as the monitor's search left it in its table (the IPX and

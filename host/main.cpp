@@ -4,6 +4,7 @@
 #include <string>
 
 #include "kvtmon.h"
+#include "listfile.h"
 
 namespace {
 
@@ -16,6 +17,11 @@ void Usage(FILE *out) {
                  "  ports [--json]                 list the ports as the spooler sees them\n"
                  "  configure PORT [answers]       set a port's transport, queue name and the notice\n"
                  "                                 after each job (kvtmon configure --help)\n"
+                 "  add [answers] | --all | --list FILE\n"
+                 "                                 add ports as the spooler does: one by the search's\n"
+                 "                                 dialog, every one found, or a list file's (kvtmon add --help)\n"
+                 "  listfile make DESCRIPTION FILE | show FILE\n"
+                 "                                 write a list file from a description, or show one\n"
                  "  delete PORT                    delete a port from the list and the registry\n"
                  "  log [--follow]                 show the diagnostic log\n"
                  "  print PORT FILE... [options]   print files through the monitor (kvtmon print --help)\n"
@@ -38,6 +44,8 @@ int main(int argc, char **argv) {
     if (command == "init") return kvtmon::InitCommand(argc - 2, argv + 2);
     if (command == "ports") return kvtmon::PortsCommand(argc - 2, argv + 2);
     if (command == "configure") return kvtmon::ConfigureCommand(argc - 2, argv + 2);
+    if (command == "add") return kvtmon::AddCommand(argc - 2, argv + 2);
+    if (command == "listfile") return kvtmon::ListfileCommand(argc - 2, argv + 2);
     if (command == "delete") return kvtmon::DeleteCommand(argc - 2, argv + 2);
     if (command == "log") return kvtmon::LogCommand(argc - 2, argv + 2);
     if (command == "demo") return kvtmon::DemoCommand(argc - 2, argv + 2);

@@ -31,6 +31,31 @@ const char *ProtocolName(int protocol);
 // disabled transport) ends kvtmon with status 3 before anything is stored.
 void UseAnswers(const ConfigureAnswers &answers);
 
+// What `kvtmon add` is told to do: the hand-over file it lays, and the answers
+// to dialog 200 (and dialog 300, which its Create button opens).
+struct AddAnswers {
+    std::optional<std::string> server;                          // the list line of this print server
+    std::optional<int> lpt;                                     // 1 to 3
+    std::optional<std::string> queues[3];                       // the queue boxes of LPT1 to LPT3
+    std::vector<std::pair<std::string, std::string>> creates;  // Create: NAME=ADDRESS, in order
+    bool cancel = false;
+    bool all = false;                 // lay the marker file: every port of every print server
+    std::optional<std::string> list;  // lay this list file: its ports, silently
+    bool Given() const {
+        return server || lpt || queues[0] || queues[1] || queues[2] || !creates.empty() || cancel;
+    }
+};
+// The arguments after "add"; false with a message for nonsense.
+bool ParseAddArgs(const std::vector<std::string> &args, AddAnswers *answers, std::string *error);
+// Answers the add's dialogs as a person would: dialog 300 for each Create
+// (name and address typed, OK), then in dialog 200 the line of the print
+// server selected, the LPT button clicked, the queue boxes emptied and typed
+// into, OK or Cancel pressed; dialog 250 is read out and Continue pressed.  A
+// box is written to stderr and answered OK.  What a dialog refuses (a line
+// that isn't there, a disabled button, a dialog that stands after OK) ends
+// kvtmon with status 3 before a port is made.
+void UseAddAnswers(const AddAnswers &answers);
+
 // ---- the terminal (terminal.cpp) ------------------------------------------------------
 // True when a person sits at this terminal: standard input and output are one.
 bool HaveTerminal();

@@ -83,15 +83,20 @@ std::string MatchEntry(const std::string &dir, const std::string &name) {
     return found;
 }
 
-bool SharingConflict(const std::string &path, DWORD access, DWORD share) {
+// A new opener must allow what the holders do, and the holders must allow
+// what the new opener asks for.  Delete on close asks for the right to delete,
+// as Windows adds DELETE to the access of such an open: a file opened so
+// refuses any opener that doesn't share deletion, and can't be opened so
+// while a holder doesn't share it.
+bool SharingConflict(const std::string &path, DWORD access, DWORD share, bool deleteOnClose) {
     for (const FileHandle *h : gOpenFiles) {
         if (h->path != path) continue;
-        // A new opener must allow what the holders do, and the holders must
-        // allow what the new opener asks for.
         if ((h->access & GENERIC_WRITE) && !(share & FILE_SHARE_WRITE)) return true;
         if ((h->access & GENERIC_READ) && !(share & FILE_SHARE_READ)) return true;
+        if (h->deleteOnClose && !(share & FILE_SHARE_DELETE)) return true;
         if ((access & GENERIC_WRITE) && !(h->share & FILE_SHARE_WRITE)) return true;
         if ((access & GENERIC_READ) && !(h->share & FILE_SHARE_READ)) return true;
+        if (deleteOnClose && !(h->share & FILE_SHARE_DELETE)) return true;
     }
     return false;
 }
@@ -199,7 +204,7 @@ HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_AT
         SetLastError(ERROR_ACCESS_DENIED);
         return INVALID_HANDLE_VALUE;
     }
-    if (SharingConflict(path, access, share)) {
+    if (SharingConflict(path, access, share, (flags & FILE_FLAG_DELETE_ON_CLOSE) != 0)) {
         SetLastError(ERROR_SHARING_VIOLATION);
         return INVALID_HANDLE_VALUE;
     }
@@ -305,7 +310,13 @@ BOOL WINAPI CloseHandle(HANDLE file) {
     }
     gOpenFiles.erase(it);
     ::close(h->fd);
-    if (h->deleteOnClose) ::unlink(h->path.c_str());
+    // The file goes when its last handle closes.
+    if (h->deleteOnClose) {
+        auto other = std::find_if(gOpenFiles.begin(), gOpenFiles.end(),
+                                  [&](const FileHandle *o) { return o->path == h->path; });
+        if (other != gOpenFiles.end()) (*other)->deleteOnClose = true;
+        else ::unlink(h->path.c_str());
+    }
     delete h;
     return TRUE;
 }

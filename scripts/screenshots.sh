@@ -26,7 +26,19 @@ sleep 2
 xwd -name kvtmon -silent | convert xwd:- "$out/configure-port-terminal.png"
 kill $term 2>/dev/null || true
 
-for shot in configure-port message-box; do
+# Dialogs 200 and 250 of `kvtmon add`, over two print servers of kvtps on the
+# private network (the xterm stays outside it).
+for way in add-port add-all; do
+    xterm -tn xterm-256color -geometry 80x24 -T kvtmon -fa Monospace -fs 11 -e scripts/privnet sh -c \
+        "build/bin/kvtps --server PS1@127.0.0.2 --server PS2@127.0.0.3 --model PS2=3 >/dev/null 2>&1 &
+         sleep 0.5; build/bin/kvtmon add $([ $way = add-all ] && echo --all)" &
+    term=$!
+    sleep 3
+    xwd -name kvtmon -silent | convert xwd:- "$out/$way-terminal.png"
+    kill $term 2>/dev/null || true
+done
+
+for shot in configure-port message-box add-port add-all; do
     from=build/tests/windows/wine/screenshots/$shot.png
     if [ -f "$from" ]; then cp "$from" "$out/$shot-wine.png"; else echo "no $from: run make test first" >&2; fi
 done

@@ -15,6 +15,7 @@
 //   kvtspool spooler PORT-TO-CONFIGURE PORT-TO-DELETE
 //   kvtspool print PRINTER DOCUMENT FILE
 //   kvtspool configure PORT CLICK TEXT [pause]
+//   kvtspool add SERVER LPT QUEUE [pause]
 //
 // A message box of this process (the monitor's "Starting DEBUG mode", its
 // notice after a job) is read and answered with OK by a watcher thread and
@@ -99,7 +100,10 @@ DWORD WINAPI AnswerBoxes(void *) {
                 wchar_t title[256] = L"";
                 GetWindowTextW(box, title, 256);
                 Say("dialog", Narrow(title));
-                SendMessageW(GetDlgItem(box, LOWORD(SendMessageW(box, DM_GETDEFID, 0, 0))), BM_CLICK, 0, 0);
+                if (GetDlgItem(box, 206) != nullptr)  // dialog 200: no port to pick, Cancel
+                    SendMessageW(GetDlgItem(box, 4), BM_CLICK, 0, 0);
+                else
+                    SendMessageW(GetDlgItem(box, LOWORD(SendMessageW(box, DM_GETDEFID, 0, 0))), BM_CLICK, 0, 0);
                 while (IsWindow(box) && IsWindowVisible(box)) Sleep(10);
                 continue;
             }
@@ -533,6 +537,68 @@ int Configure(wchar_t *port, int click, const wchar_t *text, bool pause) {
     return Tree();
 }
 
+// ---- adding a port ----------------------------------------------------------------------------
+// The monitor's AddPort, with a person at its dialogs on a second thread.
+// Dialog 250 is read ("listed") and Continue pressed.  In dialog 200 the
+// line of gServer is selected, LPT gLpt clicked, its queue box emptied and
+// gText typed, what the dialog shows printed ("shown"), OK pressed.
+std::wstring gServer;
+int gLpt;
+
+std::string Lines(HWND dialog, int id) {
+    std::string lines;
+    int count = static_cast<int>(SendDlgItemMessageW(dialog, id, LB_GETCOUNT, 0, 0));
+    for (int i = 0; i < count; ++i) {
+        std::wstring line(SendDlgItemMessageW(dialog, id, LB_GETTEXTLEN, i, 0) + 1, L'\0');
+        line.resize(SendDlgItemMessageW(dialog, id, LB_GETTEXT, i, reinterpret_cast<LPARAM>(line.data())));
+        lines += (i > 0 ? " | " : "") + Narrow(line);
+    }
+    return lines;
+}
+
+DWORD WINAPI AnswerAdd(void *) {
+    HWND dialog = nullptr;
+    for (int i = 0; i < 600 && (dialog == nullptr || !IsWindowVisible(dialog)); ++i, Sleep(50))
+        dialog = FindWindowW(L"#32770", L"Add Port");
+    if (GetDlgItem(dialog, 253) != nullptr) {
+        Say("listed", Lines(dialog, 253));
+        WaitForTheLinuxSide("dialog250");
+        SendMessageW(GetDlgItem(dialog, 3), BM_CLICK, 0, 0);
+        return 0;
+    }
+    Say("listed", Lines(dialog, 203));
+    LRESULT line = SendDlgItemMessageW(dialog, 203, LB_FINDSTRING, -1, reinterpret_cast<LPARAM>((gServer + L" ").c_str()));
+    SendDlgItemMessageW(dialog, 203, LB_SETCURSEL, line, 0);
+    SendMessageW(dialog, WM_COMMAND, MAKEWPARAM(203, LBN_SELCHANGE), reinterpret_cast<LPARAM>(GetDlgItem(dialog, 203)));
+    SendMessageW(GetDlgItem(dialog, 206 + gLpt), BM_CLICK, 0, 0);
+    SendDlgItemMessageW(dialog, 1001 + gLpt, EM_SETSEL, 0, -1);
+    for (wchar_t c : L"\b" + gText) SendDlgItemMessageW(dialog, 1001 + gLpt, WM_CHAR, c, 0);
+    std::string shown;
+    for (int id : {201, 205, 1002, 1003, 1004}) {
+        wchar_t text[64] = L"";
+        GetDlgItemTextW(dialog, id, text, 64);
+        shown += (id == 201 ? "" : " ") + Narrow(text);
+    }
+    Say("shown", shown);
+    WaitForTheLinuxSide("dialog200");
+    SendMessageW(GetDlgItem(dialog, 5), BM_CLICK, 0, 0);
+    return 0;
+}
+
+int Add(int argc, wchar_t **argv) {
+    gServer = argv[2], gLpt = _wtoi(argv[3]), gText = argv[4], gPressDialogs = false;
+    gPause = argc > 5 && std::wstring(argv[5]) == L"pause";
+    if (!LoadMonitor()) return 1;
+    HANDLE thread = CreateThread(nullptr, 0, AnswerAdd, nullptr, 0, nullptr);
+    SetLastError(kSentinel);
+    BOOL ok = gMonitor->pfnAddPort(nullptr, nullptr, const_cast<LPWSTR>(kMonitorName));
+    Say("AddPort", Outcome(ok, GetLastError()));
+    WaitForSingleObject(thread, 5000);
+    CloseHandle(thread);
+    Say("ports", PortNames(gMonitor->pfnEnumPorts));
+    return Tree();
+}
+
 // ---- Wine's own spooler -------------------------------------------------------------------
 // Wine 8's localspl loads the monitor (LoadLibrary, InitializePrintMonitor)
 // for each call and frees it after, so every call runs the monitor's start-up
@@ -638,6 +704,7 @@ int wmain(int argc, wchar_t **argv) {
     if (command == L"print" && argc == 5) return Print(argv[2], argv[3], argv[4]);
     if (command == L"configure" && (argc == 5 || argc == 6))
         return Configure(argv[2], _wtoi(argv[3]), argv[4], argc == 6 && std::wstring(argv[5]) == L"pause");
-    std::fprintf(stderr, "usage: kvtspool setup|job|enum|delete|tree|spooler|print|configure ...\n");
+    if (command == L"add" && argc >= 5) return Add(argc, argv);
+    std::fprintf(stderr, "usage: kvtspool setup|job|enum|delete|tree|spooler|print|configure|add ...\n");
     return 2;
 }

@@ -394,6 +394,10 @@ protected:
     }
 
     static std::string Log() { return ReadFile(SystemFolder() + "/KVTLOG"); }
+    static bool Stored(const Ran &ran, const std::string &value) {
+        auto values = ran.All("value");
+        return std::count(values.begin(), values.end(), value) == 1;
+    }
 
     void StartServers(const std::vector<kvtps::ServerConfig> &servers) {
         std::string error;
@@ -639,10 +643,18 @@ TEST_F(UnderWine, WinesSpoolerListsTheMonitorAndItsPortsAndPassesPortCallsToIt) 
     for (const auto &box : ran.All("box")) EXPECT_EQ(box, "DEBUG | Starting DEBUG mode | no icon");
 
     std::string startup = StartupLog({{"PS1-P1", "7F000002", '1'}, {"PS1-P2", "7F000002", '2'}});
-    EXPECT_EQ(ran.One("AddPortW"), "0 50");
-    EXPECT_EQ(ran.Log("AddPortW"), startup + "\n\nEntry LocalmonAddPort\n\nLeave LocalmonAddPort - not available\n\n");
-    // Dialog 550 stands until kvtspool presses its default button, OK.
-    EXPECT_EQ(ran.All("dialog"), std::vector<std::string>{"Select Protocol"});
+    // Dialog 200 stands, over a search that found nothing, until kvtspool
+    // presses Cancel; dialog 550 until it presses its default button, OK.
+    EXPECT_EQ(ran.One("AddPortW"), "1 1223");
+    std::string silence = "[TCPSearchRcv()] Select Error\n\n";
+    EXPECT_EQ(ran.Log("AddPortW"), startup +
+                                       "\n\nEntry LocalmonAddPort\n\nName: NULL \t\nMonitorName: PrintServer Network Port \n\n"
+                                       "\n\nEntry GetProtocol\n\nLeave GetProtocol - protocol = 2\n\n"
+                                       "[LocalmonAddPort]Support protocol = 2\n\nSupport TCPIP\n\n\n\nEntry GetPortName\n\n" +
+                                       silence + silence + silence +
+                                       "Leave GetPortName - dialog ended with 0\n\n"
+                                       "Leave LocalmonAddPort - Get Port Name fail\n\n");
+    EXPECT_EQ(ran.All("dialog"), (std::vector<std::string>{"Add Port", "Select Protocol"}));
     EXPECT_EQ(ran.Result("ConfigurePortW"), "1");
     EXPECT_EQ(ran.Log("ConfigurePortW"), startup +
                                              "\n\nEntry LocalmonConfigurePort\n\n"
@@ -751,10 +763,6 @@ protected:
         WriteFile(Prefix() + "/drive_c/kvt-go.txt", "");
         return taken;
     }
-    static bool Stored(const Ran &ran, const std::string &value) {
-        auto values = ran.All("value");
-        return std::count(values.begin(), values.end(), value) == 1;
-    }
 };
 
 TEST_F(OnADisplay, ConfigurePortShowsDialog550AndStoresWhatAPersonChose) {
@@ -773,6 +781,60 @@ TEST_F(OnADisplay, ConfigurePortShowsDialog550AndStoresWhatAPersonChose) {
     EXPECT_TRUE(Stored(ran, "Ports\\PS1\\1 [ ] 3 00") && Stored(ran, " [IsNOTIFY] 3 01") &&
                 Stored(ran, "Ports\\PS1\\1 [QueueName] 1 " + Hex(Wide(typed.substr(0, 31)))))
         << ran;
+}
+
+// Dialog 200 as a person fills it, over a search of kvtps's servers; the
+// port in the monitor's list and in Wine's registry; then dialog 250.
+TEST_F(OnADisplay, AddPortShowsDialog200AndMakesThePortAPersonChose) {
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=0"}));
+    kvtps::ServerConfig ps2 = Server("PS2", "127.0.0.3");
+    ps2.model = 3;
+    ASSERT_NO_FATAL_FAILURE(StartServers({Server("PS1", "127.0.0.2"), ps2}));
+    Ran ran;
+    std::thread harness([&] { ran = Spool({"add", "PS2", "2", "lp2", "pause"}); });
+    EXPECT_TRUE(Screenshot("dialog200", "Add Port", "add-port.png"));
+    harness.join();
+    EXPECT_EQ(ran.One("listed"), "PS1        127.0.0.2 | PS2        127.0.0.3") << ran;
+    EXPECT_EQ(ran.One("shown"), "PS2-P2 127.0.0.3 lpt1 lp2 lpt3") << ran;
+    EXPECT_EQ(ran.Result("AddPort"), "1") << ran;
+    EXPECT_EQ(ran.One("ports"), "PS2-P2") << ran;
+    EXPECT_TRUE(Stored(ran, "Ports\\PS2 [IP    ] 3 0300007f") && Stored(ran, "Ports\\PS2\\2 [ ] 3 00") &&
+                Stored(ran, "Ports\\PS2\\2 [QueueName] 1 " + Hex(Wide("lp2"))))
+        << ran;
+
+    // Dialog 250, for its picture: the marker file's way.
+    WriteFile(Prefix() + "/drive_c/windows/syswow64/KVTJLPR", "");
+    std::thread again([&] { ran = Spool({"add", "-", "1", "-", "pause"}); });
+    EXPECT_TRUE(Screenshot("dialog250", "Add Port", "add-all.png"));
+    again.join();
+    EXPECT_EQ(ran.One("ports"), "PS2-P2 PS1-P1 PS2-P1 PS2-P3") << ran;
+}
+
+// The list file's way makes its ports with no dialog; the marker file's way
+// shows dialog 250 and makes every port found.  Each file is gone after.
+TEST_F(UnderWine, AddPortTakesTheListFileAndTheMarkerFile) {
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=0"}));
+    ASSERT_NO_FATAL_FAILURE(StartServers({Server("PS1", "127.0.0.2")}));
+    const std::string folder = Prefix() + "/drive_c/windows/syswow64/";
+    std::string record(278, '\0');
+    record.replace(0, 3, "LST");
+    record.replace(48, 4, std::string{127, 0, 0, 5});
+    record[69] = 1, record[77] = 1;
+    record.replace(81, 2, "lq");
+    WriteFile(folder + "KVTLIST.BIN", record);
+    Ran ran = Spool({"add", "-", "1", "-"});
+    EXPECT_EQ(ran.Result("AddPort"), "1") << ran;
+    EXPECT_TRUE(ran.All("listed").empty()) << ran;
+    EXPECT_EQ(ran.One("ports"), "LST-P1") << ran;
+    EXPECT_TRUE(Stored(ran, "Ports\\LST\\1 [QueueName] 1 " + Hex(Wide("lq")))) << ran;
+    EXPECT_FALSE(std::ifstream(folder + "KVTLIST.BIN").good());
+
+    WriteFile(folder + "KVTJLPR", "");
+    ran = Spool({"add", "-", "1", "-"});
+    EXPECT_EQ(ran.Result("AddPort"), "1") << ran;
+    EXPECT_EQ(ran.One("listed"), "PS1-P1        127.0.0.2") << ran;
+    EXPECT_EQ(ran.One("ports"), "LST-P1 PS1-P1") << ran;
+    EXPECT_FALSE(std::ifstream(folder + "KVTJLPR").good());
 }
 
 }  // namespace
