@@ -3,7 +3,7 @@
 JOBS ?= 2
 CMAKE ?= cmake
 
-.PHONY: all deps linux win asan test test-linux test-asan demo bench screenshots clean
+.PHONY: all deps linux win asan tsan soak test test-linux test-asan demo bench screenshots fuzz clean
 
 all: linux win
 
@@ -22,6 +22,16 @@ asan: deps
 	@$(CMAKE) -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DKVT_SANITIZE=ON >/dev/null
 	@$(CMAKE) --build build/asan -j$(JOBS)
 
+# The Linux suite under the thread sanitizer: every test of the monitor, the
+# platform and kvtps, the stress run among them.  A report fails the test that
+# shows it; tests/tsan.supp lists the few known harmless ones, with reasons.
+TSAN_RUN = TSAN_OPTIONS="suppressions=$(CURDIR)/tests/tsan.supp halt_on_error=1 second_deadlock_stack=1"
+TSAN_TARGETS = --target monitor_tests --target platform_tests --target printserver_tests
+tsan: deps
+	@$(CMAKE) -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKVT_TSAN=ON >/dev/null
+	@$(CMAKE) --build build/tsan -j$(JOBS) $(TSAN_TARGETS)
+	cd build/tsan && $(TSAN_RUN) ctest --output-on-failure -j$(JOBS) -L '^(monitor|platform|printserver)_tests$$'
+
 # The whole suite, in the plain build and again under the address and
 # undefined-behaviour sanitizers; the Windows build first, for the DLL's checks.
 # The tests also want Wine, to run KVT64.DLL in: deps installs it when it may.
@@ -35,6 +45,19 @@ test-linux: win linux
 
 demo: linux
 	build/bin/kvtmon demo
+
+# 1000 jobs over random transports against random faults (KVT_SOAK_SEED picks
+# them): in the plain build, which also holds its resident size, and under the
+# address sanitizer, whose leak check runs at the end.
+SOAK = KVT_SOAK_JOBS=$${KVT_SOAK_JOBS:-1000} bin/monitor_tests --gtest_filter='Soak.*'
+soak: linux asan
+	cd build && $(SOAK)
+	cd build/asan && ASAN_OPTIONS=detect_leaks=1 $(SOAK)
+
+# Every fuzz target for FUZZ_SECONDS (60) each; the corpus is kept, minimised,
+# in tests/fuzz/corpus/ and the figures go to bench/results/fuzz.md.
+fuzz: deps
+	scripts/fuzz.sh
 
 bench: linux
 	scripts/bench.sh

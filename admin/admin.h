@@ -65,8 +65,10 @@ typedef struct _CONFIGRECORD {
     DWORD ConfigProtocol;
 } ConfigRecord;
 
-extern ConfigRecord ConfigData;
-extern BYTE NotifyChoice;
+/* Valid from a configure call's start to its end, on its own thread: two
+ * configure calls at once each have their own. */
+extern thread_local ConfigRecord ConfigData;
+extern thread_local BYTE NotifyChoice;
 
 INT_PTR CALLBACK SelectProtocolDlg(HWND hDlg, UINT uMsg, WPARAM wParam, LPARAM lParam);
 

@@ -13,8 +13,8 @@
 #include "portstore.h"
 #include "resource.h"
 
-ConfigRecord ConfigData;
-BYTE NotifyChoice;
+thread_local ConfigRecord ConfigData;
+thread_local BYTE NotifyChoice;
 
 /* The record of the dialog that stands; kept at its start-up. */
 static ConfigRecord *ConfigDialogRecord;
@@ -184,7 +184,7 @@ extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPo
         return FALSE;
     }
     IsNOTIFY = NotifyChoice;
-    RegSetValueExW(hKey, flagName, 0, REG_BINARY, &IsNOTIFY, 1);
+    RegSetValueExW(hKey, flagName, 0, REG_BINARY, &NotifyChoice, 1);
     RegCloseKey(hKey);
     DebugLog("Leave LocalmonConfigurePort - success\n");
     return TRUE;

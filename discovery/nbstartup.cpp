@@ -31,7 +31,10 @@ void NBSetName(UCHAR *pField, const char *pText) {
     memcpy(pField, pText, len < NCBNAMSZ ? len : NCBNAMSZ);
 }
 
-UCHAR NBRetCode(const NCB *pNcb) { return *(const volatile UCHAR *)&pNcb->ncb_retcode; }
+/* Read afresh each time, with acquire order: once a receive is seen complete,
+ * its buffer, length and caller's name, written before the code, are seen
+ * whole, and the block may be freed. */
+UCHAR NBRetCode(const NCB *pNcb) { return __atomic_load_n(&pNcb->ncb_retcode, __ATOMIC_ACQUIRE); }
 
 void LoadNarrow(UINT id, char *pOut, int cb) {
     WCHAR wide[32];

@@ -90,7 +90,7 @@ static void EndJobHold(PINIPORT pIniPort) {
  * FALSE when the job start ends here; the last error is set. */
 static BOOL ClaimPort(PINIPORT pIniPort, LPWSTR pPrinterName, DWORD JobId, DWORD Level, LPBYTE pDocInfo) {
     SupportProtocol = GetProtocol();
-    LogPrintf("Get protocol: %02X\n", SupportProtocol);
+    LogPrintf("Get protocol: %02X\n", (unsigned)SupportProtocol);
     if (SupportProtocol == 0) {
         SetLastError(ERROR_IO_DEVICE);
         DebugLog("Leave LocalmonStartDocPort - no support any protocol\n");
@@ -116,13 +116,14 @@ static BOOL ClaimPort(PINIPORT pIniPort, LPWSTR pPrinterName, DWORD JobId, DWORD
     }
 
     EnterCriticalSection(&PortListLock);
-    LogPrintf("Status = %08X\n", (unsigned)pIniPort->Status);
+    LogPrintf("Status = %08X\n", (unsigned)StatusForLog(pIniPort));
     /* A job holds the record also while the LPR transport has Status at 0
      * between its attempts. */
-    if (pIniPort->Status != 0 || pIniPort->JobHeld) {
+    if (pIniPort->JobHeld) {
+        DWORD status = StatusForLog(pIniPort);
         LeaveCriticalSection(&PortListLock);
         SetLastError(ERROR_BUSY);
-        LogPrintf("Leave LocalmonStartDocPort - PrintServer is busy (status: %08X)\n", (unsigned)pIniPort->Status);
+        LogPrintf("Leave LocalmonStartDocPort - PrintServer is busy (status: %08X)\n", (unsigned)status);
         return FALSE;
     }
     pIniPort->JobHeld = TRUE;

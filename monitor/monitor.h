@@ -11,6 +11,8 @@
 #include <winsplp.h>
 #include <nb30.h>
 
+#include <atomic>
+
 /* ---- status word of a port ---------------------------------------------- */
 #define PP_INSTARTDOC 0x00000001u  /* a job holds the port */
 #define PP_CONNECTING 0x10000000u  /* a non-blocking TCP connect is under way */
@@ -71,11 +73,15 @@ extern DWORD MessageTlsSlot;
 extern HMODULE ResourceModule;
 extern CRITICAL_SECTION PortListLock;
 extern PINIPORT PortListHead;
-extern BYTE SupportProtocol;
-extern BOOL bStartup;
-extern BOOL AddPortBusy;
-extern BYTE IsNOTIFY;
-extern BYTE IsDEBUG;
+/* Flags that any spooler thread may read while another writes them, without
+ * PortListLock: each is read and written whole, in one atomic step, and is
+ * otherwise a plain value (SupportProtocol is recomputed by each writer,
+ * EnumPorts turns IsDEBUG off and on around its work). */
+extern std::atomic<BYTE> SupportProtocol;
+extern std::atomic<BOOL> bStartup;
+extern std::atomic<BOOL> AddPortBusy;
+extern std::atomic<BYTE> IsNOTIFY;
+extern std::atomic<BYTE> IsDEBUG;
 extern BYTE ProfileFound;
 extern WCHAR VendorDesc[29];
 extern WCHAR DeviceDesc[29];
@@ -111,6 +117,10 @@ PINIPORT FindPortFromList(LPCWSTR pName);
 PINIPORT CreateMonitorPortEntry(LPCWSTR pName, LPCWSTR pDeviceDesc, DWORD IPAddress,
                                 const BYTE *NetNum, const BYTE *NodeID, BYTE Lptn);
 BOOL DeleteMonitorPortEntry(LPCWSTR pPortName);
+/* Status as another thread sees it, for a log line only: a port that a job
+ * holds is refused on JobHeld alone, while the job's thread may be changing
+ * Status outside the lock (an aligned DWORD, read whole). */
+DWORD StatusForLog(const IniPort *pIniPort);
 
 /* ---- host facts ------------------------------------------------------------------------- */
 BYTE GetProtocol(void);

@@ -66,6 +66,10 @@ PINIPORT CreateMonitorPortEntry(LPCWSTR pName, LPCWSTR pDeviceDesc, DWORD IPAddr
     return pIniPort;
 }
 
+__attribute__((noinline)) DWORD StatusForLog(const IniPort *pIniPort) {
+    return *(const volatile DWORD *)&pIniPort->Status;
+}
+
 /* The caller holds PortListLock.  A port that a job holds is not removed: its
  * record stays valid for the job's thread from the job start's claim to the
  * end of LocalmonEndDocPort, also while the LPR transport has Status at 0
@@ -76,8 +80,9 @@ BOOL DeleteMonitorPortEntry(LPCWSTR pPortName) {
     PINIPORT prev = NULL;
     for (PINIPORT p = PortListHead; p != NULL && pPortName != NULL; prev = p, p = p->pNext) {
         if (_wcsicmp(p->pName, pPortName) != 0) continue;
-        if (p->JobHeld || p->Status != 0) {
-            LogPrintf("Leave DeleteMonitorPortEntry - port in use (status: %08X)\n", (unsigned)p->Status);
+        /* Status is not 0 only while a job holds the record. */
+        if (p->JobHeld) {
+            LogPrintf("Leave DeleteMonitorPortEntry - port in use (status: %08X)\n", (unsigned)StatusForLog(p));
             SetLastError(ERROR_BUSY);
             return FALSE;
         }

@@ -445,12 +445,11 @@ void Refresh() {
         ReportBad(path, std::strerror(errno));
         return;
     }
-    Parser parser;
-    parser.text = DecodeFile(bytes);
     kvtreg::Key root;
-    if (!parser.Parse(root)) {
+    std::string error;
+    if (!kvtreg::ParseHive(bytes, &root, &error)) {
         gCache.bad = true;
-        ReportBad(path, parser.error);
+        ReportBad(path, error);
         return;
     }
     gCache.root = std::move(root);
@@ -480,8 +479,7 @@ private:
 };
 
 LSTATUS WriteHive() {
-    std::string text = std::string(kHeader) + "\r\n\r\n";
-    AppendKey(text, gCache.root, "");
+    const std::string text = kvtreg::HiveText(gCache.root);
     std::string path = HivePath();
     std::string temp = path + ".tmp." + std::to_string(getpid());
     int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -513,6 +511,21 @@ LSTATUS WriteHive() {
 }  // namespace
 
 namespace kvtreg {
+
+bool ParseHive(const std::string &bytes, Key *root, std::string *error) {
+    Parser parser;
+    parser.text = DecodeFile(bytes);
+    *root = Key();
+    if (parser.Parse(*root)) return true;
+    *error = parser.error;
+    return false;
+}
+
+std::string HiveText(const Key &root) {
+    std::string text = std::string(kHeader) + "\r\n\r\n";
+    AppendKey(text, root, "");
+    return text;
+}
 
 const Key *Current(LSTATUS *status) {
     std::string path = HivePath();

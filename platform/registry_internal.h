@@ -30,6 +30,12 @@ Key *CreateChild(Key *parent, const std::u16string &name);
 Value *FindValue(Key *key, const std::u16string &name);
 const Value *FindValue(const Key *key, const std::u16string &name);
 
+// The bytes of a hive file read into root: false, with the line and the
+// fault in error, when they are not one.  HiveText is the file's text for a
+// tree, as the platform writes it.
+bool ParseHive(const std::string &bytes, Key *root, std::string *error);
+std::string HiveText(const Key &root);
+
 // The tree as it stands now; NULL with the status when it cannot be read.
 const Key *Current(LSTATUS *status);
 // Applies one change to the tree and keeps it; the edit's status is returned.

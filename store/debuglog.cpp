@@ -12,8 +12,8 @@
 #include "debuglog.h"
 #include "monitor.h"
 
-char LogBuffer[LOG_BUFFER_SIZE];
-char LogBuffer2[LOG_BUFFER_SIZE];
+thread_local char LogBuffer[LOG_BUFFER_SIZE];
+thread_local char LogBuffer2[LOG_BUFFER_SIZE];
 
 void DebugLog(const char *text) {
     if (IsDEBUG == 0 || text == NULL) return;

@@ -17,7 +17,7 @@
 #include "portstore.h"
 #include "resource.h"
 
-WCHAR QueueNameBuffer[QUEUE_NAME_BYTES / sizeof(WCHAR)];
+thread_local WCHAR QueueNameBuffer[QUEUE_NAME_BYTES / sizeof(WCHAR)];
 
 /* <root>\<MonitorName>, and optionally a further path below it. */
 static void MonitorKeyPath(LPWSTR pOut, int cch, LPCWSTR pBelow) {

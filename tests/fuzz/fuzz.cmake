@@ -36,9 +36,14 @@ foreach(src ${fuzz_sources})
   get_filename_component(name ${src} NAME_WE)
   string(REPLACE "fuzz_" "" target ${name})
   file(MAKE_DIRECTORY ${fuzz_bin}/corpus/${target})
+  # The corpus that make fuzz keeps, where it has one for this target.
+  set(kept "")
+  if(EXISTS ${CMAKE_CURRENT_LIST_DIR}/corpus/${target})
+    set(kept ${CMAKE_CURRENT_LIST_DIR}/corpus/${target})
+  endif()
   add_test(NAME fuzz.${target}
            COMMAND ${fuzz_bin}/${name} -max_total_time=${KVT_FUZZ_SECONDS} -timeout=10 -rss_limit_mb=2048
                    -max_len=4096 -print_final_stats=1
-                   ${fuzz_bin}/corpus/${target} ${CMAKE_CURRENT_LIST_DIR}/seeds/${target})
+                   ${fuzz_bin}/corpus/${target} ${CMAKE_CURRENT_LIST_DIR}/seeds/${target} ${kept})
   set_tests_properties(fuzz.${target} PROPERTIES TIMEOUT 300 LABELS fuzz)
 endforeach()

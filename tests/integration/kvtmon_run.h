@@ -3,6 +3,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -32,8 +33,10 @@ inline std::string Slurp(const std::string &path) {
 }
 
 // kvtmon ARGS with KVT_PREFIX=<dir>/prefix and KVT_TIMESCALE=<timeScale>; its
-// output goes through <dir>/out and <dir>/err.
-inline KvtmonRun RunKvtmon(std::vector<std::string> args, const std::string &dir, const char *timeScale) {
+// output goes through <dir>/out and <dir>/err.  With killAfterMs >= 0 it is
+// killed (SIGKILL) that long after it starts, if it still runs.
+inline KvtmonRun RunKvtmon(std::vector<std::string> args, const std::string &dir, const char *timeScale,
+                           int killAfterMs = -1) {
     const char *kvtmon = std::getenv("KVTMON");
     args.insert(args.begin(), kvtmon != nullptr ? kvtmon : KVT_BIN_DIR "/kvtmon");
     std::vector<char *> argv;
@@ -56,7 +59,14 @@ inline KvtmonRun RunKvtmon(std::vector<std::string> args, const std::string &dir
     KvtmonRun run;
     if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) == 0) {
         int status = 0;
-        waitpid(pid, &status, 0);
+        bool ended = false;
+        for (int waited = 0; killAfterMs >= 0 && !ended; ++waited) {
+            ended = waitpid(pid, &status, WNOHANG) == pid;
+            if (!ended && waited >= killAfterMs) kill(pid, SIGKILL);
+            if (!ended && waited >= killAfterMs) break;
+            if (!ended) usleep(1000);
+        }
+        if (!ended) waitpid(pid, &status, 0);
         run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     posix_spawn_file_actions_destroy(&actions);

@@ -24,16 +24,6 @@ std::string HandOver(const char16_t *name) {
 }
 bool Lies(const char16_t *name) { return std::ifstream(HandOver(name)).good(); }
 
-// A list file record: name, address bytes, model, mask, queue name 1.
-Bytes Record(const std::string &name, const Bytes &ip, uint8_t model, uint8_t mask, const std::string &queue1) {
-    Bytes r(LIST_RECORD_BYTES, '\0');
-    r.replace(LIST_NAME_OFFSET, name.size(), name);
-    r.replace(LIST_IP_OFFSET, 4, ip);
-    r[LIST_MODEL_OFFSET] = char(model);
-    r[LIST_PORTMASK_OFFSET] = char(mask);
-    r.replace(LIST_QUEUE_OFFSET, queue1.size(), queue1);
-    return r;
-}
 const Bytes kIp2{127, 0, 0, 2};
 
 // The ports in list order: NAME address protocol queue.
@@ -157,8 +147,8 @@ struct AddPort : ::testing::Test {
 };
 
 TEST_F(AddPort, EachWayEndsAsTheSpoolerIsToldAndConsumesItsFile) {
-    const Bytes three = Record("PS1", kIp2, 3, 5, std::string(40, 'q')) + Record("PS2", kIp2, 4, 7, "") +
-                        Record("PS4", kIp2, 3, 0, "");
+    const Bytes three = ListRecord("PS1", kIp2, 3, 5, std::string(40, 'q')) + ListRecord("PS2", kIp2, 4, 7, "") +
+                        ListRecord("PS4", kIp2, 3, 0, "");
     const struct {
         const char *what;
         bool tcpip, netbios, nbFails;
@@ -173,9 +163,9 @@ TEST_F(AddPort, EachWayEndsAsTheSpoolerIsToldAndConsumesItsFile) {
         {"mask and model", true, false, false, three, true, false, TRUE, 0, "call AddPort3 ( return = 1 )",
          "PS1-P1 127.0.0.2 0 " + std::string(31, 'q') + ";PS1-P3 127.0.0.2 0 ;", "", false, true},
         {"a short last record keeps the rest of the one before", true, false, false,
-         Record("PS1", kIp2, 1, 1, "lp") + "PS5", false, false, TRUE, 0, "call AddPort3 ( return = 1 )",
+         ListRecord("PS1", kIp2, 1, 1, "lp") + "PS5", false, false, TRUE, 0, "call AddPort3 ( return = 1 )",
          "PS1-P1 127.0.0.2 0 lp;PS5-P1 127.0.0.2 0 lp;", "", false, false},
-        {"NetBIOS alone, no start-up", false, true, true, Record("ps1", kIp2, 1, 1, ""), false, false, TRUE, 0,
+        {"NetBIOS alone, no start-up", false, true, true, ListRecord("ps1", kIp2, 1, 1, ""), false, false, TRUE, 0,
          "call AddPort3 ( return = 1 )", "ps1-P1 127.0.0.2 0 ;", "", false, false},
         {"no protocol", false, false, false, "", true, false, FALSE, 0, "PC no support any protocol", "", "", true, true},
         {"NBStartup fails", false, true, true, "-", true, false, FALSE, ERROR_NOT_ENOUGH_MEMORY, "NBStartup fail", "", "", false, true},
@@ -215,7 +205,7 @@ TEST_F(AddPort, EachWayEndsAsTheSpoolerIsToldAndConsumesItsFile) {
 
 TEST_F(AddPort, AnExistingPortOfAnyCaseStaysAsItIsAndASecondAddWaits) {
     Start(true, false, false);
-    Lay(u"KVTLIST.BIN", Record("PS1", kIp2, 3, 3, "new"));
+    Lay(u"KVTLIST.BIN", ListRecord("PS1", kIp2, 3, 3, "new"));
     CreateMonitorPortEntry(u"ps1-p1", MonitorName, 0x0A000001, nullptr, nullptr, '1');
     MakePortKeys(u"ps1", u'1', 0x0A000001, 4, u"keep");
     EXPECT_TRUE(Add());

@@ -24,6 +24,18 @@ inline Bytes Node(uint8_t a, uint8_t b, uint8_t c, uint8_t d, uint8_t e, uint8_t
     return Bytes{char(a), char(b), char(c), char(d), char(e), char(f)};
 }
 
+// A list file record: name, address bytes, model, mask, queue name 1.
+inline Bytes ListRecord(const std::string &name, const Bytes &ip, uint8_t model, uint8_t mask,
+                        const std::string &queue1) {
+    Bytes r(LIST_RECORD_BYTES, '\0');
+    r.replace(LIST_NAME_OFFSET, name.size(), name);
+    r.replace(LIST_IP_OFFSET, 4, ip);
+    r[LIST_MODEL_OFFSET] = char(model);
+    r[LIST_PORTMASK_OFFSET] = char(mask);
+    r.replace(LIST_QUEUE_OFFSET, queue1.size(), queue1);
+    return r;
+}
+
 // node, 01 command 00 00, then body bytes of the given length.
 inline Bytes Reply(const Bytes &node, uint8_t command, size_t bodyBytes) {
     Bytes r = node;

@@ -1,0 +1,126 @@
+// kvtmon killed (SIGKILL) at any moment of a job, a configure or a delete: the
+// port tree that the next start-up reads is whole, old or new, never torn; the
+// print server holds of each job the bytes it was sent, in order, and a channel
+// job that it holds whole was hung up.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "kvtmon_run.h"
+#include "kvtps.h"
+
+namespace {
+
+using kvttest::KvtmonRun;
+
+class KillAnyMoment : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/kvt-kill-XXXXXX";
+        dir_ = mkdtemp(dir);
+        job_ = std::string(1 << 20, '\0');
+        for (size_t i = 0; i < job_.size(); ++i) job_[i] = static_cast<char>('a' + (i * 7 + i / 1000) % 26);
+        std::ofstream(dir_ + "/job.prn", std::ios::binary) << job_;
+        ASSERT_EQ(Run({"init"}).status, 0);
+        kvtps::ServerConfig c;
+        c.name = "PS9";
+        c.address = "127.0.0.9";
+        c.model = 3;
+        std::string error;
+        ASSERT_TRUE(emulator_.Start({c}, &error)) << error;
+        // Three ports, one per transport: PS9-P1 over LPR, -P2 over IPX, -P3 over NetBIOS.
+        const char *protocols[] = {"2", "1", "4"};
+        for (int d = 1; d <= 3; ++d)
+            ASSERT_EQ(Print(d, protocols[d - 1]).status, 0) << d;
+    }
+    void TearDown() override {
+        emulator_.Stop();
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+
+    KvtmonRun Run(std::vector<std::string> args, int killAfterMs = -1) {
+        return kvttest::RunKvtmon(std::move(args), dir_, "0.02", killAfterMs);
+    }
+    KvtmonRun Print(int digit, const char *protocol = nullptr, int killAfterMs = -1) {
+        std::vector<std::string> args = {"print", "PS9-P" + std::to_string(digit), dir_ + "/job.prn", "--quiet"};
+        if (protocol != nullptr) args.insert(args.end(), {"--server", "127.0.0.9", "--protocol", protocol});
+        return Run(args, killAfterMs);
+    }
+
+    // The tree as the next start-up reads it: every line of kvtmon ports, and
+    // no complaint about the hive.
+    std::string Tree() {
+        KvtmonRun ports = Run({"ports"});
+        EXPECT_EQ(ports.status, 0) << ports.err;
+        EXPECT_EQ(ports.err.find("cannot be read"), std::string::npos) << ports.err;
+        return ports.out;
+    }
+
+    // What PS9 holds of each job is the job's first bytes; a channel job it
+    // holds whole was hung up, and one hung up is whole.
+    void CheckServer() {
+        for (const auto &j : emulator_.Jobs("PS9"))
+            EXPECT_EQ(j.data, job_.substr(0, j.data.size())) << "LPR job of " << j.data.size() << " bytes";
+        std::vector<kvtps::ChannelJob> channels = emulator_.IpxJobs("PS9");
+        for (const auto &j : emulator_.NetbiosJobs("PS9")) channels.push_back(j);
+        for (const auto &j : channels) {
+            EXPECT_EQ(j.data, job_.substr(0, j.data.size())) << "channel job " << j.channel;
+            EXPECT_EQ(j.hungUp, j.data.size() == job_.size()) << "channel job " << j.channel;
+        }
+    }
+
+    std::string dir_, job_;
+    kvtps::Emulator emulator_;
+};
+
+TEST_F(KillAnyMoment, AJobLeavesTheServerItsFirstBytesAndTheTreeWhole) {
+    const std::string before = Tree();
+    for (int digit = 1; digit <= 3; ++digit)
+        for (int ms : {0, 5, 20, 60, 150}) {
+            SCOPED_TRACE("PS9-P" + std::to_string(digit) + " killed after " + std::to_string(ms) + " ms");
+            Print(digit, nullptr, ms);
+            EXPECT_EQ(Tree(), before);
+        }
+    emulator_.Stop();  // open channels and connections are stored as they stand
+    CheckServer();
+}
+
+TEST_F(KillAnyMoment, AConfigureOrADeleteLeavesTheOldTreeOrTheNew) {
+    // The stores of a configure come one by one, protocol before queue name:
+    // each is old or new, and a new queue name comes with the new protocol.
+    auto fields = [](const std::string &tree) {
+        std::istringstream line(tree.substr(tree.find("PS9-P1")));
+        std::string port, transport, queue;
+        line >> port >> transport >> queue;
+        return std::make_pair(transport, queue);
+    };
+    for (int ms : {0, 2, 5, 10, 20, 40}) {
+        SCOPED_TRACE("killed after " + std::to_string(ms) + " ms");
+        const std::string before = Tree();
+        const std::string transport = ms % 4 == 0 ? "IPX" : "TCP/IP", queue = "q" + std::to_string(ms);
+        Run({"configure", "PS9-P1", "--protocol", ms % 4 == 0 ? "ipx" : "tcpip", "--queue", queue}, ms);
+        const std::string after = Tree();
+        const auto [t0, q0] = fields(before);
+        const auto [t1, q1] = fields(after);
+        EXPECT_TRUE((t1 == t0 || t1 == transport) && (q1 == q0 || (q1 == queue && t1 == transport))) << after;
+        EXPECT_EQ(after.substr(after.find("PS9-P2")), before.substr(before.find("PS9-P2")));
+    }
+    for (int ms : {0, 2, 5, 10, 20, 40}) {
+        SCOPED_TRACE("delete killed after " + std::to_string(ms) + " ms");
+        const std::string old = Tree();
+        Run({"delete", "PS9-P2"}, ms);
+        const std::string now = Tree();
+        std::string without = old;
+        const size_t at = without.find("PS9-P2");
+        if (at != std::string::npos) without.erase(without.rfind('\n', at) + 1, without.find('\n', at) - without.rfind('\n', at));
+        EXPECT_TRUE(now == old || now == without) << now;
+        if (at != std::string::npos && now == without) {
+            ASSERT_EQ(Print(2, "1").status, 0) << "made again";
+        }
+    }
+}
+
+}  // namespace
