@@ -52,7 +52,7 @@ fuzz: deps
 	scripts/fuzz.sh
 
 # The whole fault matrix, every transport against every fault of kvtps (about
-# five minutes); docs/faults.md is written from the run.  make test runs its
+# two minutes); docs/faults.md is written from the run.  make test runs its
 # short form.
 faults: deps
 	@$(CMAKE) -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null

@@ -116,7 +116,7 @@ kvtps::ChannelFaults Ch(void (*set)(kvtps::ChannelFaults &)) {
 
 const std::vector<Fault> kFaults = {
     {"refused", LF(f.refuse = true), {}, 0.005},
-    {"silent", LF(f.silent = true), {}, 0.002},
+    {"silent (takes the connection, never answers)", LF(f.silent = true), {}, 0.002},
     {"closes before ack 1", LF(f.closeBeforeAck = 1), {}, 0.005},
     {"closes before ack 4", LF(f.closeBeforeAck = 4), {}, 0.005},
     {"non-zero ack 1", LF(f.nakAtStep = 1), {}, 0.01},
@@ -127,7 +127,7 @@ const std::vector<Fault> kFaults = {
     {"acks 10 min late (past the header's 30 s of waits)", {}, {}, 0.002},
     {"gone mid-job (closes after 16 KiB)", LF(f.closeAfterBytes = 16384), {}, 0.01},
     {"back after 3 closed connects", LF(f.closeBeforeAck = 1; f.closeBeforeAckCount = 3), {}, 0.01},
-    {"silent", {}, CF(f.silent = true), 0.01},
+    {"silent (answers no frame)", {}, CF(f.silent = true), 0.01},
     {"busy for 60 connects", {}, CF(f.busyAnswers = 60 * 21), 0.01},
     {"busy for 61 connects", {}, CF(f.busyAnswers = 61 * 21), 0.005},
     {"every 3rd data frame lost", {}, CF(f.dropDataEvery = 3), 0.01},
@@ -448,7 +448,9 @@ int main(int argc, char **argv) {
         for (size_t fi = 0; fi < kFaults.size(); ++fi) {
             md << "| " << kFaults[fi].name << " | " << kFaults[fi].scale << " |";
             for (int col = LPR; col <= AUTO; ++col) {
-                md << " ";
+                md << (std::none_of(done.begin(), done.end(), [&](const auto &d) {
+                          return d.first.fault == static_cast<int>(fi) && Column(d.first) == col;
+                      }) ? " -" : " ");
                 for (const auto &[c, r] : done)
                     if (c.fault == static_cast<int>(fi) && Column(c) == col)
                         md << r.outcome << "<br>" << Seconds(r.ms) << " in [" << Seconds(c.lo.ms) << ", "
