@@ -3,7 +3,7 @@
 JOBS ?= 2
 CMAKE ?= cmake
 
-.PHONY: all deps linux win asan tsan soak test test-linux test-asan demo bench screenshots fuzz clean
+.PHONY: all deps linux win asan tsan soak faults test test-linux test-asan demo bench screenshots fuzz clean
 
 all: linux win
 
@@ -58,6 +58,14 @@ soak: linux asan
 # in tests/fuzz/corpus/ and the figures go to bench/results/fuzz.md.
 fuzz: deps
 	scripts/fuzz.sh
+
+# The whole fault matrix, every transport against every fault of kvtps (about
+# two minutes); docs/faults.md is written from the run.  make test runs its
+# short form.
+faults: deps
+	@$(CMAKE) -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@$(CMAKE) --build build -j$(JOBS) --target fault_matrix
+	build/bin/fault_matrix --write docs/faults.md
 
 bench: linux
 	scripts/bench.sh

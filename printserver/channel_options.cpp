@@ -27,15 +27,17 @@ const char kChannelUsage[] =
     "                                hangup, management (default: all)\n"
     "  --ipx-fault-count NAME=N      they change the first N of those replies only\n"
     "  --ipx-delay NAME=MS           waits MS ms before each reply\n"
+    "  --ipx-gone NAME=K[,N]         after K data frames lets the next N frames pass\n"
+    "                                unanswered (default: all), then answers again\n"
     "The print channel over NetBIOS (frames to its NetBIOS name), per server:\n"
     "  --nb-silent, --nb-busy, --nb-drop-data, --nb-drop-replies, --nb-flags,\n"
-    "  --nb-wrong-sequence, --nb-other-port, --nb-faults-on, --nb-fault-count\n"
+    "  --nb-wrong-sequence, --nb-other-port, --nb-faults-on, --nb-fault-count, --nb-gone\n"
     "                                as their --ipx- twins, for the channel's frames and\n"
     "                                replies; --nb-reply-name and --nb-late apply to them too\n"
     "\n";
 
 const char *const kFlags[] = {"silent", "wrong-sequence", "other-port"};
-const char *const kValued[] = {"busy", "drop-data", "drop-replies", "flags", "faults-on", "fault-count"};
+const char *const kValued[] = {"busy", "drop-data", "drop-replies", "flags", "faults-on", "fault-count", "gone"};
 const char *const kIpxFlags[] = {"no-ipx"};
 const char *const kIpxValued[] = {"ipx-reply-node", "ipx-delay"};
 
@@ -100,6 +102,14 @@ bool ApplyChannelSetting(ServerConfig *s, const std::string &key, const std::str
     } else if (knob == "drop-data" || knob == "drop-replies") {
         if (!Number(value, 1000000000, &n) || n == 0) return fail("N of 1 or more");
         (knob == "drop-data" ? f.dropDataEvery : f.dropReplyEvery) = static_cast<unsigned>(n);
+    } else if (knob == "gone") {
+        const size_t comma = value.find(',');
+        long k = 0;
+        if (!Number(value.substr(0, comma), 1000000000, &k) ||
+            (comma != std::string::npos && !Number(value.substr(comma + 1), 1000000000, &n)))
+            return fail("K[,N]");
+        f.goneAfter = static_cast<int>(k);
+        f.goneFor = comma == std::string::npos ? -1 : static_cast<int>(n);
     } else if (knob == "flags") {
         if (!Number(value, 255, &n)) return fail("a byte");
         f.replyFlags = static_cast<int>(n);

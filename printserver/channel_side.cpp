@@ -43,11 +43,21 @@ void ChannelSide::SetFaults(const ChannelFaults &faults) {
     faults_ = faults;
     busyLeft_ = faults.busyAnswers;
     faultLeft_ = faults.faultCount;
-    dataSeen_ = repliesSeen_ = 0;
+    goneLeft_ = faults.goneFor;
+    dataSeen_ = repliesSeen_ = stored_ = 0;
+}
+
+// Away for the moment (goneAfter): the frame is counted and not answered.
+bool ChannelSide::Gone() {
+    if (faults_.goneAfter < 0 || stored_ < static_cast<uint64_t>(faults_.goneAfter) || goneLeft_ == 0) return false;
+    if (goneLeft_ > 0) --goneLeft_;
+    ++counters.unanswered;
+    return true;
 }
 
 std::string ChannelSide::Connect(const uint8_t *frame) {
     ++counters.connects;
+    if (Gone()) return "";
     // A silent server still gives its busy answers: busy, then silent.
     if (faults_.silent && busyLeft_ == 0) {
         ++counters.unanswered;
@@ -91,6 +101,7 @@ std::string ChannelSide::Data(int port, const uint8_t *frame, size_t size) {
     } else {
         ++counters.hangups;
     }
+    if (Gone()) return "";
     const uint32_t sequence = SequenceOf(frame);
     // A data frame for the open channel, new or seen again, or a hang-up of
     // it (again, after its answer was lost); nothing else is answered.
@@ -106,6 +117,7 @@ std::string ChannelSide::Data(int port, const uint8_t *frame, size_t size) {
         job.dataBytes += payload;
         job.dataChecksum = Fnv1a64(frame + kChannelHeaderBytes, payload, job.dataChecksum);
         ++job.frames;
+        ++stored_;
         ++c.next;
         c.last.assign(reinterpret_cast<const char *>(frame), size);
     } else if (data) {

@@ -28,6 +28,7 @@ public:
     // change (another node) applies to it, counted with them against
     // faultCount.  False when the reply is lost on its way out.
     bool Shape(unsigned kind, std::string *reply, bool carrierChange, bool *carrierApplies);
+    bool Gone();
     // The jobs that ended since the last call.
     std::vector<ChannelJob> TakeEnded();
 
@@ -50,7 +51,8 @@ private:
     ChannelFaults faults_;
     Channel channels_[3];
     uint8_t nextId_ = 1;
-    int busyLeft_ = 0, faultLeft_ = -1;
+    int busyLeft_ = 0, faultLeft_ = -1, goneLeft_ = -1;
+    uint64_t stored_ = 0;  // data frames stored since the faults were set
     uint64_t dataSeen_ = 0, repliesSeen_ = 0;
     std::vector<ChannelJob> ended_;
 };

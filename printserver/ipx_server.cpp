@@ -87,6 +87,7 @@ bool ValidateChannelFaults(const ChannelFaults &f, std::string *error) {
     if (f.busyAnswers < 0) return fail("busy answers must not be negative");
     if (f.replyFlags < -1 || f.replyFlags > 255) return fail("reply flags are a byte");
     if (f.faultCount < -1) return fail("a fault count must be -1 or more");
+    if (f.goneAfter < -1 || f.goneFor < -1) return fail("gone-after and gone-for must be -1 or more");
     if (f.faultReplies & ~kReplyAll) return fail("unknown replies among those the faults change");
     return true;
 }

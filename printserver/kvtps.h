@@ -82,6 +82,10 @@ struct LprFaults {
     int recvBufferBytes = 0;
     // A pause before each ack (and before a nak), in milliseconds.
     int ackDelayMs = 0;
+    // A server that goes away in the middle of a job: the connection is closed
+    // (reset, with what it has not read) once this many data bytes have come
+    // (0 = never).
+    uint64_t closeAfterBytes = 0;
 };
 
 // ---- management datagrams ------------------------------------------------------------

@@ -40,6 +40,11 @@ struct ChannelFaults {
     bool otherPort = false;         // replies name the next printer port (3 then 1)
     unsigned faultReplies = kReplyAll;  // the replies the faults above (and the carrier's own) change
     int faultCount = -1;            // how many replies they change (-1: every one)
+    // A server that goes away in the middle of a job and may come back: after
+    // goneAfter data frames stored (-1: never) it lets the next goneFor frames
+    // of the channel pass unanswered (-1: all), then answers again.
+    int goneAfter = -1;
+    int goneFor = -1;
 };
 
 // One channel: a job, stored byte for byte in the order of its sequence numbers.

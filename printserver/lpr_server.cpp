@@ -381,6 +381,14 @@ void LprServer::ReadFrom(Connection &c) {
     }
     c.session.Receive(buffer_.data(), n);
     Advance(c);
+    if (c.fd >= 0 && live_.closeAfterBytes > 0 && c.session.inData() &&
+        c.session.job().dataBytes >= live_.closeAfterBytes) {
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            ++counters_.faultCloses;
+        }
+        End(c, LprOutcome::FaultClosed, "closed after " + std::to_string(live_.closeAfterBytes) + " data bytes");
+    }
 }
 
 // Parses as far as the bytes at hand go, answering each step that completes.

@@ -36,6 +36,7 @@ const char kUsage[] =
     "  --slow NAME=BYTES[,MS]        read at most BYTES at a time, MS ms apart (default 10)\n"
     "  --rcvbuf NAME=BYTES           receive buffer (SO_RCVBUF) of its sockets\n"
     "  --ack-delay NAME=MS           wait MS ms before each answer\n"
+    "  --close-after NAME=BYTES      close the connection once BYTES data bytes have come\n"
     "  --count-only NAME             keep only the byte count and checksum of the data\n"
     "\n"
     "The device, as management datagrams (UDP port 0x3434) show it, per server:\n"
@@ -343,6 +344,11 @@ bool ApplySetting(ServerConfig *s, const std::string &key, const std::string &va
             return Fail(error, "ack-delay wants milliseconds, not '" + value + "'");
         }
         f.ackDelayMs = static_cast<int>(n);
+    } else if (key == "close-after") {
+        if (!ParseNumber(value, 1, INT_MAX, false, &n)) {
+            return Fail(error, "close-after wants a byte count, not '" + value + "'");
+        }
+        f.closeAfterBytes = static_cast<uint64_t>(n);
     } else {
         return Fail(error, "unknown setting '" + key + "'");
     }
@@ -434,7 +440,7 @@ bool ParseCommandLine(const std::vector<std::string> &args, ProgramOptions *opti
     };
     std::vector<Knob> knobs;
     static const char *const kKnobs[] = {"refuse", "silent", "close-before-ack", "nak",
-                                         "slow", "rcvbuf", "ack-delay", "count-only",
+                                         "slow", "rcvbuf", "ack-delay", "close-after", "count-only",
                                          "device-name", "short-name", "node", "model", "type",
                                          "auto-protocol", "ps-config", "ps-support",
                                          "eeprom-address", "queue", "no-management", "move",
