@@ -157,7 +157,7 @@ extern "C" BOOL WINAPI LocalmonAddPort(LPWSTR pName, HWND hWnd, LPWSTR pMonitorN
     else DebugLog("MonitorName: NULL\n");
 
     SupportProtocol = GetProtocol();
-    LogPrintf("[LocalmonAddPort]Support protocol = %d\n", SupportProtocol);
+    LogPrintf("[LocalmonAddPort]Support protocol = %d\n", (int)SupportProtocol);
     if (SupportProtocol == 0) {
         DebugLog("Leave LocalmonAddPort - PC no support any protocol\n");
         return FALSE;
