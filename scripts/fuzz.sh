@@ -6,10 +6,13 @@
 # input in build/fuzz/crashes/ and makes the run fail.
 #
 #   FUZZ_SECONDS=600 make fuzz          # longer runs
+#   FUZZ_RUNS=10000000 make fuzz        # this many inputs per target (time no limit)
 #   FUZZ_TARGETS="list_record hive" make fuzz   # only these
+# JOBS targets run side by side (2 unless told).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${FUZZ_SECONDS:-60}
+runs=${FUZZ_RUNS:-}
 jobs=${JOBS:-2}
 root=$PWD
 out=build/fuzz
@@ -27,7 +30,8 @@ targets=${FUZZ_TARGETS:-$(cd tests/fuzz && ls fuzz_*.cpp | sed 's/^fuzz_//; s/\.
 mkdir -p "$out/crashes" bench/results
 rows=()
 failed=0
-for t in $targets; do
+fuzz_one() {
+    local t=$1 bin kept work log status execs rate cov features crashes inputs limit
     bin=$out/fuzz_$t
     [ -x "$bin" ] || { echo "make fuzz: no target $t" >&2; exit 1; }
     kept=tests/fuzz/corpus/$t
@@ -35,10 +39,12 @@ for t in $targets; do
     rm -rf "$work" "$out/min/$t"
     mkdir -p "$kept" "$work" "$out/min/$t" "tests/fuzz/seeds/$t"
     cp -r "$kept/." "$work/"
-    echo "fuzz $t: ${seconds} s"
+    rm -f "$out/$t.failed" "$out/$t.row"
+    if [ -n "$runs" ]; then limit=(-runs="$runs"); else limit=(-max_total_time="$seconds"); fi
+    echo "fuzz $t: ${limit[0]#-}"
     log=$out/$t.log
     set +e
-    "$bin" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=4096 -print_final_stats=1 \
+    "$bin" "${limit[@]}" -timeout=10 -rss_limit_mb=2048 -max_len=4096 -print_final_stats=1 \
         -artifact_prefix="$out/crashes/$t-" "$work" "tests/fuzz/seeds/$t" >"$log" 2>&1
     status=$?
     set -e
@@ -48,7 +54,7 @@ for t in $targets; do
     features=$(grep -o 'ft: [0-9]*' "$log" | tail -n1 | cut -d' ' -f2)
     crashes=$(find "$out/crashes" -name "$t-*" | wc -l)
     if [ "$status" -ne 0 ] || [ "$crashes" -ne 0 ]; then
-        failed=1
+        touch "$out/$t.failed"
         echo "fuzz $t: FAILED (exit $status, $crashes inputs in $out/crashes); see $log" >&2
     fi
     # The corpus, minimised: the smallest set of inputs with the same coverage.
@@ -60,13 +66,25 @@ for t in $targets; do
         cp "$out/min/$t/"* "$kept/"
     fi
     inputs=$(ls "$kept" | wc -l)
-    rows+=("| $t | ${execs:-0} | ${rate:-0} | ${cov:-0} | ${features:-0} | $inputs | $crashes |")
+    echo "| $t | ${execs:-0} | ${rate:-0} | ${cov:-0} | ${features:-0} | $inputs | $crashes |" >"$out/$t.row"
+}
+
+running=0
+for t in $targets; do
+    fuzz_one "$t" &
+    running=$((running + 1))
+    if [ "$running" -ge "$jobs" ]; then wait -n || true; running=$((running - 1)); fi
+done
+wait
+for t in $targets; do
+    if [ -f "$out/$t.row" ]; then rows+=("$(cat "$out/$t.row")"); fi
+    if [ -f "$out/$t.failed" ]; then failed=1; fi
 done
 
 {
     echo "# Fuzzing in volume"
     echo
-    echo "\`make fuzz\` with FUZZ_SECONDS=$seconds, $(date -u +%Y-%m-%d), $(nproc) cores;"
+    echo "\`make fuzz\` with $([ -n "$runs" ] && echo "FUZZ_RUNS=$runs" || echo "FUZZ_SECONDS=$seconds"), $(date -u +%Y-%m-%d), $jobs targets at a time on $(nproc) cores;"
     echo "each target built with libFuzzer and the address and undefined-behaviour sanitizers."
     echo "Coverage is libFuzzer's count of covered edges (cov) and features (ft) at the end;"
     echo "the corpus is what \`-merge=1\` kept in tests/fuzz/corpus/."
