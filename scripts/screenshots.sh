@@ -38,6 +38,26 @@ for way in add-port add-all; do
     kill $term 2>/dev/null || true
 done
 
+# Dialog 300 over dialog 200: the add runs in a tmux session that the xterm
+# shows, and tmux types what a person would (Shift+Tab three times to
+# "Create", Space, then a name and an address).
+tmux -L kvtshots new-session -d -s create -x 80 -y 24 "scripts/privnet sh -c \
+    'build/bin/kvtps --server PS1@127.0.0.2 --server PS2@127.0.0.3 --model PS2=3 >/dev/null 2>&1 &
+     sleep 0.5; build/bin/kvtmon add; sleep 30'"
+tmux -L kvtshots set-option -g status off
+sleep 3
+tmux -L kvtshots send-keys -t create BTab BTab BTab Space
+sleep 1
+tmux -L kvtshots send-keys -t create -l PS9
+tmux -L kvtshots send-keys -t create Tab
+tmux -L kvtshots send-keys -t create -l 127.0.0.9
+xterm -tn xterm-256color -geometry 80x24 -T kvtmon -fa Monospace -fs 11 -e tmux -L kvtshots attach -t create &
+term=$!
+sleep 2
+xwd -name kvtmon -silent | convert xwd:- "$out/create-server-terminal.png"
+kill $term 2>/dev/null || true
+tmux -L kvtshots kill-server 2>/dev/null || true
+
 for shot in configure-port message-box add-port add-all; do
     from=build/tests/windows/wine/screenshots/$shot.png
     if [ -f "$from" ]; then cp "$from" "$out/$shot-wine.png"; else echo "no $from: run make test first" >&2; fi
