@@ -65,10 +65,8 @@ typedef struct _CONFIGRECORD {
     DWORD ConfigProtocol;
 } ConfigRecord;
 
-/* Valid from a configure call's start to its end, on its own thread: two
- * configure calls at once each have their own. */
-extern thread_local ConfigRecord ConfigData;
-extern thread_local BYTE NotifyChoice;
+extern ConfigRecord ConfigData;
+extern BYTE NotifyChoice;
 
 INT_PTR CALLBACK SelectProtocolDlg(HWND hDlg, UINT uMsg, WPARAM wParam, LPARAM lParam);
 

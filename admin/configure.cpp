@@ -13,8 +13,8 @@
 #include "portstore.h"
 #include "resource.h"
 
-thread_local ConfigRecord ConfigData;
-thread_local BYTE NotifyChoice;
+ConfigRecord ConfigData;
+BYTE NotifyChoice;
 
 /* The record of the dialog that stands; kept at its start-up. */
 static ConfigRecord *ConfigDialogRecord;
@@ -116,10 +116,14 @@ static LONG OpenConfigKey(LPCWSTR pPortName, PHKEY phKey) {
     return RegOpenKeyW(HKEY_LOCAL_MACHINE, path, phKey);
 }
 
+/* The dialog shows and stores the call's own copy of the queue name, taken
+ * under PortListLock right after the lookup: a job start on another thread,
+ * whose lookup refreshes QueueNameBuffer, cannot change it, and ConfigData
+ * never points into a call that has ended. */
 extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPortName) {
-    ConfigData.QueueNameBuffer = QueueNameBuffer;
-    ConfigData.QueueNameBuffer[0] = 0;
-    ConfigData.ConfigProtocol = 0;
+    WCHAR queueName[QUEUE_NAME_BYTES / sizeof(WCHAR)];
+    queueName[0] = 0;
+    ConfigRecord record = {queueName, 0};
     DebugLog("\n");
     DebugLog("Entry LocalmonConfigurePort\n");
     if (pName != NULL) LogWideName("Name: %s \t", pName);
@@ -141,7 +145,10 @@ extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPo
     DebugLog("FindPortFromList ok\n");
     LeaveCriticalSection(&PortListLock);
 
+    EnterCriticalSection(&PortListLock);
     DWORD protocol = GetPrintProtocol(pPortName);
+    lstrcpynW(queueName, QueueNameBuffer, PORT_QUEUE_CHARS);
+    LeaveCriticalSection(&PortListLock);
     LogPrintf("PrintMethod = %d\n", (int)protocol);
 
     WCHAR flagName[32];
@@ -159,9 +166,10 @@ extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPo
     NotifyChoice = notify;
     LogPrintf("IsNotify = %d\n", notify);
 
+    record.ConfigProtocol = protocol;
     ConfigData.ConfigProtocol = protocol;
     if (DialogBoxParamW(DllInstance, MAKEINTRESOURCEW(DLG_SELECT_PROTOCOL), hWnd, SelectProtocolDlg,
-                        (LPARAM)&ConfigData) == 0) {
+                        (LPARAM)&record) == 0) {
         DebugLog("Leave LocalmonConfigurePort - show dialogbox fail\n");
         return FALSE;
     }
@@ -171,12 +179,13 @@ extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPo
         return FALSE;
     }
     WCHAR valueName[32];
-    BYTE stored = (BYTE)ConfigData.ConfigProtocol;
+    ConfigData.ConfigProtocol = record.ConfigProtocol;
+    BYTE stored = (BYTE)record.ConfigProtocol;
     LoadStr(IDS_PROTOCOL, valueName, 32);
     RegSetValueExW(hKey, valueName, 0, REG_BINARY, &stored, 1);
     LoadStr(IDS_QUEUENAME, valueName, 32);
-    RegSetValueExW(hKey, valueName, 0, REG_SZ, (const BYTE *)ConfigData.QueueNameBuffer,
-                   (DWORD)(lstrlenW(ConfigData.QueueNameBuffer) + 1) * sizeof(WCHAR));
+    RegSetValueExW(hKey, valueName, 0, REG_SZ, (const BYTE *)record.QueueNameBuffer,
+                   (DWORD)(lstrlenW(record.QueueNameBuffer) + 1) * sizeof(WCHAR));
     RegCloseKey(hKey);
 
     if (OpenConfigKey(NULL, &hKey) != ERROR_SUCCESS) {

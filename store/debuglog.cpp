@@ -12,8 +12,6 @@
 #include "debuglog.h"
 #include "monitor.h"
 
-thread_local char LogBuffer[LOG_BUFFER_SIZE];
-thread_local char LogBuffer2[LOG_BUFFER_SIZE];
 
 void DebugLog(const char *text) {
     if (IsDEBUG == 0 || text == NULL) return;
@@ -49,7 +47,11 @@ void DebugLog(const char *text) {
     SetLastError(lastError);
 }
 
+/* The formatting buffers, LogBuffer and LogBuffer2, are the calling thread's
+ * own, on its stack: a line that one thread formats is never overwritten by
+ * another's before it is written. */
 void LogPrintf(const char *format, ...) {
+    char LogBuffer[LOG_BUFFER_SIZE];
     va_list args;
     va_start(args, format);
     vsnprintf(LogBuffer, sizeof LogBuffer, format, args);
@@ -58,6 +60,7 @@ void LogPrintf(const char *format, ...) {
 }
 
 void LogWideName(const char *format, LPCWSTR name) {
+    char LogBuffer[LOG_BUFFER_SIZE], LogBuffer2[LOG_BUFFER_SIZE];
     LogBuffer[0] = 0;
     if (WideCharToMultiByte(CP_ACP, 0, name, -1, LogBuffer, LOG_BUFFER_SIZE, NULL, NULL) == 0)
         LogBuffer[LOG_BUFFER_SIZE - 1] = 0;

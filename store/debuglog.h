@@ -8,12 +8,6 @@
 
 #define LOG_BUFFER_SIZE 1024
 
-/* The formatting buffers: text lives in them only between its formatting and
- * the DebugLog call right behind it.  Each thread has its own pair, so a line
- * that one thread formats is never overwritten by another's. */
-extern thread_local char LogBuffer[LOG_BUFFER_SIZE];
-extern thread_local char LogBuffer2[LOG_BUFFER_SIZE];
-
 /* Appends the text and a line feed to the log when IsDEBUG is set. */
 void DebugLog(const char *text);
 

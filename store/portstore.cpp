@@ -17,7 +17,7 @@
 #include "portstore.h"
 #include "resource.h"
 
-thread_local WCHAR QueueNameBuffer[QUEUE_NAME_BYTES / sizeof(WCHAR)];
+WCHAR QueueNameBuffer[QUEUE_NAME_BYTES / sizeof(WCHAR)];
 
 /* <root>\<MonitorName>, and optionally a further path below it. */
 static void MonitorKeyPath(LPWSTR pOut, int cch, LPCWSTR pBelow) {
@@ -293,7 +293,9 @@ DWORD GetPrintProtocol(LPCWSTR pPortName) {
 
     /* Every lookup refreshes the queue name that the configure dialog shows:
      * empty when there is none, cut to the buffer when it is longer. */
+    EnterCriticalSection(&PortListLock);
     ReadQueueName(hKey, QueueNameBuffer, PORT_QUEUE_CHARS);
+    LeaveCriticalSection(&PortListLock);
 
     RegCloseKey(hKey);
     LogPrintf("Leave GetPrintProtocol - protocol = %d\n", protocol);

@@ -37,10 +37,10 @@ typedef struct _PORTPARAM {
     WCHAR QueueName3[PORT_QUEUE_CHARS];
 } PortParam, *PPORTPARAM;
 
-/* The LPR queue name that GetPrintProtocol read last on this thread, for the
- * configure dialog, which runs on the thread that looked the port up: a job
- * start on another thread reads its own port's name into its own buffer. */
-extern thread_local WCHAR QueueNameBuffer[QUEUE_NAME_BYTES / sizeof(WCHAR)];
+/* The LPR queue name that GetPrintProtocol read last, for the configure
+ * dialog.  Written under PortListLock, under which the configure call takes
+ * its own copy. */
+extern WCHAR QueueNameBuffer[QUEUE_NAME_BYTES / sizeof(WCHAR)];
 
 void EnumPServerPorts(void);
 void CreatePortRegistry(const PortParam *pParam);
