@@ -336,8 +336,10 @@ struct Parser {
             size_t next = path.find('\\', p + 1);
             std::string part = path.substr(p + 1, next == std::string::npos ? std::string::npos : next - p - 1);
             if (part.empty()) return Fail("an empty key name in '" + path + "'");
-            if (part.size() > 255) return Fail("a key name longer than 255 characters");
+            // Counted as the registry counts it, in UTF-16 units: the text the
+            // platform writes for a name it took is read back.
             parts.push_back(FromUtf8(part));
+            if (parts.back().size() > 255) return Fail("a key name longer than 255 characters");
             p = next == std::string::npos ? path.size() : next;
         }
         if (remove) {
