@@ -24,6 +24,27 @@ int AvailPSNextIndex(LPCWSTR pName) {
     return -1;
 }
 
+void AvailPSFromEEPROM(const BYTE *pImage, AvailPSRecord *pEntry) {
+    pEntry->ModelType = pImage[EEPROM_MODEL_OFFSET];
+    memcpy(&pEntry->IPAddress, pImage + EEPROM_IP_OFFSET, sizeof pEntry->IPAddress);
+    pEntry->Flags = 0;
+    if (pImage[EEPROM_SUPPORTPROTOCOL_OFFSET] & EEPROM_SUPPORT_TCPIP) pEntry->Flags |= PS_FLAG_TCPIP_SUPPORTED;
+    if (pImage[EEPROM_CONFIG_OFFSET] & EEPROM_CONFIG_TCPIP_ENABLED) pEntry->Flags |= PS_FLAG_TCPIP_ENABLED;
+}
+
+AvailPSRecord *AvailPSTakeName(LPCWSTR pName, BYTE autoProtocol, int *pIndex) {
+    for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i)
+        if (lstrcmpW(AvailPS[i].Name, pName) == 0) return NULL;
+    int index = AvailPSNextIndex(pName);
+    if (index < 0) return NULL;
+    AvailPSRecord *record = &AvailPS[index];
+    lstrcpynW(record->Name, pName, AVAILPS_NAME_CHARS);
+    record->AutoProtocol = autoProtocol;
+    TotalPrintServer = index + 1;
+    if (pIndex != NULL) *pIndex = index;
+    return record;
+}
+
 int AvailPSCount(void) {
     EnterCriticalSection(&AvailPSLock);
     int count = TotalPrintServer < 0 ? 0 : (TotalPrintServer > AVAILPS_RECORDS ? AVAILPS_RECORDS : TotalPrintServer);

@@ -65,6 +65,10 @@ extern CRITICAL_SECTION AvailPSLock;
  * writer fills the record at that index and then sets TotalPrintServer to the
  * index plus one. */
 int AvailPSNextIndex(LPCWSTR pName);
+/* A search's answer from a print server not yet in the table: a record with
+ * its name and AutoProtocol, counted in TotalPrintServer; NULL for a name the
+ * table holds already, or a full table.  The caller holds AvailPSLock. */
+AvailPSRecord *AvailPSTakeName(LPCWSTR pName, BYTE autoProtocol, int *pIndex);
 
 /* Reads of the table under AvailPSLock, for the dialogs and the silent add:
  * the count; a copy of record index, FALSE when it is no used record; a copy
@@ -96,6 +100,9 @@ int WidenText(const BYTE *pText, int cbField, WCHAR *pOut, int cchOut);
  * ModelType, NodeID, AutoProtocol, PortMask, PortProtocol and the three
  * QueueName slots in wide form.  The others stay as they are. */
 void AvailPSFromListRecord(const BYTE *pRecord /* LIST_RECORD_BYTES */, AvailPSRecord *pEntry);
+/* What an EEPROM image says of a print server: its model, its address and
+ * whether TCP/IP is supported and enabled. */
+void AvailPSFromEEPROM(const BYTE *pImage, AvailPSRecord *pEntry);
 
 /* Takes one record of the list file into the table at TotalPrintServer.
  * FALSE when the table is full and the record is left out. */

@@ -23,15 +23,9 @@ BOOL IPXSearchTakeReply(const BYTE *pReply, int cb, const BYTE *senderNode) {
     /* Trailing blanks stay: the job start compares the name with its port's. */
     WCHAR name[AVAILPS_NAME_CHARS];
     WidenText(body + SEARCH_NAME_OFFSET, SEARCH_NAME_BYTES, name, AVAILPS_NAME_CHARS);
-    for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i)
-        if (lstrcmpW(AvailPS[i].Name, name) == 0) return FALSE;
-    int index = AvailPSNextIndex(name);
-    if (index < 0) return FALSE;
-    AvailPSRecord *record = &AvailPS[index];
-    memcpy(record->Name, name, sizeof name);
-    record->AutoProtocol = body[SEARCH_AUTOPROTOCOL_OFFSET];
+    AvailPSRecord *record = AvailPSTakeName(name, body[SEARCH_AUTOPROTOCOL_OFFSET], NULL);
+    if (record == NULL) return FALSE;
     memcpy(record->NodeID, senderNode, NODE_ID_BYTES);
-    TotalPrintServer = index + 1;
     return TRUE;
 }
 
@@ -66,13 +60,7 @@ BOOL IPXTakeEEPROM(const BYTE *pReply, int cb, int index) {
     if (index < 0 || index >= AVAILPS_RECORDS || cb < IPX_EEPROM_REPLY_MIN ||
         !IsManagementReply(MGMT_CARRIER_IPX, pReply, cb, MGMT_READ_EEPROM))
         return FALSE;
-    const BYTE *image = pReply + MGMT_IPX_BODY;
-    AvailPSRecord *record = &AvailPS[index];
-    record->ModelType = image[EEPROM_MODEL_OFFSET];
-    memcpy(&record->IPAddress, image + EEPROM_IP_OFFSET, sizeof record->IPAddress);
-    record->Flags = 0;
-    if (image[EEPROM_SUPPORTPROTOCOL_OFFSET] & EEPROM_SUPPORT_TCPIP) record->Flags |= PS_FLAG_TCPIP_SUPPORTED;
-    if (image[EEPROM_CONFIG_OFFSET] & EEPROM_CONFIG_TCPIP_ENABLED) record->Flags |= PS_FLAG_TCPIP_ENABLED;
+    AvailPSFromEEPROM(pReply + MGMT_IPX_BODY, &AvailPS[index]);
     return TRUE;
 }
 

@@ -30,15 +30,9 @@ BOOL NBSearchTakeReply(const BYTE *pReply, int cb, char (*cfgNames)[NB_CFG_NAME_
     const BYTE *body = pReply + MGMT_NETBIOS_BODY;
     WCHAR name[AVAILPS_NAME_CHARS];
     WidenText(body + SEARCH_NAME_OFFSET, SEARCH_NAME_BYTES, name, AVAILPS_NAME_CHARS);
-    for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i)
-        if (lstrcmpW(AvailPS[i].Name, name) == 0) return FALSE;
-    int index = AvailPSNextIndex(name);
-    if (index < 0) return FALSE;
-    AvailPSRecord *record = &AvailPS[index];
-    memcpy(record->Name, name, sizeof name);
-    record->AutoProtocol = body[SEARCH_AUTOPROTOCOL_OFFSET];
+    int index;
+    if (AvailPSTakeName(name, body[SEARCH_AUTOPROTOCOL_OFFSET], &index) == NULL) return FALSE;
     NBCfgName(body + SEARCH_SHORT_NAME_OFFSET, cfgNames[index]);
-    TotalPrintServer = index + 1;
     return TRUE;
 }
 
@@ -47,13 +41,8 @@ BOOL NBTakeEEPROM(const BYTE *pReply, int cb, int index) {
         !IsManagementReply(MGMT_CARRIER_NETBIOS, pReply, cb, MGMT_READ_EEPROM))
         return FALSE;
     const BYTE *image = pReply + MGMT_NETBIOS_BODY;
-    AvailPSRecord *record = &AvailPS[index];
-    memcpy(record->NodeID, image + EEPROM_NODE_OFFSET, NODE_ID_BYTES);
-    memcpy(&record->IPAddress, image + EEPROM_IP_OFFSET, sizeof record->IPAddress);
-    record->ModelType = image[EEPROM_MODEL_OFFSET];
-    record->Flags = 0;
-    if (image[EEPROM_SUPPORTPROTOCOL_OFFSET] & EEPROM_SUPPORT_TCPIP) record->Flags |= PS_FLAG_TCPIP_SUPPORTED;
-    if (image[EEPROM_CONFIG_OFFSET] & EEPROM_CONFIG_TCPIP_ENABLED) record->Flags |= PS_FLAG_TCPIP_ENABLED;
+    memcpy(AvailPS[index].NodeID, image + EEPROM_NODE_OFFSET, NODE_ID_BYTES);
+    AvailPSFromEEPROM(image, &AvailPS[index]);
     return TRUE;
 }
 
@@ -98,14 +87,7 @@ static void SendQuery(NCB *pSend, Query *pQuery) {
 }
 
 static void CancelIfPending(NCB *pReceive) {
-    if (NBRetCode(pReceive) != NRC_PENDING) return;
-    NCB cancel;
-    memset(&cancel, 0, sizeof cancel);
-    cancel.ncb_command = NCBCANCEL;
-    cancel.ncb_lana_num = pReceive->ncb_lana_num;
-    cancel.ncb_buffer = (PUCHAR)pReceive;
-    cancel.ncb_length = sizeof(NCB);
-    Netbios(&cancel);
+    if (NBRetCode(pReceive) == NRC_PENDING) NBCancel(pReceive);
 }
 
 BOOL NBReadEEPROM(const char *name, int index) {

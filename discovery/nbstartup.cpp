@@ -94,8 +94,7 @@ static BOOL SendQuery(NCB *pSend) {
     return Netbios(pSend) == NRC_GOODRET || pSend->ncb_retcode == NRC_GOODRET;
 }
 
-/* Ends a pending receive and takes Name0 off its LANA. */
-static void CancelAndDelete(NCB *pReceive) {
+void NBCancel(NCB *pReceive) {
     NCB cancel;
     memset(&cancel, 0, sizeof cancel);
     cancel.ncb_command = NCBCANCEL;
@@ -103,6 +102,11 @@ static void CancelAndDelete(NCB *pReceive) {
     cancel.ncb_buffer = (PUCHAR)pReceive;
     cancel.ncb_length = sizeof(NCB);
     Netbios(&cancel);
+}
+
+/* Ends a pending receive and takes Name0 off its LANA. */
+static void CancelAndDelete(NCB *pReceive) {
+    NBCancel(pReceive);
     pReceive->ncb_command = NCBDELNAME;
     Netbios(pReceive);
 }

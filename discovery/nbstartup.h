@@ -44,5 +44,7 @@ void NBSetName(UCHAR *pField, const char *pText);
 void LoadNarrow(UINT id, char *pOut, int cb);
 /* ncb_retcode as it stands now: the platform writes it in the background. */
 UCHAR NBRetCode(const NCB *pNcb);
+/* NCBCANCEL of the receive, on its LANA. */
+void NBCancel(NCB *pReceive);
 
 #endif /* KVT_NBSTARTUP_H */

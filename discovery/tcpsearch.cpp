@@ -94,17 +94,10 @@ BOOL TCPSearchTakeReply(const BYTE *pReply, int cb) {
     int len = WidenText(body + SEARCH_NAME_OFFSET, SEARCH_NAME_BYTES, name, AVAILPS_NAME_CHARS);
     while (len > 0 && name[len - 1] == ' ') name[--len] = 0;
 
-    for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i)
-        if (lstrcmpW(AvailPS[i].Name, name) == 0) return FALSE;
-    int index = AvailPSNextIndex(name);
-    if (index < 0) return FALSE;
-
-    AvailPSRecord *record = &AvailPS[index];
-    memcpy(record->Name, name, sizeof name);
-    record->AutoProtocol = body[SEARCH_AUTOPROTOCOL_OFFSET];
+    AvailPSRecord *record = AvailPSTakeName(name, body[SEARCH_AUTOPROTOCOL_OFFSET], NULL);
+    if (record == NULL) return FALSE;
     record->Type = type;
     memcpy(record->NodeID, pReply, NODE_ID_BYTES);
-    TotalPrintServer = index + 1;
     return TRUE;
 }
 
@@ -139,24 +132,13 @@ BOOL TCPTakeEEPROM(const BYTE *pReply, int cb, const BYTE *nodeID, int index) {
         memcmp(pReply, nodeID, NODE_ID_BYTES) != 0)
         return FALSE;
     const BYTE *image = pReply + MGMT_UDP_BODY;
-    AvailPSRecord *record = &AvailPS[index];
-    record->ModelType = image[EEPROM_MODEL_OFFSET];
-    memcpy(&record->IPAddress, image + EEPROM_IP_OFFSET, sizeof record->IPAddress);
+    AvailPSFromEEPROM(image, &AvailPS[index]);
     const BYTE *ip = image + EEPROM_IP_OFFSET;
     LogPrintf("IP Address:%d.%d.%d.%d\n", ip[0], ip[1], ip[2], ip[3]);
-    record->Flags = 0;
-    BYTE support = image[EEPROM_SUPPORTPROTOCOL_OFFSET];
-    BYTE config = image[EEPROM_CONFIG_OFFSET];
-    LogPrintf("ps.SupportProtocol(1):%d\n", support);
-    LogPrintf("ps.Config(4):%d\n", config);
-    if (support & EEPROM_SUPPORT_TCPIP) {
-        DebugLog("Support TCPIP\n");
-        record->Flags |= PS_FLAG_TCPIP_SUPPORTED;
-    }
-    if (config & EEPROM_CONFIG_TCPIP_ENABLED) {
-        DebugLog("TCPIP Enable\n");
-        record->Flags |= PS_FLAG_TCPIP_ENABLED;
-    }
+    LogPrintf("ps.SupportProtocol(1):%d\n", image[EEPROM_SUPPORTPROTOCOL_OFFSET]);
+    LogPrintf("ps.Config(4):%d\n", image[EEPROM_CONFIG_OFFSET]);
+    if (AvailPS[index].Flags & PS_FLAG_TCPIP_SUPPORTED) DebugLog("Support TCPIP\n");
+    if (AvailPS[index].Flags & PS_FLAG_TCPIP_ENABLED) DebugLog("TCPIP Enable\n");
     return TRUE;
 }
 

@@ -1,4 +1,5 @@
 #include "ipx_server.h"
+#include "device_list.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -307,17 +308,9 @@ void IpxServer::Send(int fd, const std::string &bytes, const sockaddr_in &to, in
     sendmsg(fd, &msg, MSG_NOSIGNAL);
 }
 
-IpxServer::Device *IpxServer::Find(const std::string &server) {
-    for (auto &d : devices_)
-        if (d.config.name == server) return &d;
-    return nullptr;
-}
+IpxServer::Device *IpxServer::Find(const std::string &server) { return FindDevice(devices_, server); }
 
-const IpxServer::Device *IpxServer::Find(const std::string &server) const {
-    for (const auto &d : devices_)
-        if (d.config.name == server) return &d;
-    return nullptr;
-}
+const IpxServer::Device *IpxServer::Find(const std::string &server) const { return FindDevice(devices_, server); }
 
 bool IpxServer::Has(const std::string &server) const {
     std::lock_guard<std::mutex> lock(mu_);

@@ -1,4 +1,5 @@
 #include "mgmt_server.h"
+#include "device_list.h"
 
 #include <cerrno>
 #include <cstring>
@@ -178,17 +179,9 @@ void MgmtServer::Send(const Reply &reply, const sockaddr_in &to) {
            sizeof to);
 }
 
-MgmtServer::Device *MgmtServer::Find(const std::string &server) {
-    for (auto &d : devices_)
-        if (d.config.name == server) return &d;
-    return nullptr;
-}
+MgmtServer::Device *MgmtServer::Find(const std::string &server) { return FindDevice(devices_, server); }
 
-const MgmtServer::Device *MgmtServer::Find(const std::string &server) const {
-    for (const auto &d : devices_)
-        if (d.config.name == server) return &d;
-    return nullptr;
-}
+const MgmtServer::Device *MgmtServer::Find(const std::string &server) const { return FindDevice(devices_, server); }
 
 bool MgmtServer::Has(const std::string &server) const {
     std::lock_guard<std::mutex> lock(mu_);

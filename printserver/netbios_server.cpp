@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "kvthost.h"
+#include "device_list.h"
 
 namespace kvtps {
 
@@ -267,17 +268,9 @@ void NbServer::SendDue() {
     }
 }
 
-NbServer::Device *NbServer::Find(const std::string &server) {
-    for (auto &d : devices_)
-        if (d.config.name == server) return &d;
-    return nullptr;
-}
+NbServer::Device *NbServer::Find(const std::string &server) { return FindDevice(devices_, server); }
 
-const NbServer::Device *NbServer::Find(const std::string &server) const {
-    for (const auto &d : devices_)
-        if (d.config.name == server) return &d;
-    return nullptr;
-}
+const NbServer::Device *NbServer::Find(const std::string &server) const { return FindDevice(devices_, server); }
 
 void NbServer::SetAddress(const std::string &server, const std::string &address) {
     std::lock_guard<std::mutex> lock(mu_);

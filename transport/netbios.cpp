@@ -89,15 +89,7 @@ static BOOL Exchange(const NCB *pTemplate, const char *pName, const BYTE *pFrame
         sent = now;
         if (++passes == resends) break;
     }
-    if (NBRetCode(&receive) == NRC_PENDING) {
-        NCB cancel;
-        memset(&cancel, 0, sizeof cancel);
-        cancel.ncb_command = NCBCANCEL;
-        cancel.ncb_lana_num = receive.ncb_lana_num;
-        cancel.ncb_buffer = (PUCHAR)&receive;
-        cancel.ncb_length = sizeof(NCB);
-        Netbios(&cancel);
-    }
+    if (NBRetCode(&receive) == NRC_PENDING) NBCancel(&receive);
     return FALSE;
 }
 
