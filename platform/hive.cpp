@@ -110,6 +110,11 @@ std::u16string FromUtf8(const std::string &s) {
             if (i + k >= s.size() || (static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) ok = false;
             else c = (c << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
         }
+        // An overlong form ("\xC0\x8A" for a line feed) or a code past U+10FFFF is
+        // no UTF-8 either: read as itself, it cannot become a character that the
+        // written file would read otherwise.
+        static const uint32_t kLeast[] = {0, 0x80, 0x800, 0x10000};
+        if (ok && extra > 0 && (c < kLeast[extra] || c > 0x10FFFF)) ok = false;
         if (!ok || (b >= 0x80 && extra == 0)) {
             out.push_back(b);
             ++i;
