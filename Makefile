@@ -3,7 +3,7 @@
 JOBS ?= 2
 CMAKE ?= cmake
 
-.PHONY: all deps linux win asan tsan soak faults test test-linux test-asan demo bench screenshots fuzz clean
+.PHONY: all deps linux win asan tsan tsan-short soak faults test test-linux test-asan demo bench screenshots fuzz clean
 
 all: linux win
 
@@ -32,13 +32,21 @@ tsan: deps
 	@$(CMAKE) --build build/tsan -j$(JOBS) $(TSAN_TARGETS)
 	cd build/tsan && $(TSAN_RUN) ctest --output-on-failure -j$(JOBS) -L '^(monitor|platform|printserver)_tests$$'
 
+# make test's short form: the stress test and the tests of a busy port, alone.
+tsan-short: deps
+	@$(CMAKE) -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKVT_TSAN=ON >/dev/null
+	@$(CMAKE) --build build/tsan -j$(JOBS) --target tsan_tests
+	cd build/tsan && $(TSAN_RUN) ctest --output-on-failure -j$(JOBS) -L '^tsan_tests$$'
+
 # The whole suite, in the plain build and again under the address and
-# undefined-behaviour sanitizers; the Windows build first, for the DLL's checks.
-# The tests also want Wine, to run KVT64.DLL in: deps installs it when it may.
+# undefined-behaviour sanitizers, then the concurrency tests under the thread
+# sanitizer; the Windows build first, for the DLL's checks.  The tests also
+# want Wine, to run KVT64.DLL in: deps installs it when it may.
 test test-linux: DEPS_FLAGS = --wine
 test: win linux asan
 	cd build && ctest --output-on-failure -j$(JOBS)
 	cd build/asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j$(JOBS)
+	@$(MAKE) --no-print-directory tsan-short
 
 test-linux: win linux
 	cd build && ctest --output-on-failure -j$(JOBS)

@@ -3,7 +3,7 @@
 # clang and libclang-rt-14-dev) and runs each for a bounded time as a test.
 # The corpus each run grows stays in the build tree; the seeds beside this
 # file are where each run starts.
-set(KVT_FUZZ_SECONDS 10 CACHE STRING "How long each fuzz target runs in the tests")
+set(KVT_FUZZ_SECONDS 5 CACHE STRING "How long each fuzz target runs in the tests")
 find_program(KVT_FUZZ_CXX NAMES clang++ clang++-16 clang++-15 clang++-14)
 if(NOT KVT_FUZZ_CXX)
   message(STATUS "Fuzz targets: no clang++, not built")
