@@ -3,7 +3,7 @@
 JOBS ?= 2
 CMAKE ?= cmake
 
-.PHONY: all deps linux win asan tsan tsan-short soak faults test test-linux test-asan demo bench screenshots fuzz clean
+.PHONY: all deps linux win asan tsan tsan-short install-cups uninstall-cups soak faults test test-linux test-asan demo bench screenshots fuzz clean
 
 all: linux win
 
@@ -53,6 +53,13 @@ test-linux: win linux
 
 demo: linux
 	build/bin/kvtmon demo
+
+# The kvt backend for CUPS: installed where CUPS looks for backends, with its
+# prefix in /var/lib/kvt (scripts/cups.sh says more); root or sudo.
+install-cups: linux
+	scripts/cups.sh install
+uninstall-cups:
+	scripts/cups.sh uninstall
 
 # 1000 jobs over random transports against random faults (KVT_SOAK_SEED picks
 # them): in the plain build, which also holds its resident size, and under the

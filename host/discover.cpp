@@ -296,13 +296,17 @@ bool ParseDiscoverJson(const std::string &text, std::vector<FoundServer> *found,
 }
 
 bool DiscoverInChild(std::vector<FoundServer> *found, std::string *error) {
+    return SearchInChild("tcpip", found, error);
+}
+
+bool SearchInChild(const std::string &transport, std::vector<FoundServer> *found, std::string *error) {
     int pipeFds[2];
     if (pipe2(pipeFds, O_CLOEXEC) != 0) {
         *error = std::string("pipe: ") + std::strerror(errno);
         return false;
     }
     std::string self = ProgramPath();
-    std::vector<std::string> args = {self, "discover", "--json"};
+    std::vector<std::string> args = {self, "discover", "--json", "--transport", transport};
     std::vector<char *> argv;
     for (auto &a : args) argv.push_back(a.data());
     argv.push_back(nullptr);

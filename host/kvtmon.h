@@ -35,6 +35,8 @@ std::u16string MonitorKeyPath();
 // so that the monitor offers exactly these from its next job on.
 constexpr unsigned kTransportIpx = 1, kTransportTcpip = 2, kTransportNetbios = 4;
 void SetNetworkComponents(unsigned transports);
+// The bits of the components the registry holds.
+unsigned OfferedTransports();
 // What the platform carries, the default of `kvtmon init`: all three.
 constexpr unsigned kPlatformTransports = kTransportTcpip | kTransportIpx | kTransportNetbios;
 // "tcpip,ipx" into protocol bits; false for an unknown name or an empty list.
@@ -49,6 +51,9 @@ void SetMonitorFlag(const char16_t *name, bool on);
 // for a bad port name.
 bool MakePortKeys(const std::string &portName, uint32_t address, uint8_t protocol,
                   const std::optional<std::string> &queue, std::string *error);
+// The address stored for a print server's ports (host byte order); false
+// when none is stored.
+bool StoredServerAddress(const std::string &server, uint32_t *address);
 
 // ---- the terminal -----------------------------------------------------------------------
 // Message boxes are written to the terminal and answered OK.
@@ -121,6 +126,9 @@ int SearchNetwork(std::vector<FoundServer> *found, const std::string &transport,
 // Runs `kvtmon discover --json` as a child over this process's prefix, for a
 // process that has the monitor loaded or will load it.
 bool DiscoverInChild(std::vector<FoundServer> *found, std::string *error);
+// The same over "tcpip", "ipx" or "netbios": this program run as
+// `PROGRAM discover --json --transport T`.
+bool SearchInChild(const std::string &transport, std::vector<FoundServer> *found, std::string *error);
 std::string DiscoverJson(const std::vector<FoundServer> &found);
 std::string DiscoverTable(const std::vector<FoundServer> &found);
 bool ParseDiscoverJson(const std::string &text, std::vector<FoundServer> *found, std::string *error);

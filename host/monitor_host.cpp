@@ -128,6 +128,17 @@ void SetNetworkComponents(unsigned transports) {
     }
 }
 
+unsigned OfferedTransports() {
+    unsigned bits = 0;
+    for (const Component &c : kComponents) {
+        HKEY key = nullptr;
+        if (RegOpenKeyW(HKEY_LOCAL_MACHINE, c.key, &key) != ERROR_SUCCESS) continue;
+        bits |= c.bit;
+        RegCloseKey(key);
+    }
+    return bits;
+}
+
 bool ParseTransports(const std::string &list, unsigned *transports) {
     unsigned bits = 0;
     for (size_t at = 0; at <= list.size();) {
@@ -291,6 +302,16 @@ void ProgressFinish(Progress &p) {
     if (!p.enabled) return;
     Draw(p, NowMs());
     std::fprintf(stderr, "\n");
+}
+
+bool StoredServerAddress(const std::string &server, uint32_t *address) {
+    HKEY key = nullptr;
+    std::u16string path = MonitorKeyPath() + u"\\Ports\\" + kvthost::Widen(server);
+    if (RegOpenKeyW(HKEY_LOCAL_MACHINE, path.c_str(), &key) != ERROR_SUCCESS) return false;
+    DWORD type = 0, cb = sizeof *address;
+    LONG status = RegQueryValueExW(key, u"IP    ", nullptr, &type, reinterpret_cast<BYTE *>(address), &cb);
+    RegCloseKey(key);
+    return status == ERROR_SUCCESS && type == REG_BINARY && cb == sizeof *address;
 }
 
 }  // namespace kvtmon

@@ -7,7 +7,8 @@
 #                            tests run KVT64.DLL, with a virtual X display and
 #                            the tools that take screenshots of its windows, and
 #                            tshark, the protocol analyser that reads the
-#                            NetBIOS datagrams.  Without them those tests are
+#                            NetBIOS datagrams, and CUPS, under which the tests
+#                            run the kvt backend.  Without them those tests are
 #                            skipped with a notice (Wine's fail instead when
 #                            KVT_REQUIRE_WINE=1).
 set -euo pipefail
@@ -15,7 +16,7 @@ set -euo pipefail
 packages=(cmake make g++ libgtest-dev libgmock-dev mingw-w64 g++-mingw-w64-x86-64 iproute2 util-linux
           pkg-config libncurses-dev tmux)
 wine_packages=(wine wine64 fonts-wine xvfb x11-apps x11-utils imagemagick)
-analyser_packages=(tshark)
+analyser_packages=(tshark cups cups-daemon cups-client)
 
 missing_from() {
     local p
@@ -32,8 +33,10 @@ analyser_missing=()
 [ ${#missing[@]} -eq 0 ] && [ ${#wine_missing[@]} -eq 0 ] && [ ${#analyser_missing[@]} -eq 0 ] && exit 0
 
 if [ "$(id -u)" -eq 0 ]; then
+    as=()
     apt=(apt-get)
 elif command -v sudo >/dev/null 2>&1 && sudo -n true 2>/dev/null; then
+    as=(sudo)
     apt=(sudo apt-get)
 else
     if [ ${#missing[@]} -gt 0 ]; then
@@ -42,8 +45,9 @@ else
         exit 1
     fi
     if [ ${#analyser_missing[@]} -gt 0 ]; then
-        echo "NOTICE: tshark is not installed and this user cannot install it, so no protocol" >&2
-        echo "analyser reads the NetBIOS datagrams in the tests.  To run it: sudo apt-get install tshark" >&2
+        echo "NOTICE: ${analyser_missing[*]} not installed and this user cannot install them, so the" >&2
+        echo "tests that want them (the protocol analyser, CUPS) are skipped.  To run them:" >&2
+        echo "    sudo apt-get install ${analyser_missing[*]}" >&2
     fi
     [ ${#wine_missing[@]} -eq 0 ] && exit 0
     echo "NOTICE: Wine is not installed and this user cannot install it, so the tests of" >&2
@@ -64,6 +68,15 @@ if [ ${#wine_missing[@]} -gt 0 ]; then
     "${apt[@]}" install -y -qq --no-install-recommends "${wine_missing[@]}" >/dev/null
 fi
 if [ ${#analyser_missing[@]} -gt 0 ]; then
-    echo "Installing tshark, which reads the NetBIOS datagrams in the tests"
+    echo "Installing what the tests run beside the monitor: ${analyser_missing[*]}"
+    # CUPS's packages would start the system's print service; the tests start
+    # a cupsd of their own, and the system's is never started.
+    guard=
+    if [ ! -e /usr/sbin/policy-rc.d ]; then
+        guard=/usr/sbin/policy-rc.d
+        printf '#!/bin/sh\nexit 101\n' | "${as[@]}" tee $guard >/dev/null
+        "${as[@]}" chmod 755 $guard
+    fi
     "${apt[@]}" install -y -qq --no-install-recommends "${analyser_missing[@]}" >/dev/null
+    if [ -n "$guard" ]; then "${as[@]}" rm -f $guard; fi
 fi

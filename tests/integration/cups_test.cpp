@@ -1,0 +1,236 @@
+// The kvt backend under a real CUPS: cupsd from Debian's packages, started as
+// the test's own user (in a user namespace of its own inside the private
+// network) with a configuration, spool and backend folder of the test's.
+// Queues are made with lpadmin on kvt:// URIs, jobs printed with lp and
+// cancelled with cancel, and lpinfo lists what the backend finds.  Without
+// CUPS the tests are skipped with a notice.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "kvtmon_run.h"
+#include "kvtps.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const char *const kCupsd = "/usr/sbin/cupsd";
+
+struct Ran {
+    int status = -1;
+    std::string out;
+};
+
+class Cups : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        for (const char *tool : {kCupsd, "/usr/sbin/lpadmin", "/usr/sbin/lpinfo", "/usr/bin/lp", "/usr/bin/lpstat",
+                                 "/usr/bin/cancel", "/usr/lib/cups/daemon/cups-deviced"})
+            if (access(tool, X_OK) != 0) missing_ = tool;
+    }
+
+    void SetUp() override {
+        if (!missing_.empty()) {
+            std::fprintf(stderr, "NOTICE: %s is not installed (Debian's cups, cups-daemon, cups-client), so the "
+                                 "tests of the kvt backend under CUPS are skipped\n", missing_.c_str());
+            GTEST_SKIP() << missing_ << " is not installed";
+        }
+        char dir[] = "/tmp/kvt-cups-XXXXXX";
+        root_ = mkdtemp(dir);
+        for (const char *d : {"etc", "spool/tmp", "cache", "state", "log", "bin/backend"}) fs::create_directories(root_ + "/" + d);
+        for (const char *d : {"daemon", "filter", "cgi-bin"}) fs::create_symlink("/usr/lib/cups/" + std::string(d), root_ + "/bin/" + d);
+        // The backend as the README installs it, into the test's folders.
+        Ran installed = Run({KVT_SOURCE_DIR "/scripts/cups.sh", "install", "--prefix", root_ + "/prefix", "--libdir",
+                             root_ + "/lib", "--backend-dir", root_ + "/bin/backend", "--from", KVT_BIN_DIR});
+        ASSERT_EQ(installed.status, 0) << installed.out;
+        if (access("/usr/lib/cups/backend/lpd", X_OK) == 0) fs::copy_file("/usr/lib/cups/backend/lpd", root_ + "/bin/backend/lpd");
+        std::ofstream(root_ + "/etc/cupsd.conf") << "LogLevel debug\nListen " << root_ << "/cups.sock\n"
+                                                 << "Listen 127.0.0.1:8631\nBrowsing Off\nDefaultAuthType None\n"
+                                                 << "WebInterface Yes\nJobRetryInterval 3600\n"
+                                                 << "<Location />\nOrder allow,deny\nAllow all\n</Location>\n";
+        std::ofstream(root_ + "/etc/cups-files.conf")
+            << "ServerRoot " << root_ << "/etc\nRequestRoot " << root_ << "/spool\nTempDir " << root_ << "/spool/tmp\n"
+            << "CacheDir " << root_ << "/cache\nStateDir " << root_ << "/state\nServerBin " << root_ << "/bin\n"
+            << "ErrorLog " << root_ << "/log/error_log\nAccessLog " << root_ << "/log/access_log\n"
+            << "PageLog " << root_ << "/log/page_log\nSandboxing Relaxed\n"
+            << "SetEnv KVT_TIMESCALE " << timeScale_ << "\n";
+        kvtps::ServerConfig ps1, ps2;
+        ps1.name = "PS1";
+        ps2.name = "PS2";
+        ps2.address = "127.0.0.3";
+        ps2.model = 3;
+        std::string error;
+        ASSERT_TRUE(emulator_.Start({ps1, ps2}, &error)) << error;
+        // cupsd as the test's own user: a user that is not root in its namespace,
+        // so that CUPS runs everything as that user (the namespace maps it back).
+        // Its backends then bind NetBIOS's datagram port 138 as that user, which
+        // this private network (and no other) allows.
+        std::ofstream("/proc/sys/net/ipv4/ip_unprivileged_port_start") << "0\n";
+        ASSERT_EQ(kvttest::Slurp("/proc/sys/net/ipv4/ip_unprivileged_port_start"), "0\n");
+        std::vector<std::string> args = {"/usr/bin/unshare", "--user", "--map-user=1000", "--map-group=1000", kCupsd,
+                                         "-f", "-c", root_ + "/etc/cupsd.conf", "-s", root_ + "/etc/cups-files.conf"};
+        std::vector<char *> argv;
+        for (auto &a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        ASSERT_EQ(posix_spawn(&cupsd_, argv[0], nullptr, nullptr, argv.data(), environ), 0);
+        setenv("CUPS_SERVER", (root_ + "/cups.sock").c_str(), 1);
+        ASSERT_TRUE(Eventually([&] { return Run({"lpstat", "-r"}).out.find("is running") != std::string::npos; }))
+            << "cupsd did not start: " << kvttest::Slurp(root_ + "/log/error_log");
+    }
+
+    void TearDown() override {
+        if (cupsd_ > 0) {
+            kill(cupsd_, SIGTERM);
+            waitpid(cupsd_, nullptr, 0);
+        }
+        emulator_.Stop();
+        if (HasFailure()) std::fprintf(stderr, "%s\n", kvttest::Slurp(root_ + "/log/error_log").c_str());
+        std::error_code ec;
+        if (!root_.empty()) fs::remove_all(root_, ec);
+    }
+
+    Ran Run(std::vector<std::string> args) {
+        std::vector<char *> argv;
+        for (auto &a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        const std::string out = root_ + "/run.out";
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+        pid_t pid;
+        Ran ran;
+        if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
+            int status = 0;
+            waitpid(pid, &status, 0);
+            ran.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        }
+        posix_spawn_file_actions_destroy(&actions);
+        ran.out = kvttest::Slurp(out);
+        return ran;
+    }
+
+    template <typename F>
+    static bool Eventually(F done, int seconds = 60) {
+        for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+             std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(50)))
+            if (done()) return true;
+        return done();
+    }
+
+    void AddQueue(const std::string &queue, const std::string &uri) {
+        Ran r = Run({"lpadmin", "-p", queue, "-E", "-v", uri, "-m", "raw"});
+        ASSERT_EQ(r.status, 0) << r.out;
+    }
+    // lp's job id ("KVT1-3"), of a file with these bytes.
+    std::string Print(const std::string &queue, const std::string &bytes) {
+        std::ofstream(root_ + "/job.prn", std::ios::binary) << bytes;
+        Ran r = Run({"lp", "-d", queue, root_ + "/job.prn"});
+        size_t at = r.out.find("request id is ");
+        EXPECT_NE(at, std::string::npos) << r.out;
+        return at == std::string::npos ? "" : r.out.substr(at + 14, r.out.find(' ', at + 14) - at - 14);
+    }
+    bool Completed(const std::string &job) {
+        return Run({"lpstat", "-W", "completed", "-o"}).out.find(job + " ") != std::string::npos;
+    }
+    // What the state of the job's queue says ("... Waiting for ...").
+    std::string QueueState(const std::string &queue) { return Run({"lpstat", "-l", "-p", queue}).out; }
+
+    static std::string Bytes(size_t n, unsigned seed) {
+        std::string s(n, '\0');
+        for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131 + seed * 7 + i / 251) & 0xFF);
+        return s;
+    }
+
+    static inline std::string missing_;
+    const char *timeScale_ = "0.01";
+    std::string root_;
+    pid_t cupsd_ = -1;
+    kvtps::Emulator emulator_;
+};
+
+// A job printed with lp arrives at the print server byte for byte, over each
+// transport, with CUPS's job id, user and title in its control file over LPR.
+TEST_F(Cups, AJobPrintedWithLpArrivesWholeOverEachTransport) {
+    const struct {
+        const char *protocol;
+        std::vector<std::string> (*stored)(kvtps::Emulator &);
+    } kTransports[] = {
+        {"tcpip", [](kvtps::Emulator &e) { std::vector<std::string> v; for (auto &j : e.Jobs("PS2")) if (j.complete) v.push_back(j.data); return v; }},
+        {"ipx", [](kvtps::Emulator &e) { std::vector<std::string> v; for (auto &j : e.IpxJobs("PS2")) if (j.hungUp) v.push_back(j.data); return v; }},
+        {"netbios", [](kvtps::Emulator &e) { std::vector<std::string> v; for (auto &j : e.NetbiosJobs("PS2")) if (j.hungUp) v.push_back(j.data); return v; }},
+    };
+    unsigned seed = 1;
+    for (const auto &t : kTransports) {
+        SCOPED_TRACE(t.protocol);
+        const std::string queue = std::string("KVT_") + t.protocol;
+        AddQueue(queue, std::string("kvt://PS2/P2?protocol=") + t.protocol + "&queue=lpt2");
+        const std::string data = Bytes(100 * 1024 + seed, seed);
+        const std::string job = Print(queue, data);
+        ASSERT_TRUE(Eventually([&] { return Completed(job); })) << QueueState(queue);
+        ASSERT_TRUE(Eventually([&] { return t.stored(emulator_).size() == 1; }));
+        EXPECT_TRUE(t.stored(emulator_)[0] == data);
+        ++seed;
+    }
+    std::vector<kvtps::LprJob> lpr = emulator_.Jobs("PS2");
+    ASSERT_EQ(lpr.size(), 1u);
+    EXPECT_EQ(lpr[0].queue, "lpt2");
+    EXPECT_NE(std::find(lpr[0].controlLines.begin(), lpr[0].controlLines.end(), "Jjob.prn"),
+              lpr[0].controlLines.end());
+}
+
+// lpinfo -v (CUPS's device listing, which the web interface's Add Printer shows)
+// lists every printer port of the emulated print servers.
+TEST_F(Cups, LpinfoListsThePrintServersPorts) {
+    const std::string devices = Run({"lpinfo", "-v"}).out;
+    for (const char *uri : {"network kvt://PS1/P1\n", "network kvt://PS2/P1\n", "network kvt://PS2/P2\n",
+                            "network kvt://PS2/P3\n"})
+        EXPECT_NE(devices.find(uri), std::string::npos) << uri << " not in\n" << devices;
+    EXPECT_EQ(devices.find("kvt://PS1/P2"), std::string::npos) << "PS1 has one printer port";
+    const std::string long_ = Run({"lpinfo", "-l", "-v"}).out;
+    EXPECT_NE(long_.find("KVT PS2 port P3 (127.0.0.3, queue lpt3)"), std::string::npos) << long_;
+}
+
+// With the monitor's waits less shrunk: a print server busy for minutes.
+class CupsSlower : public Cups {
+protected:
+    CupsSlower() { timeScale_ = "0.05"; }
+};
+
+// A job cancelled with cancel while the print server answers busy ends at once,
+// through the monitor's own deletion test; a print server that is off leaves
+// the job to be tried again.
+TEST_F(CupsSlower, ACancelledJobEndsAndAnUnreachableServerLeavesTheJobForRetry) {
+    kvtps::IpxFaults busy;
+    busy.busyAnswers = 1000000;
+    ASSERT_TRUE(emulator_.SetIpxFaults("PS1", busy));
+    AddQueue("BUSY", "kvt://PS1/P1?protocol=ipx");
+    const std::string busyJob = Print("BUSY", Bytes(5000, 3));
+    ASSERT_TRUE(Eventually([&] { return QueueState("BUSY").find("busy or not answering") != std::string::npos; }))
+        << QueueState("BUSY");
+    ASSERT_EQ(Run({"cancel", busyJob}).status, 0);
+    ASSERT_TRUE(Eventually([&] { return Completed(busyJob); }));
+    // The backend ends (CUPS shows the job cancelled before): the print server
+    // hears no more connects, long before the monitor's 61 x 21 busy ones.
+    EXPECT_TRUE(Eventually([&] {
+        const uint64_t connects = emulator_.IpxCountersOf("PS1").connects;
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        return emulator_.IpxCountersOf("PS1").connects == connects;
+    })) << "the monitor went on after the cancel";
+    EXPECT_LT(emulator_.IpxCountersOf("PS1").connects, 61u * 21u) << "the job start ran to its end";
+    EXPECT_EQ(emulator_.IpxCountersOf("PS1").hangups, 0u);
+
+    AddQueue("OFF", "kvt://127.0.0.9/P1?protocol=tcpip");
+    const std::string offJob = Print("OFF", "to nobody");
+    ASSERT_TRUE(Eventually([&] { return QueueState("OFF").find("cannot be reached") != std::string::npos; }))
+        << QueueState("OFF");
+    EXPECT_FALSE(Completed(offJob));
+    EXPECT_NE(Run({"lpstat", "-o", "OFF"}).out.find(offJob), std::string::npos) << "the job waits for its retry";
+}
+
+}  // namespace
