@@ -2,7 +2,8 @@
 # The screenshots of the README, in docs/screenshots/: `kvtmon configure` in an
 # xterm of 80x24 on a virtual X display, and the ones the Wine tests took of
 # KVT64.DLL's own windows (build/tests/windows/wine/screenshots/, left by
-# `make test`).  Needs Xvfb, xterm, xwd and ImageMagick (scripts/deps.sh --wine).
+# `make test`), and CUPS's web interface listing the print servers.  Needs Xvfb,
+# xterm, xwd and ImageMagick (scripts/deps.sh --wine), and Chromium.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 out=docs/screenshots
@@ -57,6 +58,13 @@ sleep 2
 xwd -name kvtmon -silent | convert xwd:- "$out/create-server-terminal.png"
 kill $term 2>/dev/null || true
 tmux -L kvtshots kill-server 2>/dev/null || true
+
+# CUPS's Add Printer page with the print servers that the kvt backend found.
+if command -v chromium >/dev/null && [ -x /usr/sbin/cupsd ]; then
+    scripts/privnet scripts/cups-screenshot.sh "$PWD/$out/cups-add-printer.png"
+else
+    echo "no chromium or no cupsd: apt-get install chromium cups for the picture of CUPS's web interface" >&2
+fi
 
 for shot in configure-port message-box add-port add-all; do
     from=build/tests/windows/wine/screenshots/$shot.png

@@ -1,6 +1,6 @@
-// The kvt backend under a real CUPS: cupsd from Debian's packages, started as
-// the test's own user (in a user namespace of its own inside the private
-// network) with a configuration, spool and backend folder of the test's.
+// The kvt backend under a real CUPS: cupsd from Debian's packages, started by
+// scripts/cupsd-here.sh as the test's own user inside the private network,
+// with a configuration, spool and backend folder of the test's.
 // Queues are made with lpadmin on kvt:// URIs, jobs printed with lp and
 // cancelled with cancel, and lpinfo lists what the backend finds.  Without
 // CUPS the tests are skipped with a notice.
@@ -42,23 +42,11 @@ protected:
         }
         char dir[] = "/tmp/kvt-cups-XXXXXX";
         root_ = mkdtemp(dir);
-        for (const char *d : {"etc", "spool/tmp", "cache", "state", "log", "bin/backend"}) fs::create_directories(root_ + "/" + d);
-        for (const char *d : {"daemon", "filter", "cgi-bin"}) fs::create_symlink("/usr/lib/cups/" + std::string(d), root_ + "/bin/" + d);
+        fs::create_directories(root_ + "/bin/backend");
         // The backend as the README installs it, into the test's folders.
         Ran installed = Run({KVT_SOURCE_DIR "/scripts/cups.sh", "install", "--prefix", root_ + "/prefix", "--libdir",
                              root_ + "/lib", "--backend-dir", root_ + "/bin/backend", "--from", KVT_BIN_DIR});
         ASSERT_EQ(installed.status, 0) << installed.out;
-        if (access("/usr/lib/cups/backend/lpd", X_OK) == 0) fs::copy_file("/usr/lib/cups/backend/lpd", root_ + "/bin/backend/lpd");
-        std::ofstream(root_ + "/etc/cupsd.conf") << "LogLevel debug\nListen " << root_ << "/cups.sock\n"
-                                                 << "Listen 127.0.0.1:8631\nBrowsing Off\nDefaultAuthType None\n"
-                                                 << "WebInterface Yes\nJobRetryInterval 3600\n"
-                                                 << "<Location />\nOrder allow,deny\nAllow all\n</Location>\n";
-        std::ofstream(root_ + "/etc/cups-files.conf")
-            << "ServerRoot " << root_ << "/etc\nRequestRoot " << root_ << "/spool\nTempDir " << root_ << "/spool/tmp\n"
-            << "CacheDir " << root_ << "/cache\nStateDir " << root_ << "/state\nServerBin " << root_ << "/bin\n"
-            << "ErrorLog " << root_ << "/log/error_log\nAccessLog " << root_ << "/log/access_log\n"
-            << "PageLog " << root_ << "/log/page_log\nSandboxing Relaxed\n"
-            << "SetEnv KVT_TIMESCALE " << timeScale_ << "\n";
         kvtps::ServerConfig ps1, ps2;
         ps1.name = "PS1";
         ps2.name = "PS2";
@@ -66,14 +54,9 @@ protected:
         ps2.model = 3;
         std::string error;
         ASSERT_TRUE(emulator_.Start({ps1, ps2}, &error)) << error;
-        // cupsd as the test's own user: a user that is not root in its namespace,
-        // so that CUPS runs everything as that user (the namespace maps it back).
-        // Its backends then bind NetBIOS's datagram port 138 as that user, which
-        // this private network (and no other) allows.
-        std::ofstream("/proc/sys/net/ipv4/ip_unprivileged_port_start") << "0\n";
-        ASSERT_EQ(kvttest::Slurp("/proc/sys/net/ipv4/ip_unprivileged_port_start"), "0\n");
-        std::vector<std::string> args = {"/usr/bin/unshare", "--user", "--map-user=1000", "--map-group=1000", kCupsd,
-                                         "-f", "-c", root_ + "/etc/cupsd.conf", "-s", root_ + "/etc/cups-files.conf"};
+        // cupsd as the README runs one of one's own (the test is in the private network).
+        std::vector<std::string> args = {KVT_SOURCE_DIR "/scripts/cupsd-here.sh", root_,
+                                         std::string("KVT_TIMESCALE=") + timeScale_};
         std::vector<char *> argv;
         for (auto &a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
