@@ -138,7 +138,7 @@ const char kNbJob[] =
 
 // A port fixed to IPX or NetBIOS, and an automatic one whose job falls over
 // from TCP/IP (PS1 refuses LPR) to IPX, or on through IPX (PS1 isn't there)
-// to NetBIOS.
+// to NetBIOS.  Waits of 125 ms: a reply that came late would add lines.
 TEST_F(JobTest, TheLogOfAChannelJobAndOfOneThatFallsOverToItIsTheWholePath) {
     const std::string lprFails = "Leave LprHandshake - acknowledgement is not 0\n\nEntry LprOpenFile() error 6\n\n"
                                  "LprOpenFile fail\n\n";
@@ -154,7 +154,7 @@ TEST_F(JobTest, TheLogOfAChannelJobAndOfOneThatFallsOverToItIsTheWholePath) {
                  {'0', true, lprFails + ipxFails + "Try NETBIOS protocol\n\n", kNbJob}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.protocol);
-        PINIPORT port = StartPort(kvttest::HostOptions{true, true, c.netbios, true, 0, true, 0.1},
+        PINIPORT port = StartPort(kvttest::HostOptions{true, true, c.netbios, true, 0, true, 0.25},
                                   static_cast<uint8_t>(c.protocol - '0'), u"lp");
         kvtps::ServerConfig config;
         config.name = "PS1";
