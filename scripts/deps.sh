@@ -13,7 +13,7 @@
 #                            KVT_REQUIRE_WINE=1).
 set -euo pipefail
 
-packages=(cmake make g++ libgtest-dev libgmock-dev mingw-w64 g++-mingw-w64-x86-64 iproute2 util-linux
+packages=(cmake make g++ libgtest-dev libgmock-dev mingw-w64 g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64 iproute2 util-linux
           pkg-config libncurses-dev tmux)
 wine_packages=(wine wine64 fonts-wine xvfb x11-apps x11-utils imagemagick)
 analyser_packages=(tshark cups cups-daemon cups-client)

@@ -223,76 +223,62 @@ TEST_F(JobTest, EmptySendsAreCountedAndPauseAfterAThousand) {
     LocalmonEndDocPort(port);
 }
 
-// A server that closes every connection before its first ack, and one that
-// refuses every connect: 200 attempts, then error 7 and the port free again.
-TEST_F(JobTest, TwoHundredFailedAttemptsEndTheTransportWithError7) {
-    for (const bool refuse : {false, true}) {
-        SCOPED_TRACE(refuse ? "refused" : "closed before ack 1");
-        PINIPORT port = StartPort(kvttest::HostOptions(), 2 /* fixed TCP/IP */);
-        kvtps::LprFaults faults;
-        faults.closeBeforeAck = refuse ? 0 : 1;
-        faults.refuse = refuse;
-        StartServer(faults);
-        EXPECT_FALSE(StartDoc(port));
-        EXPECT_EQ(GetLastError(), ERROR_IO_DEVICE);
-        EXPECT_EQ(emulator.Counters("PS1").connectionsAccepted, refuse ? 0u : 200u);
-        EXPECT_EQ(kvttest::LogLinesStartingWith("Entry LprOpenFile() error 7").size(), 1u);
-        EXPECT_EQ(port->Status, 0u);
-        EXPECT_EQ(port->Socket, INVALID_SOCKET);
-        EXPECT_EQ(kvthost::OpenPrinterHandles(), 0);
-        emulator.Stop();
-    }
-}
-
-class NakTest : public JobTest, public ::testing::WithParamInterface<int> {};
-
-TEST_P(NakTest, ANonZeroAckEndsAtOnceWithError6) {
-    PINIPORT port = StartPort(kvttest::HostOptions(), 2);
+// A job start on a port fixed to TCP/IP that fails: 200 attempts against a
+// server that refuses or closes before its first ack (error 7); a non-zero ack
+// at any step ends at once, with no further connect (error 6); a job deleted
+// while connecting stops the attempts (error 1), also against a silent server,
+// which is taken as gone after its waits and tried again.
+struct LprFailure {
+    const char *name;
     kvtps::LprFaults faults;
-    faults.nakAtStep = GetParam();
-    faults.nakByte = 0x01;
-    StartServer(faults);
+    int deleteAtGetJob;  // 0: never deleted
+    uint64_t connections;
+    std::vector<std::string> logged;  // once each
+    const char *notLogged;
+};
+
+class LprStartFails : public JobTest, public ::testing::WithParamInterface<LprFailure> {};
+
+TEST_P(LprStartFails, WithError1117AndTheLogSaysWhy) {
+    const LprFailure &c = GetParam();
+    PINIPORT port = StartPort(kvttest::HostOptions(), 2 /* fixed TCP/IP */);
+    StartServer(c.faults);
+    kvthost::SetGetJobHook([&c](DWORD jobId, int call) {
+        if (call == c.deleteAtGetJob) kvthost::SetJobStatus(kPrinter, jobId, JOB_STATUS_DELETING);
+    });
     EXPECT_FALSE(StartDoc(port));
+    kvthost::SetGetJobHook(nullptr);
     EXPECT_EQ(GetLastError(), ERROR_IO_DEVICE);
-    EXPECT_EQ(emulator.Counters("PS1").connectionsAccepted, 1u) << "no further connect";
-    EXPECT_EQ(kvttest::LogLinesStartingWith("Entry LprOpenFile() error 6").size(), 1u);
-    EXPECT_TRUE(kvttest::LogLinesStartingWith("Printing use IPX").empty()) << "a fixed port never falls over";
+    EXPECT_EQ(emulator.Counters("PS1").connectionsAccepted, c.connections);
+    for (const std::string &line : c.logged) EXPECT_EQ(kvttest::LogLinesStartingWith(line).size(), 1u) << line;
+    EXPECT_TRUE(kvttest::LogLinesStartingWith(c.notLogged).empty()) << c.notLogged;
     EXPECT_EQ(port->Status, 0u);
     EXPECT_EQ(port->Socket, INVALID_SOCKET);
+    EXPECT_EQ(kvthost::OpenPrinterHandles(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Lpr, NakTest, ::testing::Values(1, 2, 3, 4));
-
-TEST_F(JobTest, DeletingTheJobWhileConnectingStopsTheAttempts) {
-    PINIPORT port = StartPort(kvttest::HostOptions(), 2);
-    kvtps::LprFaults faults;
-    faults.refuse = true;
-    StartServer(faults);
-    // The user deletes the job during the fifth attempt.
-    kvthost::SetGetJobHook([](DWORD jobId, int call) {
-        if (call == 5) kvthost::SetJobStatus(kPrinter, jobId, JOB_STATUS_DELETING);
-    });
-    EXPECT_FALSE(StartDoc(port));
-    EXPECT_EQ(GetLastError(), ERROR_IO_DEVICE);
-    EXPECT_EQ(kvttest::LogLinesStartingWith("Entry LprOpenFile() error 1").size(), 1u);
-    EXPECT_TRUE(kvttest::LogLinesStartingWith("Entry LprOpenFile() error 7").empty());
-    EXPECT_EQ(port->Status, 0u);
+kvtps::LprFaults Faults(bool refuse, int closeBeforeAck, int nakAtStep, bool silent) {
+    kvtps::LprFaults f;
+    f.refuse = refuse, f.closeBeforeAck = closeBeforeAck, f.nakAtStep = nakAtStep, f.nakByte = 0x01, f.silent = silent;
+    return f;
 }
 
-TEST_F(JobTest, ASilentServerIsTakenAsGoneAndTriedAgain) {
-    PINIPORT port = StartPort(kvttest::HostOptions(), 2);
-    kvtps::LprFaults faults;
-    faults.silent = true;
-    StartServer(faults);
-    // Let the second attempt find the job deleted, to end the test quickly.
-    kvthost::SetGetJobHook([](DWORD jobId, int call) {
-        if (call == 2) kvthost::SetJobStatus(kPrinter, jobId, JOB_STATUS_DELETING);
-    });
-    EXPECT_FALSE(StartDoc(port));
-    EXPECT_EQ(emulator.Counters("PS1").connectionsAccepted, 1u);
-    EXPECT_EQ(kvttest::LogLinesStartingWith("Leave LprHandshake - connection closed").size(), 1u);
-    EXPECT_EQ(kvttest::LogLinesStartingWith("Entry LprOpenFile() error 1").size(), 1u);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Lpr, LprStartFails,
+    ::testing::Values(
+        LprFailure{"Refused", Faults(true, 0, 0, false), 0, 0, {"Entry LprOpenFile() error 7"}, "Printing use IPX"},
+        LprFailure{"ClosedBeforeAck1", Faults(false, 1, 0, false), 0, 200, {"Entry LprOpenFile() error 7"}, "Try "},
+        LprFailure{"NonZeroAck1", Faults(false, 0, 1, false), 0, 1, {"Entry LprOpenFile() error 6"}, "Printing use IPX"},
+        LprFailure{"NonZeroAck2", Faults(false, 0, 2, false), 0, 1, {"Entry LprOpenFile() error 6"}, "Printing use IPX"},
+        LprFailure{"NonZeroAck3", Faults(false, 0, 3, false), 0, 1, {"Entry LprOpenFile() error 6"}, "Printing use IPX"},
+        LprFailure{"NonZeroAck4", Faults(false, 0, 4, false), 0, 1, {"Entry LprOpenFile() error 6"}, "Printing use IPX"},
+        // The user deletes the job during the fifth attempt.
+        LprFailure{"DeletedWhileConnecting", Faults(true, 0, 0, false), 5, 0, {"Entry LprOpenFile() error 1"},
+                   "Entry LprOpenFile() error 7"},
+        LprFailure{"SilentIsTakenAsGoneAndTriedAgain", Faults(false, 0, 0, true), 2, 1,
+                   {"Leave LprHandshake - connection closed", "Entry LprOpenFile() error 1"},
+                   "Entry LprOpenFile() error 7"}),
+    [](const ::testing::TestParamInfo<LprFailure> &info) { return std::string(info.param.name); });
 
 TEST_F(JobTest, AWriteWithoutASocketFailsAndTheEndFreesThePort) {
     PINIPORT port = StartPort();

@@ -62,6 +62,7 @@ protected:
 // Each operation with its own receive: a reply ends it at the first send;
 // silence costs 21 sends (6 for a hang-up) and a cancel; a busy answer then
 // silence is busy; sends the NetBIOS layer refuses go again at once, 20 times.
+// Periods of 25 ms at the least, so that a reply is not late on a loaded machine.
 TEST_F(NbJob, OneFrameAgainstARepliesSilenceBusyAndRefusals) {
     const struct {
         const char *name;
@@ -74,11 +75,11 @@ TEST_F(NbJob, OneFrameAgainstARepliesSilenceBusyAndRefusals) {
         size_t sends, cancels;
     } cases[] = {
         {"reply at once", 1.0, false, 0, 0, CHANNEL_DATA, TRUE, 1, 0},
-        {"silent data", 0.01, true, 0, 0, CHANNEL_DATA, FALSE, 21, 1},
-        {"silent hang-up", 0.01, true, 0, 0, CHANNEL_HANGUP, FALSE, 6, 1},
-        {"silent connect", 0.01, true, 0, 0, CHANNEL_CONNECT, CONNECT_NO_RESPONSE, 21, 1},
-        {"busy, then silent", 0.01, true, 1, 0, CHANNEL_CONNECT, CONNECT_BUSY, 21, 1},
-        {"refused resends", 0.01, true, 0, NRC_ILLNN, CHANNEL_DATA, FALSE, 1 + NB_REFUSED_RESENDS + 1, 1},
+        {"silent data", 0.05, true, 0, 0, CHANNEL_DATA, FALSE, 21, 1},
+        {"silent hang-up", 0.05, true, 0, 0, CHANNEL_HANGUP, FALSE, 6, 1},
+        {"silent connect", 0.05, true, 0, 0, CHANNEL_CONNECT, CONNECT_NO_RESPONSE, 21, 1},
+        {"busy, then silent", 0.05, true, 1, 0, CHANNEL_CONNECT, CONNECT_BUSY, 21, 1},
+        {"refused resends", 0.05, true, 0, NRC_ILLNN, CHANNEL_DATA, FALSE, 1 + NB_REFUSED_RESENDS + 1, 1},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);

@@ -262,8 +262,9 @@ TEST_F(TcpSearch, ASilentNetworkTakesThreePassesAndNoRead) {
     EXPECT_EQ(Lines("[TCPReadEEPROM]"), 0u);
 }
 
+// Waits of 150 ms: the search's reply comes within one on a loaded machine.
 TEST_F(TcpSearch, AServerSilentAfterTheSearchCostsEveryTryAndKeepsTheSlot) {
-    StartHost(0.02);
+    StartHost(0.1);
     AvailPS[0].ModelType = 0x42;
     std::strcpy(AvailPS[0].QueueName[0].Text, "old");
     kvtps::ServerConfig mute = Server("PS1", "127.0.0.2");

@@ -34,6 +34,7 @@
 #include <tuple>
 #include <vector>
 
+#include "expected_log.h"
 #include "kvtps.h"
 
 extern char **environ;
@@ -41,8 +42,6 @@ extern char **environ;
 namespace {
 
 constexpr int kRunMs = 60000;  // the longest a harness run may take
-// The port record without its two strings, in the 64-bit Windows build.
-constexpr size_t kIniPortBytes = 224;
 const std::string kMonitorName = "PrintServer Network Port";
 
 std::string ReadFile(const std::string &path) {
@@ -234,77 +233,6 @@ std::string EnumBuffer(int level, const std::vector<std::string> &ports) {
     return Hex(records + tail);
 }
 
-struct PortRecord {
-    std::string name;
-    std::string address;  // as the log shows it, "%08X" of the host-order value
-    char lptn;
-};
-
-// The log of a start-up with the log on, over these ports in registry order.
-std::string StartupLog(const std::vector<PortRecord> &ports) {
-    std::string log =
-        "OS type : Windows NT/2000\n\n"
-        "Windows path : C:\\windows\n\n"
-        "Load driver : KVT64.DLL\n"
-        " success\n\n"
-        "DLL version: 4.1.0.0\n\n"
-        "VendorDesc : \n\n"
-        "DeviceDesc : PrintServer\n\n"
-        "Starting DEBUG mode\n\n";
-    for (const auto &port : ports) {
-        size_t bytes = kIniPortBytes + 2 * (port.name.size() + 1) + 2 * (kMonitorName.size() + 1);
-        log += "\n\nEntry CreateMonitorPortEntry\n\nPortName: " + port.name +
-               "\n\nDeviceDesc: PrintServer Network Port\n\nIPAddress: " + port.address + " \t Lptn: " + port.lptn +
-               "\n\nAllocSplMem success ( " + std::to_string(bytes) + " bytes)\n\nLeave CreateMonitorPortEntry\n\n";
-    }
-    return log +
-           "Leave EnumPServerPorts\n\n"
-           "WSAStartup ver 1.1 success\n\n"
-           "\n\n"
-           "Entry GetProtocol\n\n"
-           "Leave GetProtocol - protocol = 2\n\n"
-           "SupportProtocol =\n"
-           " [TCPIP]\n";
-}
-
-std::string JobIdLine(const char *format, unsigned jobId) {
-    char line[128];
-    std::snprintf(line, sizeof line, format, jobId);
-    return line;
-}
-
-// The log from the open of PS<n>-P1 to its queue name, for a port fixed to
-// TCP/IP with the queue name "lp", on the printer Office.
-std::string LprJobStartLog(const std::string &port, unsigned jobId) {
-    return "\n\nEntry LocalmonOpenPort\n\n"
-           "Open port name: " + port + "\n\n"
-           "Leave LocalmonOpenPort - success\n\n"
-           "\n\nEntry LocalmonStartDocPort\n\n"
-           "PrinterName: Office\n\n" +
-           JobIdLine("JobID: %08X \t Level: 00000001\n\n", jobId) +
-           "\n\nEntry GetProtocol\n\n"
-           "Leave GetProtocol - protocol = 2\n\n"
-           "Get protocol: 02\n\n"
-           "\n\nEntry GetPrintProtocol\n\n"
-           "Leave GetPrintProtocol - protocol = 2\n\n"
-           "Status = 00000000\n\n"
-           "PrintServer status change to PP_INSTARTDOC (status: 00000001)\n\n" +
-           JobIdLine("JobID: %08x,reset Printer status to 0\n\n", jobId) +
-           "Open printer success (status = 00000001)\n\n"
-           "\n\nEntry GetPrintProtocol\n\n"
-           "Leave GetPrintProtocol - protocol = 2\n\n"
-           "Get Print Protocol: 2\n\n"
-           "pIniPort->WorkProtocol: 0\n\n"
-           "Printing use TCPIP\n\n"
-           "\n\nEntry LprOpenFile()\n\n"
-           "\n\nEntry LprHandshake\n\n"
-           "\n\nEntry GetPrintQueueName\n\n"
-           "getPrintQueueName:6c00700000000000\n\n"
-           "getPrintQueueName_1:0000000000000000\n\n"
-           "getPrintQueueName_after pack:6c70000000000000\n\n"
-           "Leave GetPrintQueueName - success\n\n";
-}
-
 // The non-empty lines of a log from the first line that begins with `from` to
 // the first after it that begins with `to`.
 std::vector<std::string> LogLines(const std::string &log, const std::string &from, const std::string &to) {
@@ -439,33 +367,13 @@ TEST_F(UnderWine, AJobOverLprArrivesWholeAndTheLogIsTheWholePath) {
     EXPECT_TRUE(job.complete) << job.error;
     EXPECT_EQ(job.queue, "lp");
     std::string host = ShortHostName();
-    EXPECT_EQ(job.controlFileName, JobIdLine("cfA%03u", jobId) + host);
+    EXPECT_EQ(job.controlFileName, kvtlog::JobIdLine("cfA%03u", jobId) + host);
     EXPECT_EQ(job.controlLines, (std::vector<std::string>{"Hguest", "Jreport", "Nreport", "H" + host}));
-    EXPECT_EQ(job.dataFileName, JobIdLine("dfA%03u", jobId) + host);
+    EXPECT_EQ(job.dataFileName, kvtlog::JobIdLine("dfA%03u", jobId) + host);
     EXPECT_TRUE(job.data == data) << "the data differ from what was written";
 
-    std::string expected = StartupLog({{"PS1-P1", "7F000002", '1'}}) + LprJobStartLog("PS1-P1", jobId) +
-                           "Hguest\n"
-                           "Jreport\n"
-                           "Nreport\n"
-                           "H" + host + "\n"
-                           "Leave LprHandshake - success\n\n"
-                           "Leave LprOpenFile()\n\n"
-                           "LprOpenFile ok\n\n"
-                           "Leave LocalmonStartDocPort - success\n\n"
-                           "Entry LocalmonWritePort\n\n"
-                           "Using TCPIP protocol\n\n"
-                           "LprWrite ok\n\n"
-                           "Leave LocalmonWritePort - (return = 1)\n\n"
-                           "\n\n"
-                           "Entry LocalmonEndDocPort (status = 80000000)\n\n"
-                           "Protocol = TCPIP , call LprCloseFile\n\n"
-                           "Reset Status and PrinterStatus to 0\n\n"
-                           "Show notify to user\n\n"
-                           "Leave LocalmonEndDocPort - success\n\n"
-                           "\n\n"
-                           "LocalmonClosePort - close port\n\n";
-    EXPECT_EQ(Log(), expected);
+    EXPECT_EQ(Log(), kvtlog::Startup("C:\\windows", {{"PS1-P1", "7F000002", '1'}}) +
+                         kvtlog::LprJobStart("PS1-P1", jobId) + kvtlog::LprJobRest(host, true));
 }
 
 TEST_F(UnderWine, ALargeJobArrivesByteForByte) {
@@ -506,14 +414,8 @@ TEST_F(UnderWine, APortFixedToTcpIpFailsAtOnceWhenThePrintServerRefusesTheHeader
     EXPECT_EQ(counters.connectionsAccepted, 1u);
     EXPECT_EQ(counters.naksSent, 1u);
 
-    std::string expected = StartupLog({{"PS2-P1", "7F000003", '1'}}) + LprJobStartLog("PS2-P1", jobId) +
-                           "Leave LprHandshake - acknowledgement is not 0\n\n"
-                           "Entry LprOpenFile() error 6\n\n"
-                           "LprOpenFile fail\n\n"
-                           "Leave LocalmonStartDocPort - ERROR_IO_DEVICE (status: 00000000)\n\n"
-                           "\n\n"
-                           "LocalmonClosePort - close port\n\n";
-    EXPECT_EQ(Log(), expected);
+    EXPECT_EQ(Log(), kvtlog::Startup("C:\\windows", {{"PS2-P1", "7F000003", '1'}}) +
+                         kvtlog::LprJobStart("PS2-P1", jobId) + kvtlog::kLprRefused);
 }
 
 TEST_F(UnderWine, TheStoredProtocolAndQueueNameDecideTheTransportAndTheQueue) {
@@ -572,7 +474,7 @@ TEST_F(UnderWine, StartUpRebuildsThePortsFromTheRegistryAndEnumPortsFillsTheBuff
     EXPECT_EQ(ran.One("enum0").substr(ran.One("enum0").find(' ', 2)), " 0 3");
     EXPECT_EQ(ran.One("enum3"), "0 124");
     // Nothing of the enumeration is logged.
-    EXPECT_EQ(Log(), StartupLog({{"PS1-P1", "7F000002", '1'}, {"PS1-P2", "7F000002", '2'},
+    EXPECT_EQ(Log(), kvtlog::Startup("C:\\windows", {{"PS1-P1", "7F000002", '1'}, {"PS1-P2", "7F000002", '2'},
                                  {"PS2-C2", "7F000003", '5'}}));
 }
 
@@ -642,7 +544,7 @@ TEST_F(UnderWine, WinesSpoolerListsTheMonitorAndItsPortsAndPassesPortCallsToIt) 
     EXPECT_FALSE(ran.All("box").empty()) << ran;
     for (const auto &box : ran.All("box")) EXPECT_EQ(box, "DEBUG | Starting DEBUG mode | no icon");
 
-    std::string startup = StartupLog({{"PS1-P1", "7F000002", '1'}, {"PS1-P2", "7F000002", '2'}});
+    std::string startup = kvtlog::Startup("C:\\windows", {{"PS1-P1", "7F000002", '1'}, {"PS1-P2", "7F000002", '2'}});
     // Dialog 200 stands, over a search that found nothing, until kvtspool
     // presses Cancel; dialog 550 until it presses its default button, OK.
     EXPECT_EQ(ran.One("AddPortW"), "1 1223");
