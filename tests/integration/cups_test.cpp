@@ -111,9 +111,9 @@ protected:
         ASSERT_EQ(r.status, 0) << r.out;
     }
     // lp's job id ("KVT1-3"), of a file with these bytes.
-    std::string Print(const std::string &queue, const std::string &bytes) {
+    std::string Print(const std::string &queue, const std::string &bytes, int copies = 1) {
         std::ofstream(root_ + "/job.prn", std::ios::binary) << bytes;
-        Ran r = Run({"lp", "-d", queue, root_ + "/job.prn"});
+        Ran r = Run({"lp", "-d", queue, "-n", std::to_string(copies), root_ + "/job.prn"});
         size_t at = r.out.find("request id is ");
         EXPECT_NE(at, std::string::npos) << r.out;
         return at == std::string::npos ? "" : r.out.substr(at + 14, r.out.find(' ', at + 14) - at - 14);
@@ -138,7 +138,7 @@ protected:
 };
 
 // A job printed with lp arrives at the print server byte for byte, over each
-// transport, with CUPS's job id, user and title in its control file over LPR.
+// transport, its copies in one job, with CUPS's title in its control file over LPR.
 TEST_F(Cups, AJobPrintedWithLpArrivesWholeOverEachTransport) {
     const struct {
         const char *protocol;
@@ -154,10 +154,12 @@ TEST_F(Cups, AJobPrintedWithLpArrivesWholeOverEachTransport) {
         const std::string queue = std::string("KVT_") + t.protocol;
         AddQueue(queue, std::string("kvt://PS2/P2?protocol=") + t.protocol + "&queue=lpt2");
         const std::string data = Bytes(100 * 1024 + seed, seed);
-        const std::string job = Print(queue, data);
+        const std::string job = Print(queue, data, static_cast<int>(seed));
         ASSERT_TRUE(Eventually([&] { return Completed(job); })) << QueueState(queue);
         ASSERT_TRUE(Eventually([&] { return t.stored(emulator_).size() == 1; }));
-        EXPECT_TRUE(t.stored(emulator_)[0] == data);
+        std::string copies;
+        for (unsigned c = 0; c < seed; ++c) copies += data;
+        EXPECT_TRUE(t.stored(emulator_)[0] == copies) << seed << " copies";
         ++seed;
     }
     std::vector<kvtps::LprJob> lpr = emulator_.Jobs("PS2");
