@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "kvtmon_run.h"
+#include "kvt_uri.h"
 #include "kvtps.h"
 
 namespace {
@@ -216,6 +217,50 @@ TEST_F(CupsSlower, ACancelledJobEndsAndAnUnreachableServerLeavesTheJobForRetry) 
         << QueueState("OFF");
     EXPECT_FALSE(Completed(offJob));
     EXPECT_NE(Run({"lpstat", "-o", "OFF"}).out.find(offJob), std::string::npos) << "the job waits for its retry";
+}
+
+}  // namespace
+
+namespace {
+
+// The device URI: what the backend takes, and the message for what it refuses.
+TEST(DeviceUri, TakesServerPortProtocolAndQueueAndRefusesTheRest) {
+    const struct {
+        const char *uri;
+        const char *server;  // nullptr: refused, with a message holding `why`
+        int port;
+        uint8_t protocol;
+        const char *queue;
+        const char *why;
+    } kCases[] = {
+        {"kvt://PS1/P1", "PS1", 1, kvtcups::kProtocolAuto, nullptr, nullptr},
+        {"kvt://PS%202/p3?protocol=netbios&queue=lpt3", "PS 2", 3, kvtcups::kProtocolNetbios, "lpt3", nullptr},
+        {"kvt://127.0.0.2/P2?queue=a%26b&protocol=tcpip&", "127.0.0.2", 2, kvtcups::kProtocolTcpip, "a&b", nullptr},
+        {"lpd://PS1/P1", nullptr, 0, 0, nullptr, "kvt://"},
+        {"kvt://PS1", nullptr, 0, 0, nullptr, "no port"},
+        {"kvt://PS1/P4", nullptr, 0, 0, nullptr, "P1, P2 or P3"},
+        {"kvt:///P1", nullptr, 0, 0, nullptr, "print server"},
+        {"kvt://PS%0A1/P1", nullptr, 0, 0, nullptr, "print server"},
+        {"kvt://PS1/P1?protocol=appletalk", nullptr, 0, 0, nullptr, "protocol"},
+        {"kvt://PS1/P1?queue=0123456789012345678901234567890123", nullptr, 0, 0, nullptr, "31 characters"},
+        {"kvt://PS1/P1?colour=blue", nullptr, 0, 0, nullptr, "other than"},
+        {"kvt://PS1/P1?queue", nullptr, 0, 0, nullptr, "without a value"},
+    };
+    for (const auto &c : kCases) {
+        kvtcups::DeviceUri uri;
+        std::string error;
+        const bool taken = kvtcups::ParseDeviceUri(c.uri, &uri, &error);
+        ASSERT_EQ(taken, c.server != nullptr) << c.uri << ": " << error;
+        if (!taken) {
+            EXPECT_NE(error.find(c.why), std::string::npos) << c.uri << ": " << error;
+            continue;
+        }
+        EXPECT_EQ(uri.server, c.server) << c.uri;
+        EXPECT_EQ(uri.port, c.port) << c.uri;
+        EXPECT_EQ(uri.protocol, c.protocol) << c.uri;
+        EXPECT_EQ(uri.queue.value_or("(none)"), c.queue != nullptr ? c.queue : "(none)") << c.uri;
+        EXPECT_TRUE(kvtcups::ParseDeviceUri(kvtcups::DeviceUriFor(uri.server, uri.port), &uri, &error)) << c.uri;
+    }
 }
 
 }  // namespace
