@@ -19,6 +19,7 @@ const char *OutcomeName(LprOutcome outcome) {
     case LprOutcome::Nakked: return "nakked";
     case LprOutcome::Unanswered: return "unanswered";
     case LprOutcome::Stopped: return "stopped";
+    case LprOutcome::Aborted: return "aborted";
     }
     return "?";
 }

@@ -10,6 +10,10 @@
 //   3. the control file: L+1 bytes, 0x02, lines, 0x00     -> 0x00
 //   4. 0x03 2147483647 0x20 dfA007pc1 0x0A                -> 0x00
 //   5. the raw data, until the client closes the connection.
+// That is the monitor's; a server also takes a receive-job as other LPR
+// clients send it (RFC 1179): after step 1 the control file's and the data
+// files' subcommands in any order, each file count bytes and 0x00, every
+// line and every file acknowledged, or 0x01 0x0A to abort (lpr_session.h).
 //
 // Each server also answers the management datagrams by which the monitor
 // finds print servers and asks for their addresses: UDP to port 0x3434, sent
@@ -40,7 +44,7 @@ namespace kvtps {
 // A control file longer than this (L) is a protocol error: the length comes from
 // the client and is never trusted further than that.
 constexpr size_t kMaxControlFileLength = 64 * 1024;
-// A command line (steps 1, 2 and 4) longer than this without its 0x0A is a
+// A command line (step 1 and each subcommand) longer than this without its 0x0A is a
 // protocol error.
 constexpr size_t kMaxCommandLine = 1024;
 
@@ -64,6 +68,8 @@ inline uint64_t Fnv1a64(const void *bytes, size_t size, uint64_t hash = kFnvOffs
 struct LprFaults {
     bool refuse = false;  // nothing listens: a connect is refused
     bool silent = false;  // accept and read, never answer
+    // Acks are counted in the order they fall due: ack 1 answers the
+    // receive-job, then one each subcommand line and each file.
     // Close the connection instead of sending ack k (1..4; 0 = off), for the next
     // closeBeforeAckCount connections that reach step k (-1 = every one).
     int closeBeforeAck = 0;
@@ -227,15 +233,23 @@ struct MgmtTraffic {
 // ---- what a server saw --------------------------------------------------------------
 // How a connection's exchange ended.
 enum class LprOutcome {
-    Completed,      // the client closed the connection after ack 4
+    Completed,      // the client closed the connection after a whole job
     ClientClosed,   // the client closed (or reset) it before the job was whole
     ProtocolError,  // the server closed it on bytes it could not accept
     FaultClosed,    // closed instead of an ack (closeBeforeAck)
     Nakked,         // a non-zero ack was sent; the client then closed
     Unanswered,     // silent server; the client gave up and closed
     Stopped,        // the emulator stopped while the connection was open
+    Aborted,        // the client aborted the job (0x01) and closed
 };
 const char *OutcomeName(LprOutcome outcome);
+
+// One data file of a job: its name and the bytes that came for it.
+struct LprDataFile {
+    std::string name;
+    uint64_t length = 0;
+    bool operator==(const LprDataFile &) const = default;
+};
 
 // One connection that delivered at least one byte.  Byte fields hold the bytes
 // exactly as received (std::string used as a byte buffer).
@@ -243,23 +257,24 @@ struct LprJob {
     std::string server;
     uint64_t connection = 0;     // 1 for the server's first accepted connection, ...
     std::string peer;            // the client's address and port, "127.0.0.1:40312"
-    std::string header;          // every byte received before the data, exactly
+    std::string header;          // every byte received but the data files', exactly
     std::string queue;           // step 1, between 0x02 and 0x0A
-    std::string controlCommand;  // step 2, raw: 0x02 ... 0x0A
-    size_t controlLength = 0;    // L of step 2
+    std::string controlCommand;  // the control file's subcommand, raw: 0x02 ... 0x0A
+    size_t controlLength = 0;    // its L
     std::string controlFileName;
-    std::string controlFile;     // step 3, raw: L+1 bytes
+    std::string controlFile;     // raw: L+1 bytes
     std::vector<std::string> controlLines;  // its lines without 0x02, 0x0A and 0x00
-    std::string dataCommand;     // step 4, raw: 0x03 ... 0x0A
-    std::string dataLength;      // the count of step 4 as sent ("2147483647")
-    std::string dataFileName;
-    std::string data;            // the data (empty unless storeData)
+    std::string dataCommand;     // the first data file's subcommand, raw: 0x03 ... 0x0A
+    std::string dataLength;      // its count as sent ("2147483647")
+    std::string dataFileName;    // its name
+    std::vector<LprDataFile> dataFiles;  // every data file, in order
+    std::string data;            // the data files one after the other (empty unless storeData)
     uint64_t dataBytes = 0;
     uint64_t dataChecksum = kFnvOffset;  // FNV-1a 64 of the data
     uint64_t ignoredBytes = 0;   // read and dropped after a withheld ack or a nak
     uint64_t totalBytes = 0;     // every byte received on the connection
-    int acks = 0;                // acks (0x00) sent, 0..4
-    int step = 0;                // the step the exchange ended in: 1..4, 5 = data
+    int acks = 0;                // acks (0x00) sent: 4 for the monitor's job
+    int step = 0;                // the step the exchange ended in, acks + 1 (5: the monitor's data)
     LprOutcome outcome = LprOutcome::ClientClosed;
     bool complete = false;       // outcome == Completed
     std::string error;           // what went wrong, for anything but Completed
@@ -269,7 +284,8 @@ struct LprCounters {
     uint64_t connectionsAccepted = 0;
     uint64_t connectionsOpen = 0;
     uint64_t emptyConnections = 0;  // closed without a byte: no job stored
-    uint64_t acksSent[5] = {};      // [k]: acks of step k sent (index 0 unused)
+    // [k]: acks of step k sent (index 0 unused; the last counts every later step too)
+    uint64_t acksSent[8] = {};
     uint64_t naksSent = 0;
     uint64_t faultCloses = 0;
     uint64_t unanswered = 0;        // acks withheld by a silent server

@@ -41,14 +41,14 @@ bool ApplyChannelSetting(ServerConfig *s, const std::string &key, const std::str
                          bool *known, std::string *error);
 
 // One line describing a stored job: server, connection, queue, control lines,
-// data byte count, checksum, outcome.
+// the data file (or how many, and their names), data byte count, checksum, outcome.
 std::string DescribeJob(const LprJob &job);
 
 // A file name built from bytes a client sent: only letters, digits, '.', '_'
 // and '-' survive, never empty, never starting with '.'.
 std::string SafeFileName(const std::string &name);
 
-// Writes a completed job's control file and (when stored) its data file into
+// Writes a completed job's control file and (when stored) each data file into
 // dir/SERVER/, under the names the client gave them, made safe; a name taken
 // by an earlier job gets a ".2", ".3"... suffix.  *written lists the paths.
 bool SpoolJob(const std::string &dir, const LprJob &job, std::vector<std::string> *written,

@@ -358,11 +358,10 @@ void LprServer::ReadFrom(Connection &c) {
     if (n == 0) {
         if (c.holding) {
             End(c, c.holdOutcome, c.holdReason);
-        } else if (c.session.inData()) {
-            End(c, LprOutcome::Completed, "");
         } else {
-            End(c, LprOutcome::ClientClosed,
-                "the client closed the connection in step " + std::to_string(c.session.step()));
+            std::string why;
+            const LprOutcome outcome = c.session.AtClose(&why);
+            End(c, outcome, std::move(why));
         }
         return;
     }
@@ -381,8 +380,7 @@ void LprServer::ReadFrom(Connection &c) {
     }
     c.session.Receive(buffer_.data(), n);
     Advance(c);
-    if (c.fd >= 0 && live_.closeAfterBytes > 0 && c.session.inData() &&
-        c.session.job().dataBytes >= live_.closeAfterBytes) {
+    if (c.fd >= 0 && live_.closeAfterBytes > 0 && c.session.job().dataBytes >= live_.closeAfterBytes) {
         {
             std::lock_guard<std::mutex> lock(mu_);
             ++counters_.faultCloses;
@@ -470,7 +468,7 @@ void LprServer::SendAnswer(Connection &c, Answer answer) {
         c.holdOutcome = LprOutcome::Nakked;
         c.holdReason = text;
     } else {
-        ++counters_.acksSent[step];
+        ++counters_.acksSent[std::min<size_t>(step, std::size(counters_.acksSent) - 1)];
         c.session.Acknowledged();
     }
 }

@@ -76,7 +76,7 @@ const char kUsage[] =
 
 const char kUsageProgram[] =
     "Program:\n"
-    "  --spool DIR                   write each completed job's control and data file to\n"
+    "  --spool DIR                   write each completed job's control and data files to\n"
     "                                DIR/NAME/ under the names the client sent (made safe)\n"
     "  --private-net                 enter a private network (user and network namespace,\n"
     "                                loopback only) before starting\n"

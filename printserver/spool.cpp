@@ -1,5 +1,6 @@
 // What kvtps does with a job once a server has stored it: a line for the
-// person watching, and optionally the two files in a spool folder.
+// person watching, and optionally its files in a spool folder.
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -92,7 +93,12 @@ std::string DescribeJob(const LprJob &job) {
         line += Quote(job.controlLines[i]);
     }
     line += "]";
-    if (!job.dataFileName.empty()) line += ", df " + Quote(job.dataFileName);
+    if (job.dataFiles.size() > 1) {
+        line += ", " + std::to_string(job.dataFiles.size()) + " data files";
+        for (const auto &file : job.dataFiles) line += ' ' + Quote(file.name);
+    } else if (!job.dataFileName.empty()) {
+        line += ", df " + Quote(job.dataFileName);
+    }
     char tail[96];
     std::snprintf(tail, sizeof tail, ", %" PRIu64 " data bytes, fnv1a64 %016" PRIx64 ", ",
                   job.dataBytes, job.dataChecksum);
@@ -107,31 +113,42 @@ bool SpoolJob(const std::string &dir, const LprJob &job, std::vector<std::string
     if (!job.complete) return true;  // only whole jobs are spooled
     const std::string folder = dir + "/" + SafeFileName(job.server);
     if (!MakeDirectory(dir, error) || !MakeDirectory(folder, error)) return false;
-    const std::string control = SafeFileName(job.controlFileName);
-    std::string data = SafeFileName(job.dataFileName);
-    if (data == control) data += ".data";
-    const bool withData = job.data.size() == job.dataBytes;  // not a count-only server
+    // The control file, then each data file (none from a count-only server),
+    // each under its own name: a name taken by an earlier one gets ".data".
+    std::vector<std::pair<std::string, std::string>> files{{SafeFileName(job.controlFileName), job.controlFile}};
+    if (job.data.size() == job.dataBytes) {
+        std::vector<LprDataFile> parts = job.dataFiles;
+        if (parts.size() < 2) parts = {{job.dataFileName, job.dataBytes}};
+        size_t at = 0;
+        for (const auto &part : parts) {
+            std::string name = SafeFileName(part.name);
+            while (std::any_of(files.begin(), files.end(), [&](const auto &f) { return f.first == name; })) {
+                name += ".data";
+            }
+            files.emplace_back(name, job.data.substr(at, part.length));
+            at += part.length;
+        }
+    }
 
     for (int n = 1; n <= kMaxSuffix; ++n) {
-        std::string suffix;
-        if (n > 1) suffix = '.' + std::to_string(n);
-        const std::string cf = folder + "/" + control + suffix;
-        const std::string df = folder + "/" + data + suffix;
+        const std::string suffix = n > 1 ? '.' + std::to_string(n) : "";
+        std::vector<std::string> paths;
         bool exists = false;
-        if (!WriteNewFile(cf, job.controlFile, &exists, error)) {
-            if (exists) continue;
-            return false;
+        for (const auto &[name, bytes] : files) {
+            paths.push_back(folder + "/" + name + suffix);
+            if (!WriteNewFile(paths.back(), bytes, &exists, error)) {
+                paths.pop_back();
+                break;
+            }
         }
-        if (withData && !WriteNewFile(df, job.data, &exists, error)) {
-            unlink(cf.c_str());
-            if (exists) continue;
-            return false;
+        if (paths.size() == files.size()) {
+            written->insert(written->end(), paths.begin(), paths.end());
+            return true;
         }
-        written->push_back(cf);
-        if (withData) written->push_back(df);
-        return true;
+        for (const auto &path : paths) unlink(path.c_str());
+        if (!exists) return false;
     }
-    *error = "no free name for " + control + " in " + folder;
+    *error = "no free name for " + files.front().first + " in " + folder;
     return false;
 }
 

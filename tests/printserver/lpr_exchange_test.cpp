@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "kvtps.h"
+#include "kvtps_program.h"
 #include "lpr_client.h"
 
 using namespace kvtps;
@@ -166,6 +167,47 @@ TEST_F(LprExchange, ClosesWithoutAckOnBytesItCannotAccept) {
         EXPECT_EQ(job.error, bad.error);
     }
     EXPECT_EQ(emulator.Counters("pc1").protocolErrors, std::size(cases));
+}
+
+// A receive-job as other LPR clients send it, beside the monitor's, whose data
+// file runs to the close: each row's lines and files are acked (0x00), its
+// tail is sent, then the client closes.
+TEST_F(LprExchange, TakesOtherClientsReceiveJobsBesideTheMonitors) {
+    const auto m = JobSteps();
+    const std::string df = "\x03" "5 dfA007pc1\n", df2 = "\x03" "3 dfB007pc1\n", hi = Raw("hello\x00");
+    const LprDataFile a{"dfA007pc1", 5}, b{"dfB007pc1", 3}, b2{"dfB007pc1", 2};
+    using O = LprOutcome;
+    const struct {
+        std::vector<std::string> acked;
+        std::string tail;
+        O outcome;
+        std::vector<LprDataFile> files;
+        std::string data, error;
+    } rows[] = {
+        {{m[0], m[1], m[2], df, hi}, "", O::Completed, {a}, "hello", ""},  // control file first
+        {{m[0], df, hi, m[1], m[2]}, "", O::Completed, {a}, "hello", ""},  // data file first
+        {{m[0], m[1], m[2], df, hi, df2, Raw("abc\x00")}, "", O::Completed, {a, b}, "helloabc", ""},
+        {{m[0], m[1], m[2], "\x01\n"}, "more", O::Aborted, {}, "", "the client aborted the job (subcommand 0x01)"},
+        {{m[0], m[1], m[2], df, hi, df2}, "ab", O::ClientClosed, {a, b2}, "helloab", "the client closed the connection in step 7"},
+        // The monitor's: the data runs to the close, past a 0x00 or past its count.
+        {m, Raw("he\x00lo"), O::Completed, {a}, Raw("he\x00lo"), ""},
+        {{m[0], m[1], m[2], "\x03" "2 dfA007pc1\n"}, "hello", O::Completed, {a}, "hello", ""},
+        {{m[0], df}, "hello!", O::ProtocolError, {a}, "hello", "step 3: data file dfA007pc1 ends with 0x21, not 0x00"},
+    };
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        SCOPED_TRACE("row " + std::to_string(i));
+        LprClient client;
+        ASSERT_EQ(client.Connect("127.0.0.2"), 0);
+        client.SendSteps(rows[i].acked);
+        ASSERT_TRUE(client.Send(rows[i].tail));
+        client.Close();
+        LprJob job = Job(i + 1);
+        EXPECT_EQ(job.outcome, rows[i].outcome);
+        EXPECT_EQ(job.error, rows[i].error);
+        EXPECT_EQ(job.dataFiles, rows[i].files);
+        EXPECT_EQ(job.data, rows[i].data);
+    }
+    EXPECT_NE(DescribeJob(Job(3)).find(", 2 data files \"dfA007pc1\" \"dfB007pc1\", 8 data bytes"), std::string::npos);
 }
 
 }  // namespace
