@@ -184,23 +184,26 @@ LprSession::Result LprSession::ParseSubcommand(const std::string &line) {
     return Complete(State::DataFile);
 }
 
-// The control file is L+1 bytes: 0x02, lines ending in 0x0A, then 0x00 (which
-// L does not count).
+// The control file is L+1 bytes: (the monitor's 0x02,) lines ending in 0x0A,
+// then 0x00 (which L does not count).
 LprSession::Result LprSession::ParseControlFile() {
     const size_t size = job_.controlLength + 1;
     if (pending_.size() < size) return Result::NeedMore;
     job_.controlFile = pending_.substr(0, size);
     Consume(size);
     const std::string &file = job_.controlFile;
-    if (file[0] != kReceiveJob) {
+    // The monitor's control file begins with 0x02; another client's begins with
+    // its first line (RFC 1179), which is a command letter, never a control byte.
+    const bool monitors = file[0] == kReceiveJob;
+    if (!monitors && static_cast<unsigned char>(file[0]) < 0x20) {
         return Fail("control file begins with " +
-                    ByteName(static_cast<unsigned char>(file[0])) + ", not 0x02");
+                    ByteName(static_cast<unsigned char>(file[0])) + ", neither 0x02 nor a line");
     }
     if (file[size - 1] != '\0') {
         return Fail("control file ends with " +
                     ByteName(static_cast<unsigned char>(file[size - 1])) + ", not 0x00");
     }
-    size_t start = 1;
+    size_t start = monitors ? 1 : 0;
     const size_t end = size - 1;
     while (start < end) {
         size_t newline = file.find('\n', start);

@@ -139,7 +139,8 @@ protected:
 };
 
 // A job printed with lp arrives at the print server byte for byte, over each
-// transport, its copies in one job, with CUPS's title in its control file over LPR.
+// transport, its copies in one job, with CUPS's title in its control file over LPR;
+// and one printed by CUPS's own lpd backend arrives whole too.
 TEST_F(Cups, AJobPrintedWithLpArrivesWholeOverEachTransport) {
     const struct {
         const char *protocol;
@@ -168,6 +169,12 @@ TEST_F(Cups, AJobPrintedWithLpArrivesWholeOverEachTransport) {
     EXPECT_EQ(lpr[0].queue, "lpt2");
     EXPECT_NE(std::find(lpr[0].controlLines.begin(), lpr[0].controlLines.end(), "Jjob.prn"),
               lpr[0].controlLines.end());
+    // CUPS's own lpd backend prints to the same emulated print server.
+    AddQueue("LPD", "lpd://127.0.0.3/lpt1");
+    const std::string data = Bytes(70000, 9), job = Print("LPD", data);
+    ASSERT_TRUE(Eventually([&] { return Completed(job); })) << QueueState("LPD");
+    ASSERT_TRUE(Eventually([&] { return emulator_.Jobs("PS2").size() == 2; }));
+    EXPECT_TRUE(emulator_.Jobs("PS2")[1].complete && emulator_.Jobs("PS2")[1].data == data);
 }
 
 // lpinfo -v (CUPS's device listing, which the web interface's Add Printer shows)

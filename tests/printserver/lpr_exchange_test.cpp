@@ -186,6 +186,8 @@ TEST_F(LprExchange, TakesOtherClientsReceiveJobsBesideTheMonitors) {
     } rows[] = {
         {{m[0], m[1], m[2], df, hi}, "", O::Completed, {a}, "hello", ""},  // control file first
         {{m[0], df, hi, m[1], m[2]}, "", O::Completed, {a}, "hello", ""},  // data file first
+        // CUPS's lpd backend: a control file that begins with its first line.
+        {{m[0], df, hi, "\x02" "22 cfA007pc1\n", Raw("Hpc1\nPuser\nldfA007pc1\n\x00")}, "", O::Completed, {a}, "hello", ""},
         {{m[0], m[1], m[2], df, hi, df2, Raw("abc\x00")}, "", O::Completed, {a, b}, "helloabc", ""},
         {{m[0], m[1], m[2], "\x01\n"}, "more", O::Aborted, {}, "", "the client aborted the job (subcommand 0x01)"},
         {{m[0], m[1], m[2], df, hi, df2}, "ab", O::ClientClosed, {a, b2}, "helloab", "the client closed the connection in step 7"},
@@ -207,7 +209,7 @@ TEST_F(LprExchange, TakesOtherClientsReceiveJobsBesideTheMonitors) {
         EXPECT_EQ(job.dataFiles, rows[i].files);
         EXPECT_EQ(job.data, rows[i].data);
     }
-    EXPECT_NE(DescribeJob(Job(3)).find(", 2 data files \"dfA007pc1\" \"dfB007pc1\", 8 data bytes"), std::string::npos);
+    EXPECT_NE(DescribeJob(Job(4)).find(", 2 data files \"dfA007pc1\" \"dfB007pc1\", 8 data bytes"), std::string::npos);
 }
 
 }  // namespace
