@@ -86,6 +86,9 @@ TEST_F(Stress, JobsOnEveryTransportWhileOthersListConfigureDeleteAndSearch) {
                 }
                 p.inJob = true;
                 bool written = WriteAll(static_cast<PINIPORT>(port), data);
+                // The first job waits for a delete to come while it runs, however
+                // the threads are scheduled.
+                if (i == 0 && j == 0) kvttest::Eventually([&] { return busyRefusals > 0; });
                 std::lock_guard<std::mutex> gate(p.endGate);
                 p.inJob = false;
                 if (!LocalmonEndDocPort(port) || !written) ++failures;
