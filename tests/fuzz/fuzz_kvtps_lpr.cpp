@@ -35,7 +35,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const kvtps::LprJob &job = session.job();
     if (job.totalBytes != fed || job.header.size() + session.waitingBytes() + job.dataBytes + job.ignoredBytes != fed)
         std::abort();  // a byte lost or counted twice
-    if (!failed && !job.controlFile.empty() && (job.controlFile.size() != job.controlLength + 1 || job.controlFile[0] != 0x02))
-        std::abort();  // a control file taken that is not one
+    // A control file taken is one: its count and 0x00, and the monitor's 0x02 or a line first.
+    if (!failed && !job.controlFile.empty() &&
+        (job.controlFile.size() != job.controlLength + 1 || job.controlFile.back() != 0 ||
+         (job.controlFile[0] != 0x02 && static_cast<unsigned char>(job.controlFile[0]) < 0x20)))
+        std::abort();
     return 0;
 }
