@@ -121,10 +121,14 @@ const MONITOR *StartMonitorQuietly() {
 
 }  // namespace
 
-bool CheckPrefix() {
+bool PrefixExists() {
     struct stat st {};
     std::string system = kvthost::Prefix() + "/drive_c/Windows/System32";
-    if (stat(system.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    return stat(system.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool CheckPrefix() {
+    if (!PrefixExists()) {
         std::fprintf(stderr, "kvtmon: no prefix at %s; make one with `kvtmon init`\n", kvthost::Prefix().c_str());
         return false;
     }

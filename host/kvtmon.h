@@ -25,6 +25,8 @@ std::string DescribeError(DWORD error);  // "1117 (ERROR_IO_DEVICE)"
 // ---- the host's prefix and registry ------------------------------------------------------
 // False, with a message, when the prefix is missing or its hive can't be read.
 bool CheckPrefix();
+// Whether the prefix has been made (its System32 folder is there), without a word.
+bool PrefixExists();
 // The monitor's name as start-up composes it from the profile KVTLPR.INI:
 // "PrintServer Network Port" without one.
 std::u16string MonitorNameFromProfile();

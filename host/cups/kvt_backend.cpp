@@ -101,8 +101,7 @@ void ChoosePrefix() {
 
 // A prefix made on first use offers all three transports, as `kvtmon init`.
 bool EnsurePrefix() {
-    struct stat st {};
-    if (stat((kvthost::Prefix() + "/drive_c/Windows/System32").c_str(), &st) == 0) return kvtmon::CheckPrefix();
+    if (kvtmon::PrefixExists()) return kvtmon::CheckPrefix();
     std::string error;
     if (!kvthost::MakePrefix(&error)) {
         Say("ERROR: cannot make the prefix %s: %s\n", kvthost::Prefix().c_str(), error.c_str());
@@ -137,8 +136,7 @@ std::string DeviceLines(const kvtmon::FoundServer &server, const char *carrier) 
 int ListDevices() {
     ChoosePrefix();
     unsigned offered = kvtmon::kPlatformTransports;
-    struct stat st {};
-    if (stat((kvthost::Prefix() + "/drive_c/Windows/System32").c_str(), &st) == 0) {
+    if (kvtmon::PrefixExists()) {
         if (!kvtmon::CheckPrefix()) return kFailed;
         offered = kvtmon::OfferedTransports();
     }
