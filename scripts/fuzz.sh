@@ -10,7 +10,8 @@
 #   FUZZ_TARGETS="list_record hive" make fuzz   # only these
 #   FUZZ_TABLE_ONLY=1 make fuzz         # only write the table again
 # JOBS targets run side by side (2 unless told).  The table has each target's
-# last run.
+# last run: a target not run this time keeps its row, which says when it ran, and
+# the notes below the table (from a line "## Notes" on) are kept as they are.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${FUZZ_SECONDS:-60}
@@ -68,7 +69,7 @@ fuzz_one() {
         cp "$out/min/$t/"* "$kept/"
     fi
     inputs=$(ls "$kept" | wc -l)
-    echo "| $t | ${execs:-0} | ${rate:-0} | ${cov:-0} | ${features:-0} | $inputs | $crashes |" >"$out/$t.row"
+    echo "| $t | ${execs:-0} | ${rate:-0} | ${cov:-0} | ${features:-0} | $inputs | $crashes | $(date -u +%Y-%m-%d), ${limit[0]#-} |" >"$out/$t.row"
 }
 
 running=0
@@ -79,22 +80,28 @@ for t in $targets; do
     if [ "$running" -ge "$jobs" ]; then wait -n || true; running=$((running - 1)); fi
 done
 wait
+table=bench/results/fuzz.md
 for t in $(cd tests/fuzz && ls fuzz_*.cpp | sed 's/^fuzz_//; s/\.cpp$//'); do
-    if [ -f "$out/$t.row" ]; then rows+=("$(cat "$out/$t.row")"); fi
+    if [ -f "$out/$t.row" ]; then rows+=("$(cat "$out/$t.row")")
+    elif [ -f "$table" ] && grep -q "^| $t |" "$table"; then rows+=("$(grep "^| $t |" "$table")"); fi
     if [ -f "$out/$t.failed" ]; then failed=1; fi
 done
+notes=$( [ -f "$table" ] && sed -n '/^## Notes/,$p' "$table" || true)
 
 {
     echo "# Fuzzing in volume"
     echo
-    echo "\`make fuzz\` with $([ -n "$runs" ] && echo "FUZZ_RUNS=$runs" || echo "FUZZ_SECONDS=$seconds"), $(date -u +%Y-%m-%d), $jobs targets at a time on $(nproc) cores;"
+    echo "\`make fuzz\`, $jobs targets at a time on $(nproc) cores (the last run; a row says when"
+    echo "its target last ran, and for how long: runs=N inputs, or max_total_time=N seconds);"
     echo "each target built with libFuzzer and the address and undefined-behaviour sanitizers."
     echo "Coverage is libFuzzer's count of covered edges (cov) and features (ft) at the end;"
     echo "the corpus is what \`-merge=1\` kept in tests/fuzz/corpus/."
     echo
-    echo "| target | executions | per second | cov | ft | corpus inputs | crashes |"
-    echo "|---|---:|---:|---:|---:|---:|---:|"
+    echo "| target | executions | per second | cov | ft | corpus inputs | crashes | run |"
+    echo "|---|---:|---:|---:|---:|---:|---:|---|"
     printf '%s\n' "${rows[@]}"
-} >bench/results/fuzz.md
-cat bench/results/fuzz.md
+    if [ -n "$notes" ]; then echo; printf '%s\n' "$notes"; fi
+} >"$table.new"
+mv "$table.new" "$table"
+cat "$table"
 exit $failed
