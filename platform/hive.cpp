@@ -226,6 +226,8 @@ struct Parser {
     std::string text;
     std::string error;
     int lineNumber = 0;
+    kvtreg::Key *lastKey_ = nullptr;  // the key of the last key line, and its path
+    std::string lastPath_;
 
     bool Fail(const std::string &what) {
         error = "line " + std::to_string(lineNumber) + ": " + what;
@@ -335,8 +337,17 @@ struct Parser {
         std::string rootPart = path.substr(0, path.find('\\'));
         if (strcasecmp(rootPart.c_str(), kRootName) != 0)
             return Fail("only HKEY_LOCAL_MACHINE is kept here, not '" + rootPart + "'");
-        std::vector<std::u16string> parts;
+        // A line below the key of the line before it (each line of a written
+        // tree is) goes on from that key: a deep tree reads in time linear in
+        // its text, not in the square of its depth.
+        kvtreg::Key *from = &root;
         size_t p = rootPart.size();
+        if (!remove && lastKey_ != nullptr && path.size() > lastPath_.size() && path[lastPath_.size()] == '\\' &&
+            path.compare(0, lastPath_.size(), lastPath_) == 0) {
+            from = lastKey_;
+            p = lastPath_.size();
+        }
+        std::vector<std::u16string> parts;
         while (p < path.size()) {
             size_t next = path.find('\\', p + 1);
             std::string part = path.substr(p + 1, next == std::string::npos ? std::string::npos : next - p - 1);
@@ -349,15 +360,17 @@ struct Parser {
         }
         if (remove) {
             *current = nullptr;
+            lastKey_ = nullptr;  // the key removed may be it
             if (parts.empty()) return Fail("HKEY_LOCAL_MACHINE cannot be removed");
             std::vector<std::u16string> parentPath(parts.begin(), parts.end() - 1);
             if (kvtreg::Key *parent = kvtreg::FindMutable(&root, parentPath))
                 parent->children.erase(kvtreg::Upper(parts.back()));
             return true;
         }
-        kvtreg::Key *k = &root;
+        kvtreg::Key *k = from;
         for (const auto &part : parts) k = kvtreg::CreateChild(k, part);
-        *current = k;
+        *current = lastKey_ = k;
+        lastPath_ = path;
         return true;
     }
 

@@ -214,4 +214,19 @@ TEST_F(HiveTest, RandomAndMutatedHivesParseOrAreRefused) {
     testing::internal::GetCapturedStderr();
 }
 
+// A key line below the key of the line before it goes on from that key, and
+// from the root again once a removal may have taken that key away.
+TEST_F(HiveTest, AKeyRemovedAndNamedAgainBelowTheLineBeforeIsMadeAfresh) {
+    WriteHive("Windows Registry Editor Version 5.00\r\n\r\n[HKEY_LOCAL_MACHINE\\A\\B]\r\n\"old\"=dword:00000001\r\n"
+              "[-HKEY_LOCAL_MACHINE\\A]\r\n[HKEY_LOCAL_MACHINE\\A\\B\\C]\r\n[HKEY_LOCAL_MACHINE\\A\\B\\C\\D]\r\n"
+              "\"new\"=dword:00000002\r\n[HKEY_LOCAL_MACHINE\\a\\b\\E]\r\n");
+    HKEY b = Open(HKEY_LOCAL_MACHINE, u"A\\B");
+    EXPECT_EQ(Query(b, u"old").status, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(SubKeys(b), (std::vector<std::u16string>{u"C", u"E"}));
+    HKEY d = Open(b, u"C\\D");
+    EXPECT_EQ(Query(d, u"new"), (RegValue{ERROR_SUCCESS, REG_DWORD, {2, 0, 0, 0}}));
+    RegCloseKey(d);
+    RegCloseKey(b);
+}
+
 }  // namespace
