@@ -97,9 +97,12 @@ int AddCommand(int argc, char **argv) {
     if (m != nullptr) {
         before = PortNames(m);
         std::u16string monitorName = MonitorNameFromProfile();
-        SetLastError(0);
-        result = m->pfnAddPort(nullptr, nullptr, monitorName.data());
-        lastError = GetLastError();
+        {
+            kvthost::RegistryBatch batch;  // the ports made reach the hive together, or none
+            SetLastError(0);
+            result = m->pfnAddPort(nullptr, nullptr, monitorName.data());
+            lastError = GetLastError();
+        }
         after = PortNames(m);
     }
     EndTerminal();

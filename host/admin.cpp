@@ -171,6 +171,7 @@ int InitCommand(int argc, char **argv) {
         return 2;
     }
     if (!CheckPrefix()) return 2;
+    kvthost::RegistryBatch batch;  // the components and the monitor's key reach the hive together
     SetNetworkComponents(transports);
     // A flag that is given is set; one that is stored already stays as it is.
     for (const char16_t *flag : {u"IsDEBUG", u"IsNOTIFY"}) {
@@ -262,8 +263,14 @@ int DeleteCommand(int argc, char **argv) {
     if (m == nullptr) return 2;
     std::u16string port = kvthost::Widen(positional[0]);
     SetLastError(0);
-    if (!m->pfnDeletePort(nullptr, nullptr, port.data())) {
-        DWORD e = GetLastError();
+    BOOL deleted;
+    DWORD e;
+    {
+        kvthost::RegistryBatch batch;  // the port's keys leave the hive together, or none
+        deleted = m->pfnDeletePort(nullptr, nullptr, port.data());
+        e = GetLastError();
+    }
+    if (!deleted) {
         if (e == ERROR_UNKNOWN_PORT)
             std::fprintf(stderr, "kvtmon: no port '%s'\n", positional[0].c_str());
         else

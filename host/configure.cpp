@@ -83,6 +83,7 @@ int ConfigureCommand(int argc, char **argv) {
     BOOL configured = FALSE;
     if (!port.empty()) {
         std::u16string name = kvthost::Widen(port);
+        kvthost::RegistryBatch batch;  // the choices reach the hive together, or none
         configured = m->pfnConfigurePort(nullptr, nullptr, name.data());
     }
     EndTerminal();

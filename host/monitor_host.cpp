@@ -200,6 +200,7 @@ bool MakePortKeys(const std::string &portName, uint32_t address, uint8_t protoco
         return false;
     }
     std::u16string serverPath = MonitorKeyPath() + u"\\Ports\\" + kvthost::Widen(server);
+    kvthost::RegistryBatch batch;  // the port's keys reach the hive together, or none
     HKEY serverKey = CreateKey(serverPath);
     HKEY digitKey = CreateKey(serverPath + u"\\" + char16_t(digit));
     if (serverKey == nullptr || digitKey == nullptr) {

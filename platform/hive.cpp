@@ -57,6 +57,16 @@ struct Cache {
 };
 Cache gCache;
 
+// The changes of the batches that stand, in the order they were made: kept in
+// gCache.root at once, and made again on the file's tree when it is read anew
+// and when the last batch ends and writes them.
+int gBatches = 0;
+std::vector<kvtreg::Edit> gPending;
+
+void ApplyPending() {
+    for (const auto &edit : gPending) edit(gCache.root);
+}
+
 using kvthost::HivePath;
 
 FileSignature Signature(const std::string &path) {
@@ -448,8 +458,9 @@ void ReportBad(const std::string &path, const std::string &error) {
     }
 }
 
-// Makes the cache hold the hive as it is on disk now.
-void Refresh() {
+// Makes the cache hold the hive as it is on disk now, with the changes of the
+// batches that stand unless told otherwise.
+void Refresh(bool withPending = true) {
     std::string path = HivePath();
     FileSignature now = Signature(path);
     if (gCache.loaded && gCache.path == path && gCache.signature == now) return;
@@ -458,7 +469,10 @@ void Refresh() {
     gCache.signature = now;
     gCache.root = kvtreg::Key();
     gCache.bad = false;
-    if (!now.exists) return;  // a new prefix: an empty tree
+    if (!now.exists) {  // a new prefix: an empty tree
+        if (withPending) ApplyPending();
+        return;
+    }
     std::string bytes;
     if (!ReadFileBytes(path, &bytes)) {
         gCache.bad = true;
@@ -473,6 +487,7 @@ void Refresh() {
         return;
     }
     gCache.root = std::move(root);
+    if (withPending) ApplyPending();
 }
 
 class HiveLock {
@@ -563,7 +578,14 @@ const Key *Current(LSTATUS *status) {
     return &gCache.root;
 }
 
-LSTATUS Change(const std::function<LSTATUS(Key &)> &edit) {
+namespace {
+
+// Makes the edits on the file's tree as it is now and writes it.  The one
+// change of a call outside a batch gives its own status, and nothing is
+// written when it fails; the changes of a batch are written whatever each
+// gives now (one that no longer fits the file's tree, whose key another
+// process has removed since, is left out).
+LSTATUS Commit(const std::vector<Edit> &edits, bool batch) {
     HiveLock lock(LOCK_EX);
     if (!lock.ok()) return lock.error() == ENOENT ? ERROR_PATH_NOT_FOUND : ERROR_ACCESS_DENIED;
     // Always read the file again here, whatever its signature says: on a file
@@ -571,13 +593,40 @@ LSTATUS Change(const std::function<LSTATUS(Key &)> &edit) {
     // inode, size and time of the one cached (a freed inode is reused), and
     // editing the cached tree would then lose that process's change.
     gCache.loaded = false;
-    Refresh();
+    Refresh(false);
     if (gCache.bad) return ERROR_BADDB;
-    LSTATUS status = edit(gCache.root);
-    if (status != ERROR_SUCCESS) return status;
-    LSTATUS written = WriteHive();
-    if (written != ERROR_SUCCESS) gCache.loaded = false;  // read the file again next time
-    return written;
+    LSTATUS status = ERROR_SUCCESS;
+    for (const auto &edit : edits) {
+        LSTATUS made = edit(gCache.root);
+        if (!batch) status = made;
+    }
+    if (status == ERROR_SUCCESS) status = WriteHive();
+    if (status != ERROR_SUCCESS) gCache.loaded = false;  // read the file again next time
+    ApplyPending();
+    return status;
+}
+
+}  // namespace
+
+LSTATUS Change(const Edit &edit) {
+    if (gBatches == 0) return Commit({edit}, false);
+    LSTATUS status;
+    if (Current(&status) == nullptr) return status;
+    status = edit(gCache.root);
+    if (status == ERROR_SUCCESS) gPending.push_back(edit);
+    return status;
+}
+
+void BeginBatch() { ++gBatches; }
+
+void EndBatch() {
+    if (gBatches == 0 || --gBatches > 0 || gPending.empty()) return;
+    std::vector<Edit> edits;
+    edits.swap(gPending);
+    LSTATUS status = Commit(edits, true);
+    if (status != ERROR_SUCCESS)
+        std::fprintf(stderr, "kvtwin32: the registry hive %s was not written (error %ld); %zu changes are lost\n",
+                     HivePath().c_str(), static_cast<long>(status), edits.size());
 }
 
 }  // namespace kvtreg
@@ -588,6 +637,8 @@ std::string HivePath() { return Prefix() + "/system.reg"; }
 
 void ResetRegistry() {
     gCache = Cache();
+    gPending.clear();
+    gBatches = 0;
     unlink(HivePath().c_str());
 }
 

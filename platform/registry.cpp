@@ -90,7 +90,7 @@ LSTATUS OpenCommon(HKEY key, LPCWSTR sub, PHKEY result, bool create) {
     if (!SplitPath(sub, &path)) return ERROR_INVALID_PARAMETER;
     LSTATUS status = ERROR_SUCCESS;
     if (create) {
-        status = kvtreg::Change([&](kvtreg::Key &root) -> LSTATUS {
+        status = kvtreg::Change([own, path](kvtreg::Key &root) -> LSTATUS {
             // Under a key deleted since the handle was opened nothing is
             // created (the key is not brought back), as on Windows.
             kvtreg::Key *k = kvtreg::FindMutable(&root, own);
@@ -219,7 +219,8 @@ LSTATUS WINAPI RegSetValueExW(HKEY key, LPCWSTR name, DWORD, DWORD type, const B
     if (!HandlePath(key, &path)) return ERROR_INVALID_HANDLE;
     std::u16string valueName = name != nullptr ? name : u"";
     if (!FileCanHold(valueName)) return ERROR_INVALID_PARAMETER;
-    return kvtreg::Change([&](kvtreg::Key &root) -> LSTATUS {
+    const std::vector<BYTE> bytes(data, data + cbData);
+    return kvtreg::Change([path, valueName, type, bytes](kvtreg::Key &root) -> LSTATUS {
         kvtreg::Key *k = kvtreg::FindMutable(&root, path);
         if (k == nullptr) return ERROR_KEY_DELETED;
         kvtreg::Value *v = kvtreg::FindValue(k, valueName);
@@ -228,7 +229,7 @@ LSTATUS WINAPI RegSetValueExW(HKEY key, LPCWSTR name, DWORD, DWORD type, const B
             v = &k->values.back();
         }
         v->type = type;
-        v->data.assign(data, data + cbData);
+        v->data = bytes;
         return ERROR_SUCCESS;
     });
 }
@@ -259,7 +260,7 @@ LSTATUS WINAPI RegDeleteKeyW(HKEY key, LPCWSTR sub) {
     const std::vector<std::u16string> own = path;
     if (!SplitPath(sub, &path)) return ERROR_INVALID_PARAMETER;
     if (path.empty()) return ERROR_ACCESS_DENIED;
-    return kvtreg::Change([&](kvtreg::Key &root) -> LSTATUS {
+    return kvtreg::Change([own, path](kvtreg::Key &root) -> LSTATUS {
         if (kvtreg::Find(&root, own) == nullptr) return ERROR_KEY_DELETED;
         std::vector<std::u16string> parentPath(path.begin(), path.end() - 1);
         kvtreg::Key *parent = kvtreg::FindMutable(&root, parentPath);
@@ -273,3 +274,17 @@ LSTATUS WINAPI RegDeleteKeyW(HKEY key, LPCWSTR sub) {
 }
 
 }  // extern "C"
+
+namespace kvthost {
+
+void BeginRegistryBatch() {
+    std::lock_guard<std::recursive_mutex> lock(gMutex);
+    kvtreg::BeginBatch();
+}
+
+void EndRegistryBatch() {
+    std::lock_guard<std::recursive_mutex> lock(gMutex);
+    kvtreg::EndBatch();
+}
+
+}  // namespace kvthost

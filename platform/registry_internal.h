@@ -39,6 +39,14 @@ std::string HiveText(const Key &root);
 // The tree as it stands now; NULL with the status when it cannot be read.
 const Key *Current(LSTATUS *status);
 // Applies one change to the tree and keeps it; the edit's status is returned.
-LSTATUS Change(const std::function<LSTATUS(Key &)> &edit);
+// Inside a batch the change is kept in the tree at once and written when the
+// batch ends, when the edit runs again on the file's tree as it is then: an
+// edit holds copies of what it needs, never references to the caller's.
+using Edit = std::function<LSTATUS(Key &)>;
+LSTATUS Change(const Edit &edit);
+// The batch count, under the registry's lock; the end of the last one writes
+// the changes made in it.
+void BeginBatch();
+void EndBatch();
 
 }  // namespace kvtreg

@@ -66,6 +66,19 @@ void SetGlobalAllocFails(bool fails);
 // (tests); HivePath names the file.
 void ResetRegistry();
 std::string HivePath();
+// While a batch stands, the registry changes of this process are seen at once
+// by this process and written to the hive together when the last batch ends:
+// a process killed in between leaves the hive as it was, so a host that wraps
+// a call of the monitor in a batch (an add, a configure, a delete) has its
+// changes in the file all or none.  Batches nest.
+void BeginRegistryBatch();
+void EndRegistryBatch();
+struct RegistryBatch {
+    RegistryBatch() { BeginRegistryBatch(); }
+    ~RegistryBatch() { EndRegistryBatch(); }
+    RegistryBatch(const RegistryBatch &) = delete;
+    RegistryBatch &operator=(const RegistryBatch &) = delete;
+};
 
 // ---- clock ----------------------------------------------------------------------
 // KVT_TIMESCALE scales every platform wait (Sleep, select, timers); GetTickCount

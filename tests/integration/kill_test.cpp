@@ -1,4 +1,4 @@
-// kvtmon killed (SIGKILL) at any moment of a job, a configure or a delete: the
+// kvtmon killed (SIGKILL) at any moment of a job, an add, a configure or a delete: the
 // port tree that the next start-up reads is whole, old or new, never torn; the
 // print server holds of each job the bytes it was sent, in order, and a channel
 // job that it holds whole was hung up.
@@ -89,8 +89,7 @@ TEST_F(KillAnyMoment, AJobLeavesTheServerItsFirstBytesAndTheTreeWhole) {
 }
 
 TEST_F(KillAnyMoment, AConfigureOrADeleteLeavesTheOldTreeOrTheNew) {
-    // The stores of a configure come one by one, protocol before queue name:
-    // each is old or new, and a new queue name comes with the new protocol.
+    // A configure's stores (protocol, queue name) reach the hive together.
     auto fields = [](const std::string &tree) {
         std::istringstream line(tree.substr(tree.find("PS9-P1")));
         std::string port, transport, queue;
@@ -105,7 +104,7 @@ TEST_F(KillAnyMoment, AConfigureOrADeleteLeavesTheOldTreeOrTheNew) {
         const std::string after = Tree();
         const auto [t0, q0] = fields(before);
         const auto [t1, q1] = fields(after);
-        EXPECT_TRUE((t1 == t0 || t1 == transport) && (q1 == q0 || (q1 == queue && t1 == transport))) << after;
+        EXPECT_TRUE((t1 == t0 && q1 == q0) || (t1 == transport && q1 == queue)) << after;
         EXPECT_EQ(after.substr(after.find("PS9-P2")), before.substr(before.find("PS9-P2")));
     }
     for (int ms : {0, 2, 5, 10, 20, 40}) {
@@ -120,6 +119,29 @@ TEST_F(KillAnyMoment, AConfigureOrADeleteLeavesTheOldTreeOrTheNew) {
         if (at != std::string::npos && now == without) {
             ASSERT_EQ(Print(2, "1").status, 0) << "made again";
         }
+    }
+}
+
+TEST_F(KillAnyMoment, AnAddLeavesTheOldTreeOrTheNew) {
+    // Five ports of two print servers from a list file, made one by one.
+    std::ofstream(dir_ + "/list.txt") << "PSA 127.0.0.20 model=3 queue1=a queue3=c\nPSB 127.0.0.21 model=2 queue2=b\n";
+    ASSERT_EQ(Run({"listfile", "make", dir_ + "/list.txt", dir_ + "/list.bin"}).status, 0);
+    const char *made[] = {"PSA-P1", "PSA-P2", "PSA-P3", "PSB-P1", "PSB-P2"};
+    auto undo = [&] {
+        for (const char *port : made) Run({"delete", port});
+    };
+    const std::string before = Tree();
+    ASSERT_EQ(Run({"add", "--list", dir_ + "/list.bin"}).status, 0);
+    const std::string after = Tree();
+    ASSERT_NE(after, before);
+    undo();
+    ASSERT_EQ(Tree(), before);
+    for (int ms : {0, 2, 5, 10, 20, 40, 80}) {
+        SCOPED_TRACE("add killed after " + std::to_string(ms) + " ms");
+        Run({"add", "--list", dir_ + "/list.bin"}, ms);
+        const std::string now = Tree();
+        EXPECT_TRUE(now == before || now == after) << now;
+        if (now == after) undo();
     }
 }
 

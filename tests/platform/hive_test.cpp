@@ -2,6 +2,7 @@
 // is read exactly as written; what the platform writes reads back the same
 // and stays a file a person can read; a file that cannot be parsed is refused
 // by every call and never written over.
+#include <csignal>
 #include <cstring>
 #include <random>
 
@@ -227,6 +228,45 @@ TEST_F(HiveTest, AKeyRemovedAndNamedAgainBelowTheLineBeforeIsMadeAfresh) {
     EXPECT_EQ(Query(d, u"new"), (RegValue{ERROR_SUCCESS, REG_DWORD, {2, 0, 0, 0}}));
     RegCloseKey(d);
     RegCloseKey(b);
+}
+
+// A batch's changes are this process's at once and the file's when the last
+// batch ends, all together and beside what another process wrote meanwhile;
+// a process killed inside a batch leaves the file as it was.
+TEST_F(HiveTest, ABatchReachesTheFileWholeWhenItEnds) {
+    const std::string header = "Windows Registry Editor Version 5.00\r\n\r\n", old = header + "[HKEY_LOCAL_MACHINE\\Old]\r\n";
+    WriteHive(old);
+    const BYTE one = 1;
+    {
+        kvthost::RegistryBatch outer;
+        HKEY port = Open(HKEY_LOCAL_MACHINE, u"Ports\\PS1\\1", true);
+        {
+            kvthost::RegistryBatch inner;
+            EXPECT_EQ(RegSetValueExW(port, u" ", 0, REG_BINARY, &one, 1), ERROR_SUCCESS);
+        }
+        EXPECT_EQ(RegDeleteKeyW(HKEY_LOCAL_MACHINE, u"Old"), ERROR_SUCCESS);
+        EXPECT_EQ(Query(port, u" "), (RegValue{ERROR_SUCCESS, REG_BINARY, {1}}));
+        EXPECT_EQ(HiveBytes(), old);
+        WriteHive(old + "[HKEY_LOCAL_MACHINE\\Other]\r\n");  // another process's change
+        EXPECT_EQ(SubKeys(HKEY_LOCAL_MACHINE), (std::vector<std::u16string>{u"Other", u"Ports"}));
+        RegCloseKey(port);
+    }
+    ReadAfresh();
+    EXPECT_EQ(SubKeys(HKEY_LOCAL_MACHINE), (std::vector<std::u16string>{u"Other", u"Ports"}));
+    HKEY port = Open(HKEY_LOCAL_MACHINE, u"Ports\\PS1\\1");
+    EXPECT_EQ(Query(port, u" "), (RegValue{ERROR_SUCCESS, REG_BINARY, {1}}));
+    RegCloseKey(port);
+
+    const std::string before = HiveBytes();
+    EXPECT_EQ(Wait(Spawn([] {
+                  HKEY key;
+                  kvthost::BeginRegistryBatch();
+                  RegCreateKeyW(HKEY_LOCAL_MACHINE, u"Lost", &key);
+                  raise(SIGKILL);
+                  return 0;
+              })),
+              128 + SIGKILL);
+    EXPECT_EQ(HiveBytes(), before);
 }
 
 }  // namespace
