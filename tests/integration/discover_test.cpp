@@ -1,49 +1,15 @@
 // kvtmon discover as a user runs it against emulated print servers, and
 // kvtmon demo, which finds its print servers the same way before it prints.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
-
 #include "kvtmon_run.h"
-#include "kvtps.h"
 
 namespace {
 
 using CommandRun = kvttest::KvtmonRun;
-using kvttest::Slurp;
+using kvttest::Server;
 
-class KvtmonDiscover : public ::testing::Test {
+class KvtmonDiscover : public kvttest::KvtmonTest {
 protected:
-    void SetUp() override {
-        char dir[] = "/tmp/kvt-discover-XXXXXX";
-        dir_ = mkdtemp(dir);
-    }
-    void TearDown() override {
-        emulator_.Stop();
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
-    }
-
-    void StartServers(const std::vector<kvtps::ServerConfig> &servers) {
-        std::string error;
-        ASSERT_TRUE(emulator_.Start(servers, &error)) << error;
-    }
-
-    // kvtmon with a prefix of this test's own and the monitor's waits shrunk.
-    CommandRun Kvtmon(std::vector<std::string> args) { return kvttest::RunKvtmon(std::move(args), dir_, "0.1"); }
-
-    static kvtps::ServerConfig Server(const std::string &name, const std::string &address) {
-        kvtps::ServerConfig c;
-        c.name = name;
-        c.address = address;
-        return c;
-    }
-
-    std::string dir_;
-    kvtps::Emulator emulator_;
+    KvtmonDiscover() { timeScale_ = "0.1"; }
 };
 
 TEST_F(KvtmonDiscover, ShowsEachServerAsTheMonitorFoundIt) {
@@ -72,7 +38,7 @@ TEST_F(KvtmonDiscover, ShowsEachServerAsTheMonitorFoundIt) {
         << table.out;
     EXPECT_EQ(table.err, "") << "no progress line off a terminal";
 
-    CommandRun json = Kvtmon({"discover", "--json"});
+    CommandRun json = Kvtmon({"discover", "--json", "--debug"});
     ASSERT_EQ(json.status, 0) << json.err;
     EXPECT_EQ(json.out.front(), '[');
     EXPECT_NE(json.out.find("{\"name\": \"PS2\", \"address\": \"Automatic IP\", \"ipAddress\": \"0.0.0.0\", "
@@ -81,6 +47,10 @@ TEST_F(KvtmonDiscover, ShowsEachServerAsTheMonitorFoundIt) {
               std::string::npos)
         << json.out;
     for (const char *name : {"PS1", "PS2", "PS3"}) EXPECT_EQ(emulator_.ManagementCounters(name).search, 6u) << name;
+    const std::string log = Kvtmon({"log"}).out;  // with --debug the search is in the log
+    for (const char *line : {"[TCPReadEEPROM] Enter\n", "Receive NodeID:00-00-7F-00-00-02\n",
+                             "enter search Queuename receive ok\n"})
+        EXPECT_NE(log.find(line), std::string::npos) << line << " not in\n" << log;
 }
 
 TEST_F(KvtmonDiscover, AQuietNetworkListsNothingAndAMissingPrefixIsNamed) {
@@ -159,29 +129,11 @@ TEST_F(KvtmonDiscover, OverNetbiosEachServerIsListedOnceAndReadByItsCfgName) {
     }
 }
 
-TEST_F(KvtmonDiscover, WithDebugTheSearchIsInTheLog) {
-    ASSERT_EQ(Kvtmon({"init"}).status, 0);
-    StartServers({Server("PS1", "127.0.0.2")});
-    ASSERT_EQ(Kvtmon({"discover", "--debug"}).status, 0);
-    std::string log = Kvtmon({"log"}).out;
-    EXPECT_NE(log.find("[TCPReadEEPROM] Enter\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("Receive NodeID:00-00-7F-00-00-02\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("enter search Queuename receive ok\n"), std::string::npos) << log;
-}
-
 // The demo runs its own private network inside this test's.
-TEST(KvtmonDemo, FindsItsPrintServersAndPrintsToAPortMadeFromWhatItFound) {
-    const char *kvtmon = std::getenv("KVTMON");
-    std::string command = std::string(kvtmon != nullptr ? kvtmon : KVT_BIN_DIR "/kvtmon") + " demo 2>&1";
-    setenv("KVT_TIMESCALE", "0.1", 1);
-    FILE *p = popen(command.c_str(), "r");
-    ASSERT_NE(p, nullptr);
-    std::string out;
-    char buffer[4096];
-    for (size_t n; (n = fread(buffer, 1, sizeof buffer, p)) > 0;) out.append(buffer, n);
-    int status = pclose(p);
-    unsetenv("KVT_TIMESCALE");
-    EXPECT_EQ(WEXITSTATUS(status), 0) << out;
+TEST_F(KvtmonDiscover, TheDemoFindsItsPrintServersAndPrintsToAPortMadeFromWhatItFound) {
+    kvttest::KvtmonRun demo = kvttest::RunProgram({kvttest::KvtmonPath(), "demo"}, dir_, {"KVT_TIMESCALE=0.1"});
+    const std::string &out = demo.out;
+    EXPECT_EQ(demo.status, 0) << out << demo.err;
     EXPECT_NE(out.find("  PS2                  127.0.0.3        00-00-7F-00-00-03 0x03  3     4    1    lpt1, lpt2, lpt3"),
               std::string::npos)
         << out;
