@@ -12,14 +12,6 @@ using namespace kvtps_test;
 
 namespace {
 
-ServerConfig Server(const std::string &name, const std::string &address, uint16_t port = 515) {
-    ServerConfig config;
-    config.name = name;
-    config.address = address;
-    config.lprPort = port;
-    return config;
-}
-
 TEST(Emulator, ServersOnTheirOwnAddressesKeepTheirOwnJobs) {
     Emulator emulator;
     std::string error;
@@ -28,11 +20,8 @@ TEST(Emulator, ServersOnTheirOwnAddressesKeepTheirOwnJobs) {
     std::vector<std::thread> clients;  // two jobs to each server, all at once
     for (int i = 0; i < 6; ++i) {
         clients.emplace_back([i] {
-            LprClient client;
-            std::string address = "127.0.0.";
-            ASSERT_EQ(client.Connect(address.append(std::to_string(2 + i % 3))), 0);
-            client.SendSteps(JobSteps(std::to_string(i)));
-            ASSERT_TRUE(client.Send(Pattern(20000, i)));
+            const std::string address = std::string("127.0.0.").append(std::to_string(2 + i % 3));
+            SendJob(JobSteps(std::to_string(i)), Pattern(20000, i), address);
         });
     }
     for (auto &t : clients) t.join();
@@ -107,15 +96,9 @@ TEST(Emulator, StartsAndStopsAgainAndAgain) {
         std::string error;
         ASSERT_TRUE(emulator.Start({Server("pc1", "127.0.0.2", anyPort ? 0 : 515)}, &error)) << error;
         const uint16_t port = emulator.LprPort("pc1");
-        LprFaults refuse;
-        refuse.refuse = true;
-        if (anyPort) {
-            ASSERT_TRUE(emulator.SetLprFaults("pc1", refuse) && emulator.SetLprFaults("pc1", {}));
-        }
-        LprClient client;
-        ASSERT_EQ(client.Connect("127.0.0.2", port), 0);
-        client.SendSteps(JobSteps(std::to_string(round)));
-        client.Close();
+        ASSERT_TRUE(!anyPort || (emulator.SetLprFaults("pc1", LprFaults{.refuse = true}) &&
+                                 emulator.SetLprFaults("pc1", {})));
+        SendJob(JobSteps(std::to_string(round)), "", "127.0.0.2", port);
         ASSERT_TRUE(emulator.WaitForJobs("pc1", 1, kPatienceMs));
         emulator.Stop();
         EXPECT_EQ(emulator.JobCount("pc1"), 1u);  // each run starts empty

@@ -14,13 +14,10 @@ namespace {
 class LprExchange : public ::testing::Test {
 protected:
     void SetUp() override {
-        ServerConfig pc1, pc2;
-        pc1.name = "pc1";
-        pc2.name = "pc2";
-        pc2.address = "127.0.0.3";
+        ServerConfig pc2 = Server("pc2", "127.0.0.3");
         pc2.storeData = false;
         std::string error;
-        ASSERT_TRUE(emulator.Start({pc1, pc2}, &error)) << error;
+        ASSERT_TRUE(emulator.Start({Server("pc1", "127.0.0.2"), pc2}, &error)) << error;
     }
     LprJob Job(size_t number) {
         EXPECT_TRUE(emulator.WaitForJobs("pc1", number, kPatienceMs));
@@ -33,12 +30,7 @@ protected:
 TEST_F(LprExchange, StoresTheWholeHeaderAndTheDataExactly) {
     const auto steps = JobSteps("LPT1");
     const std::string data = Raw("%!PS\r\n\x00\x01\xff") + Pattern(5000);
-    LprClient client;
-    ASSERT_EQ(client.Connect("127.0.0.2"), 0);
-    client.SendSteps(steps);
-    ASSERT_TRUE(client.Send(data));
-    client.Close();
-
+    SendJob(steps, data);
     LprJob job = Job(1);
     EXPECT_EQ(job.header, Join(steps));
     EXPECT_EQ(job.data, data);
@@ -94,23 +86,9 @@ TEST_F(LprExchange, AcceptsOneByteSendsAndTheWholeJobInOneSend) {
     }
 }
 
-TEST_F(LprExchange, AnEmptyQueueNameIsStillAJob) {
-    LprClient client;  // the monitor sends "\x02\n" when a port's queue name is empty
-    ASSERT_EQ(client.Connect("127.0.0.2"), 0);
-    client.SendSteps(JobSteps(""));
-    client.Close();
-    LprJob job = Job(1);
-    EXPECT_EQ(job.queue, "");
-    EXPECT_TRUE(job.complete);
-}
-
 TEST_F(LprExchange, CountOnlyServerKeepsTheChecksumOfAMegabyte) {
     const std::string data = Pattern(1 << 20, 7);
-    LprClient client;
-    ASSERT_EQ(client.Connect("127.0.0.3"), 0);
-    client.SendSteps(JobSteps());
-    ASSERT_TRUE(client.Send(data));
-    client.Close();
+    SendJob(JobSteps(), data, "127.0.0.3");
     ASSERT_TRUE(emulator.WaitForJobs("pc2", 1, kPatienceMs));
     LprJob job = emulator.Jobs("pc2")[0];
     EXPECT_TRUE(job.data.empty());
@@ -122,19 +100,13 @@ TEST_F(LprExchange, CountOnlyServerKeepsTheChecksumOfAMegabyte) {
 TEST_F(LprExchange, ClientThatBreaksOffLeavesAJobThatSaysWhere) {
     const auto steps = JobSteps();
     for (size_t acked = 1; acked <= 3; ++acked) {
-        LprClient client;
-        ASSERT_EQ(client.Connect("127.0.0.2"), 0);
-        client.SendSteps({steps.begin(), steps.begin() + acked});
-        ASSERT_TRUE(client.Send(steps[acked].substr(0, 3)));  // half a step, then gone
-        client.Close();
+        SendJob({steps.begin(), steps.begin() + acked}, steps[acked].substr(0, 3));  // half a step, then gone
         LprJob job = Job(acked);
         EXPECT_EQ(job.outcome, LprOutcome::ClientClosed);
         EXPECT_EQ(job.step, static_cast<int>(acked) + 1);
         EXPECT_EQ(job.header, Join({steps.begin(), steps.begin() + acked}));
     }
-    LprClient idle;  // a connection without a byte is counted, not stored
-    ASSERT_EQ(idle.Connect("127.0.0.2"), 0);
-    idle.Close();
+    SendJob({});  // a connection without a byte is counted, not stored
     EXPECT_TRUE(Eventually([&] { return emulator.Counters("pc1").emptyConnections == 1; }));
     EXPECT_EQ(emulator.JobCount("pc1"), 3u);
 }
@@ -198,11 +170,7 @@ TEST_F(LprExchange, TakesOtherClientsReceiveJobsBesideTheMonitors) {
     };
     for (size_t i = 0; i < std::size(rows); ++i) {
         SCOPED_TRACE("row " + std::to_string(i));
-        LprClient client;
-        ASSERT_EQ(client.Connect("127.0.0.2"), 0);
-        client.SendSteps(rows[i].acked);
-        ASSERT_TRUE(client.Send(rows[i].tail));
-        client.Close();
+        SendJob(rows[i].acked, rows[i].tail);
         LprJob job = Job(i + 1);
         EXPECT_EQ(job.outcome, rows[i].outcome);
         EXPECT_EQ(job.error, rows[i].error);
