@@ -1,6 +1,8 @@
+// The private network that every test program enters before its tests, and
 // Winsock's start-up, its fd_set, its error numbers and names.
 #include <windows.h>
 
+#include <cstdlib>
 #include <thread>
 
 #include "kvthost.h"
@@ -8,6 +10,15 @@
 #include "winsock_fixture.h"
 
 namespace {
+
+TEST(PrivateNetwork, LoopbackOnlyAndEnteringAgainIsHarmless) {
+    EXPECT_EQ(peer::Interfaces(), "lo");
+    ASSERT_NE(std::getenv("KVT_PRIVATE_NET"), nullptr);
+    EXPECT_STREQ(std::getenv("KVT_PRIVATE_NET"), "1");
+    std::string error;
+    EXPECT_TRUE(kvthost::EnterPrivateNetwork(&error)) << error;
+    EXPECT_EQ(peer::Interfaces(), "lo");
+}
 
 TEST(WinsockStartup, CallsBeforeStartupFailAndCleanupClosesSockets) {
     EXPECT_EQ(socket(AF_INET, SOCK_STREAM, 0), INVALID_SOCKET);
@@ -82,14 +93,10 @@ TEST_F(WinsockSelect, CountsReadySocketsAcrossSetsAndKeepsOnlyThem) {
     EXPECT_EQ(readable.fd_array[1], a);
     EXPECT_TRUE(FD_ISSET(a, &writable));
 
-    // {0, 0} polls.
-    FD_ZERO(&readable);
-    FD_SET(c, &readable);
-    timeval now = {0, 0};
-    EXPECT_EQ(select(0, &readable, nullptr, nullptr, &now), 0);
-    EXPECT_EQ(readable.fd_count, 0u);
-
+    EXPECT_EQ(Ready(c, "r", 0), "0") << "{0, 0} polls";
     // Nothing to wait for, or something that is not a socket: errors.
+    FD_ZERO(&readable);
+    timeval now = {0, 0};
     EXPECT_EQ(select(0, &readable, nullptr, nullptr, &now), SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAEINVAL);
     FD_SET(0x12345, &readable);
@@ -105,10 +112,7 @@ TEST_F(WinsockSelect, NoTimeoutWaitsForTheSocket) {
         SendTo(w, "127.0.0.1", 7111, "late");
         closesocket(w);
     });
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(a, &readable);
-    EXPECT_EQ(select(0, &readable, nullptr, nullptr, nullptr), 1);
+    EXPECT_EQ(Ready(a, "r", -1), "1 r");
     writer.join();
 }
 

@@ -9,24 +9,12 @@ namespace {
 
 using WinsockTcp = WinsockTest;
 
-timeval Seconds(LONG s) { return timeval{s, 0}; }
-
 TEST_F(WinsockTcp, RefusedNonBlockingConnectEndsInTheExceptionSet) {
     SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
     NonBlocking(s);
     ASSERT_EQ(Connect(s, "127.0.0.2", 9), SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
-
-    fd_set writable, failed;
-    FD_ZERO(&writable);
-    FD_ZERO(&failed);
-    FD_SET(s, &writable);
-    FD_SET(s, &failed);
-    timeval wait = Seconds(10);
-    EXPECT_EQ(select(0, nullptr, &writable, &failed, &wait), 1);
-    EXPECT_TRUE(FD_ISSET(s, &failed));
-    EXPECT_EQ(writable.fd_count, 0u);
-
+    EXPECT_EQ(Ready(s, "we", 10), "1 e");
     int error = 0, length = sizeof error;
     ASSERT_EQ(getsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char *>(&error), &length), 0);
     EXPECT_EQ(error, WSAECONNREFUSED);
@@ -38,9 +26,7 @@ TEST_F(WinsockTcp, RefusedNonBlockingConnectEndsInTheExceptionSet) {
     // A failed attempt may be followed by another on the same socket.
     ASSERT_EQ(Connect(s, "127.0.0.2", 9), SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
-    FD_ZERO(&failed);
-    FD_SET(s, &failed);
-    EXPECT_EQ(select(0, nullptr, nullptr, &failed, &wait), 1);
+    EXPECT_EQ(Ready(s, "e", 10), "1 e");
     closesocket(s);
 }
 
@@ -53,16 +39,7 @@ TEST_F(WinsockTcp, AcceptedNonBlockingConnectEndsInTheWriteSet) {
     NonBlocking(s);
     ASSERT_EQ(Connect(s, "127.0.0.3", 515), SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
-
-    fd_set writable, failed;
-    FD_ZERO(&writable);
-    FD_ZERO(&failed);
-    FD_SET(s, &writable);
-    FD_SET(s, &failed);
-    timeval wait = Seconds(10);
-    EXPECT_EQ(select(0, nullptr, &writable, &failed, &wait), 1);
-    EXPECT_TRUE(FD_ISSET(s, &writable));
-    EXPECT_EQ(failed.fd_count, 0u);
+    EXPECT_EQ(Ready(s, "we", 10), "1 w");
     EXPECT_EQ(Connect(s, "127.0.0.3", 515), SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAEISCONN);
 
@@ -80,10 +57,7 @@ TEST_F(WinsockTcp, AcceptedNonBlockingConnectEndsInTheWriteSet) {
     EXPECT_EQ(recv(s, buffer, sizeof buffer, 0), SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
     peer::Send(conn, "\0", 1);
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(s, &readable);
-    EXPECT_EQ(select(0, &readable, nullptr, nullptr, &wait), 1);
+    EXPECT_TRUE(Readable(s, 10));
     u_long pending = 0;
     EXPECT_EQ(ioctlsocket(s, FIONREAD, &pending), 0);
     EXPECT_EQ(pending, 1u);
@@ -91,7 +65,7 @@ TEST_F(WinsockTcp, AcceptedNonBlockingConnectEndsInTheWriteSet) {
     // The peer's orderly close reads as 0.
     peer::Close(conn);
     EXPECT_EQ(recv(s, buffer, sizeof buffer, 0), 1);
-    EXPECT_EQ(select(0, &readable, nullptr, nullptr, &wait), 1);
+    EXPECT_TRUE(Readable(s, 10));
     EXPECT_EQ(recv(s, buffer, sizeof buffer, 0), 0);
     closesocket(s);
     peer::Close(listener);
@@ -142,12 +116,7 @@ TEST_F(WinsockTcp, SendToAPeerThatDoesNotReadWouldBlock) {
     while (sends < 10000 && (result = send(s, chunk, sizeof chunk, 0)) > 0) ++sends;
     EXPECT_EQ(result, SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
-    fd_set writable;
-    FD_ZERO(&writable);
-    FD_SET(s, &writable);
-    timeval now = {0, 0};
-    EXPECT_EQ(select(0, nullptr, &writable, nullptr, &now), 0);
-    EXPECT_EQ(writable.fd_count, 0u);
+    EXPECT_EQ(Ready(s, "w", 0), "0");
     closesocket(s);
     peer::Close(conn);
     peer::Close(listener);

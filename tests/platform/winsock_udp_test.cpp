@@ -9,14 +9,6 @@ namespace {
 
 using WinsockUdp = WinsockTest;
 
-bool Readable(SOCKET s, LONG seconds) {
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(s, &set);
-    timeval wait = {seconds, 0};
-    return select(0, &set, nullptr, nullptr, &wait) == 1;
-}
-
 TEST_F(WinsockUdp, BroadcastReachesASocketBoundToAnyAddress) {
     SOCKET receiver = Udp("0.0.0.0", 7201);
     SOCKET sender = Udp("0.0.0.0", 7202);
@@ -97,7 +89,8 @@ int IpxSend(SOCKET s, const SOCKADDR_IPX &to, const char *text) {
 std::string IpxReceive(SOCKET s, SOCKADDR_IPX *from, int room = 64) {
     std::string buffer(static_cast<size_t>(room), '\0');
     int fromLength = sizeof *from;
-    int n = Readable(s, 5) ? recvfrom(s, buffer.data(), room, 0, reinterpret_cast<SOCKADDR *>(from), &fromLength) : 0;
+    if (!WinsockTest::Readable(s, 5)) return "";
+    int n = recvfrom(s, buffer.data(), room, 0, reinterpret_cast<SOCKADDR *>(from), &fromLength);
     return n < 0 ? "error " + std::to_string(WSAGetLastError()) : buffer.substr(0, static_cast<size_t>(n));
 }
 
