@@ -61,7 +61,7 @@ TEST_F(KvtmonConfigure, AnswersAreTypedIntoTheDialogAndWhatIsStoredIsShown) {
         kvttest::KvtmonRun run = Kvtmon(args);
         EXPECT_EQ(run.status, c.status) << run.err;
         EXPECT_EQ(run.out, c.out.empty() ? "" : "PS9-P1: transport " + c.out + ", notice after each job on\n");
-        EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
+        EXPECT_TRUE(kvttest::Holds(run.err, c.err));
     }
     EXPECT_EQ(Kvtmon({"configure", "PS8-P1", "--notify", "on"}).err, "kvtmon: no port 'PS8-P1'\n");
 }
@@ -73,7 +73,7 @@ TEST_F(KvtmonConfigure, APersonAtTheTerminalChoosesTypesAndPressesOK) {
     Tmux("send-keys Enter");
     std::string screen = WaitFor("Select Protocol");
     for (const char *shown : {"(*) TCP/IP", "( ) IPX", "LPR Setting", "Queue Name", "lp______", "[ ] Notify", "< OK >"})
-        EXPECT_NE(screen.find(shown), std::string::npos) << shown << " is not on\n" << screen;
+        EXPECT_TRUE(kvttest::Holds(screen, shown));
     Tmux("send-keys Down");  // past the disabled NetBEUI, round to Auto
     WaitFor("(*) Auto");
     Tmux("send-keys Tab BSpace BSpace r a w Tab Space");

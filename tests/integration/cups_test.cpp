@@ -141,10 +141,9 @@ TEST_F(Cups, LpinfoListsThePrintServersPorts) {
     const std::string devices = Run({"lpinfo", "-v"}).out;
     for (const char *uri : {"network kvt://PS1/P1\n", "network kvt://PS2/P1\n", "network kvt://PS2/P2\n",
                             "network kvt://PS2/P3\n"})
-        EXPECT_NE(devices.find(uri), std::string::npos) << uri << " not in\n" << devices;
+        EXPECT_TRUE(kvttest::Holds(devices, uri));
     EXPECT_EQ(devices.find("kvt://PS1/P2"), std::string::npos) << "PS1 has one printer port";
-    const std::string long_ = Run({"lpinfo", "-l", "-v"}).out;
-    EXPECT_NE(long_.find("KVT PS2 port P3 (127.0.0.3, queue lpt3)"), std::string::npos) << long_;
+    EXPECT_TRUE(kvttest::Holds(Run({"lpinfo", "-l", "-v"}).out, "KVT PS2 port P3 (127.0.0.3, queue lpt3)"));
 }
 
 // With the monitor's waits less shrunk: a print server busy for minutes.
@@ -181,7 +180,7 @@ TEST_F(CupsSlower, ACancelledJobEndsAndAnUnreachableServerLeavesTheJobForRetry) 
     ASSERT_TRUE(Eventually([&] { return QueueState("OFF").find("cannot be reached") != std::string::npos; }))
         << QueueState("OFF");
     EXPECT_FALSE(Completed(offJob));
-    EXPECT_NE(Run({"lpstat", "-o", "OFF"}).out.find(offJob), std::string::npos) << "the job waits for its retry";
+    EXPECT_TRUE(kvttest::Holds(Run({"lpstat", "-o", "OFF"}).out, offJob)) << "the job waits for its retry";
 }
 
 // The device URI: what the backend takes, and the message for what it refuses.
@@ -213,7 +212,7 @@ TEST(DeviceUri, TakesServerPortProtocolAndQueueAndRefusesTheRest) {
         const bool taken = kvtcups::ParseDeviceUri(c.uri, &uri, &error);
         ASSERT_EQ(taken, c.server != nullptr) << c.uri << ": " << error;
         if (!taken) {
-            EXPECT_NE(error.find(c.why), std::string::npos) << c.uri << ": " << error;
+            EXPECT_TRUE(kvttest::Holds(error, c.why)) << c.uri;
             continue;
         }
         EXPECT_EQ(uri.server, c.server) << c.uri;

@@ -5,6 +5,7 @@
 namespace {
 
 using CommandRun = kvttest::KvtmonRun;
+using kvttest::Holds;
 using kvttest::Server;
 
 class KvtmonDiscover : public kvttest::KvtmonTest {
@@ -27,36 +28,30 @@ TEST_F(KvtmonDiscover, ShowsEachServerAsTheMonitorFoundIt) {
 
     CommandRun table = Kvtmon({"discover"});
     ASSERT_EQ(table.status, 0) << table.err;
-    EXPECT_NE(table.out.find("NAME"), std::string::npos);
-    EXPECT_NE(table.out.find("PS1                  127.0.0.2        00-00-7F-00-00-02 0x03  3     4    1    lp, raw, text"),
-              std::string::npos)
-        << table.out;
-    EXPECT_NE(table.out.find("PS2                  Automatic IP     00-00-7F-00-00-03 0x01  1     0    0"),
-              std::string::npos)
-        << table.out;
-    EXPECT_NE(table.out.find("PS3                  TCP/IP Disabled  00-40-26-12-34-56"), std::string::npos)
-        << table.out;
+    for (const char *line :
+         {"NAME", "PS1                  127.0.0.2        00-00-7F-00-00-02 0x03  3     4    1    lp, raw, text",
+          "PS2                  Automatic IP     00-00-7F-00-00-03 0x01  1     0    0",
+          "PS3                  TCP/IP Disabled  00-40-26-12-34-56"})
+        EXPECT_TRUE(Holds(table.out, line));
     EXPECT_EQ(table.err, "") << "no progress line off a terminal";
 
     CommandRun json = Kvtmon({"discover", "--json", "--debug"});
     ASSERT_EQ(json.status, 0) << json.err;
     EXPECT_EQ(json.out.front(), '[');
-    EXPECT_NE(json.out.find("{\"name\": \"PS2\", \"address\": \"Automatic IP\", \"ipAddress\": \"0.0.0.0\", "
-                            "\"node\": \"00-00-7F-00-00-03\", \"model\": 1, \"ports\": 1, \"flags\": 5, "
-                            "\"queues\": [\"lpt1\", \"lpt2\", \"lpt3\"], \"type\": 0, \"autoProtocol\": 0}"),
-              std::string::npos)
-        << json.out;
+    EXPECT_TRUE(Holds(json.out, "{\"name\": \"PS2\", \"address\": \"Automatic IP\", \"ipAddress\": \"0.0.0.0\", "
+                                "\"node\": \"00-00-7F-00-00-03\", \"model\": 1, \"ports\": 1, \"flags\": 5, "
+                                "\"queues\": [\"lpt1\", \"lpt2\", \"lpt3\"], \"type\": 0, \"autoProtocol\": 0}"));
     for (const char *name : {"PS1", "PS2", "PS3"}) EXPECT_EQ(emulator_.ManagementCounters(name).search, 6u) << name;
     const std::string log = Kvtmon({"log"}).out;  // with --debug the search is in the log
     for (const char *line : {"[TCPReadEEPROM] Enter\n", "Receive NodeID:00-00-7F-00-00-02\n",
                              "enter search Queuename receive ok\n"})
-        EXPECT_NE(log.find(line), std::string::npos) << line << " not in\n" << log;
+        EXPECT_TRUE(Holds(log, line));
 }
 
 TEST_F(KvtmonDiscover, AQuietNetworkListsNothingAndAMissingPrefixIsNamed) {
     CommandRun none = Kvtmon({"discover"});
     EXPECT_EQ(none.status, 2);
-    EXPECT_NE(none.err.find("make one with `kvtmon init`"), std::string::npos) << none.err;
+    EXPECT_TRUE(Holds(none.err, "make one with `kvtmon init`"));
 
     ASSERT_EQ(Kvtmon({"init"}).status, 0);
     none = Kvtmon({"discover"});
@@ -74,15 +69,11 @@ TEST_F(KvtmonDiscover, OverIpxTheNodeIsTheSendersAndNoQueueNamesAreRead) {
     StartServers({ps1, Server("PS2", "127.0.0.3")});
     CommandRun json = Kvtmon({"discover", "--transport", "ipx", "--json"});
     ASSERT_EQ(json.status, 0) << json.err;
-    EXPECT_NE(json.out.find("{\"name\": \"PS2\", \"address\": \"127.0.0.3\", \"ipAddress\": \"127.0.0.3\", "
-                            "\"node\": \"00-00-7F-00-00-03\", \"model\": 1, \"ports\": 1, \"flags\": 5, "
-                            "\"queues\": [\"\", \"\", \"\"], \"type\": 0, \"autoProtocol\": 1}"),
-              std::string::npos)
-        << json.out;
-    EXPECT_NE(json.out.find("\"name\": \"PS1\", \"address\": \"TCP/IP Disabled\", \"ipAddress\": \"0.0.0.0\", "
-                            "\"node\": \"00-00-7F-00-00-22\", \"model\": 0"),
-              std::string::npos)
-        << json.out;
+    EXPECT_TRUE(Holds(json.out, "{\"name\": \"PS2\", \"address\": \"127.0.0.3\", \"ipAddress\": \"127.0.0.3\", "
+                                "\"node\": \"00-00-7F-00-00-03\", \"model\": 1, \"ports\": 1, \"flags\": 5, "
+                                "\"queues\": [\"\", \"\", \"\"], \"type\": 0, \"autoProtocol\": 1}"));
+    EXPECT_TRUE(Holds(json.out, "\"name\": \"PS1\", \"address\": \"TCP/IP Disabled\", \"ipAddress\": \"0.0.0.0\", "
+                                "\"node\": \"00-00-7F-00-00-22\", \"model\": 0"));
     EXPECT_EQ(emulator_.ManagementCounters("PS2").search, 0u) << "nothing over UDP";
 }
 
@@ -113,38 +104,30 @@ TEST_F(KvtmonDiscover, OverNetbiosEachServerIsListedOnceAndReadByItsCfgName) {
     StartServers(configs);
     CommandRun json = Kvtmon({"discover", "--transport", "netbios", "--json"});
     ASSERT_EQ(json.status, 0) << json.err;
-    EXPECT_NE(json.out.find("{\"name\": \"PS8\", \"address\": \"127.0.0.2\", \"ipAddress\": \"127.0.0.2\", "
-                            "\"node\": \"00-00-7F-00-00-02\", \"model\": 1, \"ports\": 1, \"flags\": 5, "
-                            "\"queues\": [\"\", \"\", \"\"], \"type\": 0, \"autoProtocol\": 1}"),
-              std::string::npos)
-        << json.out;
+    EXPECT_TRUE(Holds(json.out, "{\"name\": \"PS8\", \"address\": \"127.0.0.2\", \"ipAddress\": \"127.0.0.2\", "
+                                "\"node\": \"00-00-7F-00-00-02\", \"model\": 1, \"ports\": 1, \"flags\": 5, "
+                                "\"queues\": [\"\", \"\", \"\"], \"type\": 0, \"autoProtocol\": 1}"));
     for (const auto &c : cases) {
         const kvtps::NbCounters seen = emulator_.NetbiosCounters(c.name);
         EXPECT_TRUE(seen.groupSearch == 1 + 4 && seen.cfgReadEeprom >= c.minReads && seen.cfgReadEeprom <= c.maxReads)
             << c.name << ": " << seen.groupSearch << " searches, " << seen.cfgReadEeprom << " reads";
         const bool read = c.maxReads < 6;
-        EXPECT_EQ(json.out.find(std::string("\"name\": \"") + c.name + "\", \"address\": \"" +
-                                (read ? "127.0.0." : "TCP/IP Disabled")) != std::string::npos, true)
-            << c.name << json.out;
+        EXPECT_TRUE(Holds(json.out, std::string("\"name\": \"") + c.name + "\", \"address\": \"" +
+                                        (read ? "127.0.0." : "TCP/IP Disabled")));
     }
 }
 
 // The demo runs its own private network inside this test's.
 TEST_F(KvtmonDiscover, TheDemoFindsItsPrintServersAndPrintsToAPortMadeFromWhatItFound) {
     kvttest::KvtmonRun demo = kvttest::RunProgram({kvttest::KvtmonPath(), "demo"}, dir_, {"KVT_TIMESCALE=0.1"});
-    const std::string &out = demo.out;
-    EXPECT_EQ(demo.status, 0) << out << demo.err;
-    EXPECT_NE(out.find("  PS2                  127.0.0.3        00-00-7F-00-00-03 0x03  3     4    1    lpt1, lpt2, lpt3"),
-              std::string::npos)
-        << out;
-    EXPECT_NE(out.find("    added PS1-P1\nadding every printer port found"), std::string::npos) << out;
-    EXPECT_NE(out.find("PS1 received job dfA007"), std::string::npos) << out;
-    EXPECT_NE(out.find("on queue \"lp\" at 127.0.0.12"), std::string::npos) << out;
-    for (const char *line : {"PS2 received it over IPX on channel 1 of printer port 2: 256.0 KiB in 264 frames, identical",
-                             "Try IPX protocol", "    added PS2-P2", "PS2-P2: transport IPX (1)",
-                             "PS3 received it over IPX on channel 1 of printer port 1: 64.0 KiB in 66 frames, identical"})
-        EXPECT_NE(out.find(line), std::string::npos) << out;
-    EXPECT_NE(out.find("demo ok"), std::string::npos) << out;
+    EXPECT_EQ(demo.status, 0) << demo.out << demo.err;
+    for (const char *line :
+         {"  PS2                  127.0.0.3        00-00-7F-00-00-03 0x03  3     4    1    lpt1, lpt2, lpt3",
+          "    added PS1-P1\nadding every printer port found", "PS1 received job dfA007", "on queue \"lp\" at 127.0.0.12",
+          "PS2 received it over IPX on channel 1 of printer port 2: 256.0 KiB in 264 frames, identical",
+          "Try IPX protocol", "    added PS2-P2", "PS2-P2: transport IPX (1)",
+          "PS3 received it over IPX on channel 1 of printer port 1: 64.0 KiB in 66 frames, identical", "demo ok"})
+        EXPECT_TRUE(Holds(demo.out, line));
 }
 
 }  // namespace

@@ -73,15 +73,12 @@ inline ProgramRun RunProgram(std::vector<std::string> args, const std::string &d
     pid_t pid;
     ProgramRun run;
     if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) == 0) {
-        int status = 0;
-        bool ended = false;
-        for (int waited = 0; killAfterMs >= 0 && !ended; ++waited) {
-            ended = waitpid(pid, &status, WNOHANG) == pid;
-            if (!ended && waited >= killAfterMs) kill(pid, SIGKILL);
-            if (!ended && waited >= killAfterMs) break;
-            if (!ended) usleep(1000);
+        int status = 0, waited = 0;
+        while (killAfterMs >= 0 && waitpid(pid, &status, WNOHANG) == 0 && waited++ < killAfterMs) usleep(1000);
+        if (killAfterMs < 0 || waited > killAfterMs) {
+            if (killAfterMs >= 0) kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
         }
-        if (!ended) waitpid(pid, &status, 0);
         run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     posix_spawn_file_actions_destroy(&actions);
@@ -96,6 +93,12 @@ inline KvtmonRun RunKvtmon(std::vector<std::string> args, const std::string &dir
     args.insert(args.begin(), KvtmonPath());
     return RunProgram(std::move(args), dir,
                       {"KVT_PREFIX=" + dir + "/prefix", std::string("KVT_TIMESCALE=") + timeScale}, killAfterMs);
+}
+
+// Whether text holds part; a failure shows both.
+inline ::testing::AssertionResult Holds(const std::string &text, const std::string &part) {
+    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "\"" << part << "\" is not in:\n" << text;
 }
 
 // Whether done() comes true within the seconds given, asked every 50 ms.

@@ -33,7 +33,7 @@ TEST_F(KvtmonPrint, PrintsAFileAndTheServerGetsItWhole) {
     KvtmonRun run = Print({"PS9-P1", job_, "--server", "127.0.0.9", "--document", "Quarterly report", "--job-id", "5",
                            "--user", "alice", "--queue", "fast"});
     ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_NE(run.out.find("printed"), std::string::npos);
+    EXPECT_TRUE(kvttest::Holds(run.out, "printed"));
     ASSERT_TRUE(emulator_.WaitForJobs("PS9", 1, 10000));
     kvtps::LprJob job = emulator_.Jobs("PS9").front();
     EXPECT_EQ(job.queue, "fast");
@@ -63,7 +63,7 @@ TEST_F(KvtmonPrint, NonsenseOnTheCommandLineIsRefusedClearly) {
     for (const auto &c : cases) {
         KvtmonRun run = Print(c.args);
         EXPECT_EQ(run.status, c.status) << c.message;
-        EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+        EXPECT_TRUE(kvttest::Holds(run.err, c.message));
     }
 }
 
@@ -86,10 +86,10 @@ TEST_F(KvtmonPrint, AJobGoesByIpxOrNetbiosWhileInitOffersThem) {
 
     KvtmonRun init = Kvtmon({"init", "--transports", "tcpip"});
     ASSERT_EQ(init.status, 0) << init.err;
-    EXPECT_NE(init.out.find(": TCP/IP offered"), std::string::npos) << init.out;
+    EXPECT_TRUE(kvttest::Holds(init.out, ": TCP/IP offered"));
     run = Print({"PS9-P2", job_});
     EXPECT_EQ(run.status, 3);
-    EXPECT_NE(run.err.find("1117 (ERROR_IO_DEVICE)"), std::string::npos) << run.err;
+    EXPECT_TRUE(kvttest::Holds(run.err, "1117 (ERROR_IO_DEVICE)"));
     EXPECT_EQ(emulator_.IpxJobs("PS9").size(), 1u);
     for (const char *list : {"tcpip,appletalk", ""}) EXPECT_EQ(Kvtmon({"init", "--transports", list}).status, 2);
 }
@@ -99,18 +99,17 @@ TEST_F(KvtmonPrint, PortsListsWhatTheTreeHoldsAndDeleteRemovesIt) {
     ASSERT_EQ(Print({"PS9-P2", job_, "--server", "127.0.0.9", "--queue", "fast", "--protocol", "2"}).status, 0);
     KvtmonRun ports = Kvtmon({"ports", "--json"});
     ASSERT_EQ(ports.status, 0) << ports.err;
-    EXPECT_NE(ports.out.find("{\"port\": \"PS9-P2\", \"description\": \"PrintServer Network Port\", \"transport\": "
-                             "\"TCP/IP\", \"protocol\": 2, \"queue\": \"fast\", \"address\": \"127.0.0.9\""),
-              std::string::npos)
-        << ports.out;
-    EXPECT_NE(Kvtmon({"ports"}).out.find("PS9-P2"), std::string::npos);
+    EXPECT_TRUE(kvttest::Holds(ports.out, "{\"port\": \"PS9-P2\", \"description\": \"PrintServer Network Port\", "
+                                          "\"transport\": \"TCP/IP\", \"protocol\": 2, \"queue\": \"fast\", "
+                                          "\"address\": \"127.0.0.9\""));
+    EXPECT_TRUE(kvttest::Holds(Kvtmon({"ports"}).out, "PS9-P2"));
 
     KvtmonRun deleted = Kvtmon({"delete", "ps9-p2"});
     EXPECT_EQ(deleted.status, 0) << deleted.err;
     EXPECT_EQ(Kvtmon({"ports"}).out, "no ports\n");
     KvtmonRun again = Kvtmon({"delete", "PS9-P2"});
     EXPECT_EQ(again.status, 3);
-    EXPECT_NE(again.err.find("no port 'PS9-P2'"), std::string::npos);
+    EXPECT_TRUE(kvttest::Holds(again.err, "no port 'PS9-P2'"));
 }
 
 TEST_F(KvtmonPrint, TheLogShowsTheLastStartUpsLines) {
@@ -119,7 +118,7 @@ TEST_F(KvtmonPrint, TheLogShowsTheLastStartUpsLines) {
     KvtmonRun log = Kvtmon({"log"});
     ASSERT_EQ(log.status, 0) << log.err;
     EXPECT_EQ(log.out.rfind("OS type : Windows NT/2000\n", 0), 0u);
-    EXPECT_NE(log.out.find("Leave LocalmonStartDocPort - success"), std::string::npos);
+    EXPECT_TRUE(kvttest::Holds(log.out, "Leave LocalmonStartDocPort - success"));
 }
 
 TEST_F(KvtmonPrint, AMissingPrefixOrAnUnreadableHiveIsNamed) {
@@ -130,14 +129,14 @@ TEST_F(KvtmonPrint, AMissingPrefixOrAnUnreadableHiveIsNamed) {
                                           {"print", "PS9-P1", job_}}) {
         KvtmonRun run = Kvtmon(args);
         EXPECT_EQ(run.status, 2) << args[0];
-        EXPECT_NE(run.err.find("cannot be read"), std::string::npos) << run.err;
+        EXPECT_TRUE(kvttest::Holds(run.err, "cannot be read")) << args[0];
     }
     EXPECT_EQ(Slurp(hive), before) << "a hive that can't be read is never written over";
 
     std::filesystem::remove_all(dir_ + "/prefix");
     KvtmonRun run = Kvtmon({"ports"});
     EXPECT_EQ(run.status, 2);
-    EXPECT_NE(run.err.find("kvtmon init"), std::string::npos) << run.err;
+    EXPECT_TRUE(kvttest::Holds(run.err, "kvtmon init"));
 }
 
 }  // namespace
