@@ -83,12 +83,18 @@ TEST_F(WinsockTcp, BlockingConnectRefusedAndBadDestinations) {
     closesocket(s);
 }
 
-TEST_F(WinsockTcp, ResetConnectionKeepsReportingTheReset) {
-    int listener = peer::Listen("127.0.0.2", 515);
-    ASSERT_GE(listener, 0);
-    SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(Connect(s, "127.0.0.2", 515), 0) << WSAGetLastError();
+// s connected to a listener of the far end at ip:515: the far end's socket, -1 when none.
+int Connected(SOCKET s, const char *ip) {
+    int listener = peer::Listen(ip, 515);
+    EXPECT_EQ(WinsockTest::Connect(s, ip, 515), 0) << WSAGetLastError();
     int conn = peer::Accept(listener, 5000);
+    peer::Close(listener);
+    return conn;
+}
+
+TEST_F(WinsockTcp, ResetConnectionKeepsReportingTheReset) {
+    SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+    int conn = Connected(s, "127.0.0.2");
     ASSERT_GE(conn, 0);
     peer::Abort(conn);
     char buffer[4];
@@ -99,17 +105,14 @@ TEST_F(WinsockTcp, ResetConnectionKeepsReportingTheReset) {
     EXPECT_EQ(send(s, "x", 1, 0), SOCKET_ERROR) << "and never raises SIGPIPE";
     EXPECT_EQ(WSAGetLastError(), WSAECONNRESET);
     closesocket(s);
-    peer::Close(listener);
 }
 
 TEST_F(WinsockTcp, SendToAPeerThatDoesNotReadWouldBlock) {
-    int listener = peer::Listen("127.0.0.2", 515);
-    ASSERT_GE(listener, 0);
     SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
     int small = 4096;
     ASSERT_EQ(setsockopt(s, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<char *>(&small), sizeof small), 0);
-    ASSERT_EQ(Connect(s, "127.0.0.2", 515), 0);
-    int conn = peer::Accept(listener, 5000);
+    int conn = Connected(s, "127.0.0.2");
+    ASSERT_GE(conn, 0);
     NonBlocking(s);
     static char chunk[65536];
     int result = 0, sends = 0;
@@ -119,7 +122,6 @@ TEST_F(WinsockTcp, SendToAPeerThatDoesNotReadWouldBlock) {
     EXPECT_EQ(Ready(s, "w", 0), "0");
     closesocket(s);
     peer::Close(conn);
-    peer::Close(listener);
 }
 
 TEST_F(WinsockTcp, ClosingASocketEndsAReceiveBlockedInAnotherThread) {
