@@ -21,14 +21,11 @@ TEST(PrivateNetwork, LoopbackOnlyAndEnteringAgainIsHarmless) {
 }
 
 TEST(WinsockStartup, CallsBeforeStartupFailAndCleanupClosesSockets) {
-    EXPECT_EQ(socket(AF_INET, SOCK_STREAM, 0), INVALID_SOCKET);
-    EXPECT_EQ(WSAGetLastError(), WSANOTINITIALISED);
+    EXPECT_EQ(ErrorOf(socket(AF_INET, SOCK_STREAM, 0)), WSANOTINITIALISED);
     char name[64];
-    EXPECT_EQ(gethostname(name, sizeof name), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSANOTINITIALISED);
+    EXPECT_EQ(ErrorOf(gethostname(name, sizeof name)), WSANOTINITIALISED);
     EXPECT_EQ(gethostbyname("localhost"), nullptr);
-    EXPECT_EQ(WSACleanup(), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSANOTINITIALISED);
+    EXPECT_EQ(ErrorOf(WSACleanup()), WSANOTINITIALISED);
 
     WSADATA data;
     ASSERT_EQ(WSAStartup(0x0101, &data), 0);
@@ -41,12 +38,9 @@ TEST(WinsockStartup, CallsBeforeStartupFailAndCleanupClosesSockets) {
 
     ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
     EXPECT_EQ(data.wVersion, 0x0202);
-    EXPECT_EQ(closesocket(s), SOCKET_ERROR) << "the last cleanup closed it";
-    EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
-    EXPECT_EQ(socket(AF_IPX, SOCK_STREAM, 0x3e8), INVALID_SOCKET) << "no SPX";
-    EXPECT_EQ(WSAGetLastError(), WSAESOCKTNOSUPPORT);
-    EXPECT_EQ(socket(AF_IPX, SOCK_DGRAM, 0), INVALID_SOCKET);
-    EXPECT_EQ(WSAGetLastError(), WSAEPROTONOSUPPORT);
+    EXPECT_EQ(ErrorOf(closesocket(s)), WSAENOTSOCK) << "the last cleanup closed it";
+    EXPECT_EQ(ErrorOf(socket(AF_IPX, SOCK_STREAM, 0x3e8)), WSAESOCKTNOSUPPORT) << "no SPX";
+    EXPECT_EQ(ErrorOf(socket(AF_IPX, SOCK_DGRAM, 0)), WSAEPROTONOSUPPORT);
     EXPECT_EQ(WSACleanup(), 0);
 }
 
@@ -97,11 +91,9 @@ TEST_F(WinsockSelect, CountsReadySocketsAcrossSetsAndKeepsOnlyThem) {
     // Nothing to wait for, or something that is not a socket: errors.
     FD_ZERO(&readable);
     timeval now = {0, 0};
-    EXPECT_EQ(select(0, &readable, nullptr, nullptr, &now), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEINVAL);
+    EXPECT_EQ(ErrorOf(select(0, &readable, nullptr, nullptr, &now)), WSAEINVAL);
     FD_SET(0x12345, &readable);
-    EXPECT_EQ(select(0, &readable, nullptr, nullptr, &now), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
+    EXPECT_EQ(ErrorOf(select(0, &readable, nullptr, nullptr, &now)), WSAENOTSOCK);
 }
 
 TEST_F(WinsockSelect, NoTimeoutWaitsForTheSocket) {
@@ -123,8 +115,7 @@ TEST_F(WinsockNames, OwnNameResolvesWithoutLookup) {
     char name[64];
     ASSERT_EQ(gethostname(name, sizeof name), 0);
     EXPECT_STREQ(name, "PrintHost.Example.Test");
-    EXPECT_EQ(gethostname(name, 22), SOCKET_ERROR) << "no room for the terminating zero";
-    EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
+    EXPECT_EQ(ErrorOf(gethostname(name, 22)), WSAEFAULT) << "no room for the terminating zero";
 
     for (const char *asked : {"printhost", "PRINTHOST.example.test", "localhost"}) {
         hostent *h = gethostbyname(asked);

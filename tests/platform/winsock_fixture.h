@@ -8,6 +8,13 @@
 
 #include <winsock2.h>
 
+// The last error after a call that failed (SOCKET_ERROR, INVALID_SOCKET); 0
+// after one that did not.
+template <typename T>
+int ErrorOf(T result) {
+    return static_cast<long long>(result) == -1 ? WSAGetLastError() : 0;
+}
+
 class WinsockTest : public testing::Test {
 protected:
     void SetUp() override {

@@ -12,20 +12,17 @@ using WinsockTcp = WinsockTest;
 TEST_F(WinsockTcp, RefusedNonBlockingConnectEndsInTheExceptionSet) {
     SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
     NonBlocking(s);
-    ASSERT_EQ(Connect(s, "127.0.0.2", 9), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
+    ASSERT_EQ(ErrorOf(Connect(s, "127.0.0.2", 9)), WSAEWOULDBLOCK);
     EXPECT_EQ(Ready(s, "we", 10), "1 e");
     int error = 0, length = sizeof error;
     ASSERT_EQ(getsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char *>(&error), &length), 0);
     EXPECT_EQ(error, WSAECONNREFUSED);
     ASSERT_EQ(getsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char *>(&error), &length), 0);
     EXPECT_EQ(error, 0) << "reading SO_ERROR clears it";
-    EXPECT_EQ(send(s, "x", 1, 0), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAENOTCONN);
+    EXPECT_EQ(ErrorOf(send(s, "x", 1, 0)), WSAENOTCONN);
 
     // A failed attempt may be followed by another on the same socket.
-    ASSERT_EQ(Connect(s, "127.0.0.2", 9), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
+    ASSERT_EQ(ErrorOf(Connect(s, "127.0.0.2", 9)), WSAEWOULDBLOCK);
     EXPECT_EQ(Ready(s, "e", 10), "1 e");
     closesocket(s);
 }
@@ -37,11 +34,9 @@ TEST_F(WinsockTcp, AcceptedNonBlockingConnectEndsInTheWriteSet) {
     SOCKADDR_IN from = Address("127.0.0.5", 0);
     ASSERT_EQ(bind(s, reinterpret_cast<SOCKADDR *>(&from), sizeof from), 0);
     NonBlocking(s);
-    ASSERT_EQ(Connect(s, "127.0.0.3", 515), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
+    ASSERT_EQ(ErrorOf(Connect(s, "127.0.0.3", 515)), WSAEWOULDBLOCK);
     EXPECT_EQ(Ready(s, "we", 10), "1 w");
-    EXPECT_EQ(Connect(s, "127.0.0.3", 515), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEISCONN);
+    EXPECT_EQ(ErrorOf(Connect(s, "127.0.0.3", 515)), WSAEISCONN);
 
     std::string client;
     int conn = peer::Accept(listener, 5000, &client);
@@ -54,8 +49,7 @@ TEST_F(WinsockTcp, AcceptedNonBlockingConnectEndsInTheWriteSet) {
 
     // Nothing to read yet: a non-blocking recv would block.
     char buffer[16];
-    EXPECT_EQ(recv(s, buffer, sizeof buffer, 0), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
+    EXPECT_EQ(ErrorOf(recv(s, buffer, sizeof buffer, 0)), WSAEWOULDBLOCK);
     peer::Send(conn, "\0", 1);
     EXPECT_TRUE(Readable(s, 10));
     u_long pending = 0;
@@ -73,13 +67,10 @@ TEST_F(WinsockTcp, AcceptedNonBlockingConnectEndsInTheWriteSet) {
 
 TEST_F(WinsockTcp, BlockingConnectRefusedAndBadDestinations) {
     SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(Connect(s, "127.0.0.2", 9), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAECONNREFUSED);
-    EXPECT_EQ(Connect(s, "0.0.0.0", 515), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEADDRNOTAVAIL);
+    EXPECT_EQ(ErrorOf(Connect(s, "127.0.0.2", 9)), WSAECONNREFUSED);
+    EXPECT_EQ(ErrorOf(Connect(s, "0.0.0.0", 515)), WSAEADDRNOTAVAIL);
     SOCKADDR_IN a = Address("127.0.0.2", 9);
-    EXPECT_EQ(connect(s, reinterpret_cast<SOCKADDR *>(&a), 8), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
+    EXPECT_EQ(ErrorOf(connect(s, reinterpret_cast<SOCKADDR *>(&a), 8)), WSAEFAULT);
     closesocket(s);
 }
 
@@ -99,11 +90,9 @@ TEST_F(WinsockTcp, ResetConnectionKeepsReportingTheReset) {
     peer::Abort(conn);
     char buffer[4];
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(recv(s, buffer, sizeof buffer, 0), SOCKET_ERROR);
-        EXPECT_EQ(WSAGetLastError(), WSAECONNRESET);
+        EXPECT_EQ(ErrorOf(recv(s, buffer, sizeof buffer, 0)), WSAECONNRESET);
     }
-    EXPECT_EQ(send(s, "x", 1, 0), SOCKET_ERROR) << "and never raises SIGPIPE";
-    EXPECT_EQ(WSAGetLastError(), WSAECONNRESET);
+    EXPECT_EQ(ErrorOf(send(s, "x", 1, 0)), WSAECONNRESET) << "and never raises SIGPIPE";
     closesocket(s);
 }
 
@@ -117,8 +106,7 @@ TEST_F(WinsockTcp, SendToAPeerThatDoesNotReadWouldBlock) {
     static char chunk[65536];
     int result = 0, sends = 0;
     while (sends < 10000 && (result = send(s, chunk, sizeof chunk, 0)) > 0) ++sends;
-    EXPECT_EQ(result, SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
+    EXPECT_EQ(ErrorOf(result), WSAEWOULDBLOCK);
     EXPECT_EQ(Ready(s, "w", 0), "0");
     closesocket(s);
     peer::Close(conn);
@@ -137,8 +125,7 @@ TEST_F(WinsockTcp, ClosingASocketEndsAReceiveBlockedInAnotherThread) {
     reader.join();
     EXPECT_EQ(result, SOCKET_ERROR);
     EXPECT_EQ(error, WSAEINTR);
-    EXPECT_EQ(closesocket(s), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
+    EXPECT_EQ(ErrorOf(closesocket(s)), WSAENOTSOCK);
 }
 
 }  // namespace
