@@ -43,19 +43,6 @@ protected:
         return ports.out;
     }
 
-    // What PS9 holds of each job is the job's first bytes; a channel job it
-    // holds whole was hung up, and one hung up is whole.
-    void CheckServer() {
-        for (const auto &j : emulator_.Jobs("PS9"))
-            EXPECT_EQ(j.data, job_.substr(0, j.data.size())) << "LPR job of " << j.data.size() << " bytes";
-        std::vector<kvtps::ChannelJob> channels = emulator_.IpxJobs("PS9");
-        for (const auto &j : emulator_.NetbiosJobs("PS9")) channels.push_back(j);
-        for (const auto &j : channels) {
-            EXPECT_EQ(j.data, job_.substr(0, j.data.size())) << "channel job " << j.channel;
-            EXPECT_EQ(j.hungUp, j.data.size() == job_.size()) << "channel job " << j.channel;
-        }
-    }
-
     std::string job_;
 };
 
@@ -67,8 +54,18 @@ TEST_F(KillAnyMoment, AJobLeavesTheServerItsFirstBytesAndTheTreeWhole) {
             Print(digit, nullptr, ms);
             EXPECT_EQ(Tree(), before);
         }
-    emulator_.Stop();  // open channels and connections are stored as they stand
-    CheckServer();
+    // Open channels and connections are stored as they stand.  What PS9 holds
+    // of each job is the job's first bytes; a channel job it holds whole was
+    // hung up, and one hung up is whole.
+    emulator_.Stop();
+    for (const auto &j : emulator_.Jobs("PS9"))
+        EXPECT_EQ(j.data, job_.substr(0, j.data.size())) << "LPR job of " << j.data.size() << " bytes";
+    std::vector<kvtps::ChannelJob> channels = emulator_.IpxJobs("PS9");
+    for (const auto &j : emulator_.NetbiosJobs("PS9")) channels.push_back(j);
+    for (const auto &j : channels) {
+        EXPECT_EQ(j.data, job_.substr(0, j.data.size())) << "channel job " << j.channel;
+        EXPECT_EQ(j.hungUp, j.data.size() == job_.size()) << "channel job " << j.channel;
+    }
 }
 
 TEST_F(KillAnyMoment, AConfigureOrADeleteLeavesTheOldTreeOrTheNew) {

@@ -87,14 +87,6 @@ inline ProgramRun RunProgram(std::vector<std::string> args, const std::string &d
     return run;
 }
 
-// kvtmon ARGS with KVT_PREFIX=<dir>/prefix and KVT_TIMESCALE=<timeScale>.
-inline KvtmonRun RunKvtmon(std::vector<std::string> args, const std::string &dir, const char *timeScale,
-                           int killAfterMs = -1) {
-    args.insert(args.begin(), KvtmonPath());
-    return RunProgram(std::move(args), dir,
-                      {"KVT_PREFIX=" + dir + "/prefix", std::string("KVT_TIMESCALE=") + timeScale}, killAfterMs);
-}
-
 // Whether text holds part; a failure shows both.
 inline ::testing::AssertionResult Holds(const std::string &text, const std::string &part) {
     if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
@@ -131,8 +123,11 @@ protected:
         std::error_code ec;
         std::filesystem::remove_all(dir_, ec);
     }
+    // kvtmon ARGS with KVT_PREFIX=<dir_>/prefix and KVT_TIMESCALE=<timeScale_>.
     KvtmonRun Kvtmon(std::vector<std::string> args, int killAfterMs = -1) {
-        return RunKvtmon(std::move(args), dir_, timeScale_, killAfterMs);
+        args.insert(args.begin(), KvtmonPath());
+        return RunProgram(std::move(args), dir_,
+                          {"KVT_PREFIX=" + dir_ + "/prefix", std::string("KVT_TIMESCALE=") + timeScale_}, killAfterMs);
     }
     void StartServers(const std::vector<kvtps::ServerConfig> &servers) {
         std::string error;
