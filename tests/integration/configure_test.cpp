@@ -1,22 +1,14 @@
 // kvtmon configure as a user runs it: dialog 550 answered from the command
 // line, and in a terminal of 80x24 (tmux) with keys as a person types them.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
-#include <thread>
-
 #include "kvthost.h"
 #include "kvtmon_run.h"
 
 namespace {
 
-class KvtmonConfigure : public ::testing::Test {
+class KvtmonConfigure : public kvttest::KvtmonTest {
 protected:
     void SetUp() override {  // PS9-P1 on TCP/IP with the queue "lp", the notice off, a host without IPX
-        char dir[] = "/tmp/kvt-configure-XXXXXX";
-        dir_ = mkdtemp(dir);
+        KvtmonTest::SetUp();
         ASSERT_EQ(Kvtmon({"init", "--transports", "tcpip"}).status, 0);
         kvthost::SetPrefix(dir_ + "/prefix");
         HKEY key;
@@ -28,10 +20,9 @@ protected:
     }
     void TearDown() override {
         Tmux("kill-server");
-        std::filesystem::remove_all(dir_);
+        KvtmonTest::TearDown();
     }
 
-    kvttest::KvtmonRun Kvtmon(std::vector<std::string> args) { return kvttest::RunKvtmon(args, dir_, "0.01"); }
     // A command of this test's own tmux server, and what it printed.
     std::string Tmux(const std::string &command) {
         std::system(("tmux -L kvt-" + std::to_string(getpid()) + " " + command + " >" + dir_ + "/tmux 2>&1").c_str());
@@ -39,9 +30,8 @@ protected:
     }
     // A terminal of 80x24 running `kvtmon configure PS9-P1`, then saying how it ended.
     void StartTerminal() {
-        const char *kvtmon = std::getenv("KVTMON") != nullptr ? std::getenv("KVTMON") : KVT_BIN_DIR "/kvtmon";
-        Tmux("-f /dev/null -u new-session -d -x 80 -y 24 'LANG=C.UTF-8 KVT_PREFIX=" + dir_ + "/prefix " + kvtmon +
-             " configure PS9-P1; echo EXIT=$?; sleep 60'");
+        Tmux("-f /dev/null -u new-session -d -x 80 -y 24 'LANG=C.UTF-8 KVT_PREFIX=" + dir_ + "/prefix " +
+             kvttest::KvtmonPath() + " configure PS9-P1; echo EXIT=$?; sleep 60'");
     }
     // The screen once it shows the text; a failure after 20 seconds.
     std::string WaitFor(const std::string &text) {
@@ -51,8 +41,6 @@ protected:
         EXPECT_NE(screen.find(text), std::string::npos) << text << " is not on\n" << screen;
         return screen;
     }
-
-    std::string dir_;
 };
 
 TEST_F(KvtmonConfigure, AnswersAreTypedIntoTheDialogAndWhatIsStoredIsShown) {
@@ -73,7 +61,7 @@ TEST_F(KvtmonConfigure, AnswersAreTypedIntoTheDialogAndWhatIsStoredIsShown) {
         kvttest::KvtmonRun run = Kvtmon(args);
         EXPECT_EQ(run.status, c.status) << run.err;
         EXPECT_EQ(run.out, c.out.empty() ? "" : "PS9-P1: transport " + c.out + ", notice after each job on\n");
-        EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
+        EXPECT_TRUE(kvttest::Holds(run.err, c.err));
     }
     EXPECT_EQ(Kvtmon({"configure", "PS8-P1", "--notify", "on"}).err, "kvtmon: no port 'PS8-P1'\n");
 }
@@ -85,7 +73,7 @@ TEST_F(KvtmonConfigure, APersonAtTheTerminalChoosesTypesAndPressesOK) {
     Tmux("send-keys Enter");
     std::string screen = WaitFor("Select Protocol");
     for (const char *shown : {"(*) TCP/IP", "( ) IPX", "LPR Setting", "Queue Name", "lp______", "[ ] Notify", "< OK >"})
-        EXPECT_NE(screen.find(shown), std::string::npos) << shown << " is not on\n" << screen;
+        EXPECT_TRUE(kvttest::Holds(screen, shown));
     Tmux("send-keys Down");  // past the disabled NetBEUI, round to Auto
     WaitFor("(*) Auto");
     Tmux("send-keys Tab BSpace BSpace r a w Tab Space");

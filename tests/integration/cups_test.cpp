@@ -4,30 +4,19 @@
 // Queues are made with lpadmin on kvt:// URIs, jobs printed with lp and
 // cancelled with cancel, and lpinfo lists what the backend finds.  Without
 // CUPS the tests are skipped with a notice.
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <thread>
 
-#include "kvtmon_run.h"
 #include "kvt_uri.h"
-#include "kvtps.h"
+#include "kvtmon_run.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using kvttest::Eventually;
 
 const char *const kCupsd = "/usr/sbin/cupsd";
 
-struct Ran {
-    int status = -1;
-    std::string out;
-};
-
-class Cups : public ::testing::Test {
+class Cups : public kvttest::KvtmonTest {
 protected:
     static void SetUpTestSuite() {
         for (const char *tool : {kCupsd, "/usr/sbin/lpadmin", "/usr/sbin/lpinfo", "/usr/bin/lp", "/usr/bin/lpstat",
@@ -41,30 +30,26 @@ protected:
                                  "tests of the kvt backend under CUPS are skipped\n", missing_.c_str());
             GTEST_SKIP() << missing_ << " is not installed";
         }
-        char dir[] = "/tmp/kvt-cups-XXXXXX";
-        root_ = mkdtemp(dir);
-        fs::create_directories(root_ + "/bin/backend");
+        KvtmonTest::SetUp();
+        fs::create_directories(dir_ + "/bin/backend");
         // The backend as the README installs it, into the test's folders.
-        Ran installed = Run({KVT_SOURCE_DIR "/scripts/cups.sh", "install", "--prefix", root_ + "/prefix", "--libdir",
-                             root_ + "/lib", "--backend-dir", root_ + "/bin/backend", "--from", KVT_BIN_DIR});
+        kvttest::ProgramRun installed = Run({KVT_SOURCE_DIR "/scripts/cups.sh", "install", "--prefix",
+                                             dir_ + "/prefix", "--libdir", dir_ + "/lib", "--backend-dir",
+                                             dir_ + "/bin/backend", "--from", KVT_BIN_DIR});
         ASSERT_EQ(installed.status, 0) << installed.out;
-        kvtps::ServerConfig ps1, ps2;
-        ps1.name = "PS1";
-        ps2.name = "PS2";
-        ps2.address = "127.0.0.3";
+        kvtps::ServerConfig ps2 = kvttest::Server("PS2", "127.0.0.3");
         ps2.model = 3;
-        std::string error;
-        ASSERT_TRUE(emulator_.Start({ps1, ps2}, &error)) << error;
+        StartServers({kvttest::Server("PS1", "127.0.0.2"), ps2});
         // cupsd as the README runs one of one's own (the test is in the private network).
-        std::vector<std::string> args = {KVT_SOURCE_DIR "/scripts/cupsd-here.sh", root_,
+        std::vector<std::string> args = {KVT_SOURCE_DIR "/scripts/cupsd-here.sh", dir_,
                                          std::string("KVT_TIMESCALE=") + timeScale_};
         std::vector<char *> argv;
         for (auto &a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
         ASSERT_EQ(posix_spawn(&cupsd_, argv[0], nullptr, nullptr, argv.data(), environ), 0);
-        setenv("CUPS_SERVER", (root_ + "/cups.sock").c_str(), 1);
+        setenv("CUPS_SERVER", (dir_ + "/cups.sock").c_str(), 1);
         ASSERT_TRUE(Eventually([&] { return Run({"lpstat", "-r"}).out.find("is running") != std::string::npos; }))
-            << "cupsd did not start: " << kvttest::Slurp(root_ + "/log/error_log");
+            << "cupsd did not start: " << kvttest::Slurp(dir_ + "/log/error_log");
     }
 
     void TearDown() override {
@@ -72,49 +57,25 @@ protected:
             kill(cupsd_, SIGTERM);
             waitpid(cupsd_, nullptr, 0);
         }
-        emulator_.Stop();
-        if (HasFailure()) std::fprintf(stderr, "%s\n", kvttest::Slurp(root_ + "/log/error_log").c_str());
-        std::error_code ec;
-        if (!root_.empty()) fs::remove_all(root_, ec);
+        if (HasFailure()) std::fprintf(stderr, "%s\n", kvttest::Slurp(dir_ + "/log/error_log").c_str());
+        KvtmonTest::TearDown();
     }
 
-    Ran Run(std::vector<std::string> args) {
-        std::vector<char *> argv;
-        for (auto &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        const std::string out = root_ + "/run.out";
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_adddup2(&actions, 1, 2);
-        pid_t pid;
-        Ran ran;
-        if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
-            int status = 0;
-            waitpid(pid, &status, 0);
-            ran.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        ran.out = kvttest::Slurp(out);
+    // A command of CUPS's, its output and errors in one text.
+    kvttest::ProgramRun Run(std::vector<std::string> args) {
+        kvttest::ProgramRun ran = kvttest::RunProgram(std::move(args), dir_);
+        ran.out += ran.err;
         return ran;
     }
 
-    template <typename F>
-    static bool Eventually(F done, int seconds = 60) {
-        for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-             std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(50)))
-            if (done()) return true;
-        return done();
-    }
-
     void AddQueue(const std::string &queue, const std::string &uri) {
-        Ran r = Run({"lpadmin", "-p", queue, "-E", "-v", uri, "-m", "raw"});
+        kvttest::ProgramRun r = Run({"lpadmin", "-p", queue, "-E", "-v", uri, "-m", "raw"});
         ASSERT_EQ(r.status, 0) << r.out;
     }
     // lp's job id ("KVT1-3"), of a file with these bytes.
     std::string Print(const std::string &queue, const std::string &bytes, int copies = 1) {
-        std::ofstream(root_ + "/job.prn", std::ios::binary) << bytes;
-        Ran r = Run({"lp", "-d", queue, "-n", std::to_string(copies), root_ + "/job.prn"});
+        std::ofstream(dir_ + "/job.prn", std::ios::binary) << bytes;
+        kvttest::ProgramRun r = Run({"lp", "-d", queue, "-n", std::to_string(copies), dir_ + "/job.prn"});
         size_t at = r.out.find("request id is ");
         EXPECT_NE(at, std::string::npos) << r.out;
         return at == std::string::npos ? "" : r.out.substr(at + 14, r.out.find(' ', at + 14) - at - 14);
@@ -132,10 +93,7 @@ protected:
     }
 
     static inline std::string missing_;
-    const char *timeScale_ = "0.01";
-    std::string root_;
     pid_t cupsd_ = -1;
-    kvtps::Emulator emulator_;
 };
 
 // A job printed with lp arrives at the print server byte for byte, over each
@@ -183,10 +141,9 @@ TEST_F(Cups, LpinfoListsThePrintServersPorts) {
     const std::string devices = Run({"lpinfo", "-v"}).out;
     for (const char *uri : {"network kvt://PS1/P1\n", "network kvt://PS2/P1\n", "network kvt://PS2/P2\n",
                             "network kvt://PS2/P3\n"})
-        EXPECT_NE(devices.find(uri), std::string::npos) << uri << " not in\n" << devices;
+        EXPECT_TRUE(kvttest::Holds(devices, uri));
     EXPECT_EQ(devices.find("kvt://PS1/P2"), std::string::npos) << "PS1 has one printer port";
-    const std::string long_ = Run({"lpinfo", "-l", "-v"}).out;
-    EXPECT_NE(long_.find("KVT PS2 port P3 (127.0.0.3, queue lpt3)"), std::string::npos) << long_;
+    EXPECT_TRUE(kvttest::Holds(Run({"lpinfo", "-l", "-v"}).out, "KVT PS2 port P3 (127.0.0.3, queue lpt3)"));
 }
 
 // With the monitor's waits less shrunk: a print server busy for minutes.
@@ -223,12 +180,8 @@ TEST_F(CupsSlower, ACancelledJobEndsAndAnUnreachableServerLeavesTheJobForRetry) 
     ASSERT_TRUE(Eventually([&] { return QueueState("OFF").find("cannot be reached") != std::string::npos; }))
         << QueueState("OFF");
     EXPECT_FALSE(Completed(offJob));
-    EXPECT_NE(Run({"lpstat", "-o", "OFF"}).out.find(offJob), std::string::npos) << "the job waits for its retry";
+    EXPECT_TRUE(kvttest::Holds(Run({"lpstat", "-o", "OFF"}).out, offJob)) << "the job waits for its retry";
 }
-
-}  // namespace
-
-namespace {
 
 // The device URI: what the backend takes, and the message for what it refuses.
 TEST(DeviceUri, TakesServerPortProtocolAndQueueAndRefusesTheRest) {
@@ -259,7 +212,7 @@ TEST(DeviceUri, TakesServerPortProtocolAndQueueAndRefusesTheRest) {
         const bool taken = kvtcups::ParseDeviceUri(c.uri, &uri, &error);
         ASSERT_EQ(taken, c.server != nullptr) << c.uri << ": " << error;
         if (!taken) {
-            EXPECT_NE(error.find(c.why), std::string::npos) << c.uri << ": " << error;
+            EXPECT_TRUE(kvttest::Holds(error, c.why)) << c.uri;
             continue;
         }
         EXPECT_EQ(uri.server, c.server) << c.uri;

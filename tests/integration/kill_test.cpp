@@ -2,78 +2,48 @@
 // port tree that the next start-up reads is whole, old or new, never torn; the
 // print server holds of each job the bytes it was sent, in order, and a channel
 // job that it holds whole was hung up.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "kvtmon_run.h"
-#include "kvtps.h"
 
 namespace {
 
 using kvttest::KvtmonRun;
 
-class KillAnyMoment : public ::testing::Test {
+class KillAnyMoment : public kvttest::KvtmonTest {
 protected:
+    KillAnyMoment() { timeScale_ = "0.02"; }
     void SetUp() override {
-        char dir[] = "/tmp/kvt-kill-XXXXXX";
-        dir_ = mkdtemp(dir);
+        KvtmonTest::SetUp();
         job_ = std::string(1 << 20, '\0');
         for (size_t i = 0; i < job_.size(); ++i) job_[i] = static_cast<char>('a' + (i * 7 + i / 1000) % 26);
         std::ofstream(dir_ + "/job.prn", std::ios::binary) << job_;
-        ASSERT_EQ(Run({"init"}).status, 0);
-        kvtps::ServerConfig c;
-        c.name = "PS9";
-        c.address = "127.0.0.9";
+        ASSERT_EQ(Kvtmon({"init"}).status, 0);
+        kvtps::ServerConfig c = kvttest::Server("PS9", "127.0.0.9");
         c.model = 3;
-        std::string error;
-        ASSERT_TRUE(emulator_.Start({c}, &error)) << error;
+        StartServers({c});
         // Three ports, one per transport: PS9-P1 over LPR, -P2 over IPX, -P3 over NetBIOS.
         const char *protocols[] = {"2", "1", "4"};
         for (int d = 1; d <= 3; ++d)
             ASSERT_EQ(Print(d, protocols[d - 1]).status, 0) << d;
     }
-    void TearDown() override {
-        emulator_.Stop();
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
-    }
 
-    KvtmonRun Run(std::vector<std::string> args, int killAfterMs = -1) {
-        return kvttest::RunKvtmon(std::move(args), dir_, "0.02", killAfterMs);
-    }
     KvtmonRun Print(int digit, const char *protocol = nullptr, int killAfterMs = -1) {
         std::vector<std::string> args = {"print", "PS9-P" + std::to_string(digit), dir_ + "/job.prn", "--quiet"};
         if (protocol != nullptr) args.insert(args.end(), {"--server", "127.0.0.9", "--protocol", protocol});
-        return Run(args, killAfterMs);
+        return Kvtmon(args, killAfterMs);
     }
 
     // The tree as the next start-up reads it: every line of kvtmon ports, and
     // no complaint about the hive.
     std::string Tree() {
-        KvtmonRun ports = Run({"ports"});
+        KvtmonRun ports = Kvtmon({"ports"});
         EXPECT_EQ(ports.status, 0) << ports.err;
         EXPECT_EQ(ports.err.find("cannot be read"), std::string::npos) << ports.err;
         return ports.out;
     }
 
-    // What PS9 holds of each job is the job's first bytes; a channel job it
-    // holds whole was hung up, and one hung up is whole.
-    void CheckServer() {
-        for (const auto &j : emulator_.Jobs("PS9"))
-            EXPECT_EQ(j.data, job_.substr(0, j.data.size())) << "LPR job of " << j.data.size() << " bytes";
-        std::vector<kvtps::ChannelJob> channels = emulator_.IpxJobs("PS9");
-        for (const auto &j : emulator_.NetbiosJobs("PS9")) channels.push_back(j);
-        for (const auto &j : channels) {
-            EXPECT_EQ(j.data, job_.substr(0, j.data.size())) << "channel job " << j.channel;
-            EXPECT_EQ(j.hungUp, j.data.size() == job_.size()) << "channel job " << j.channel;
-        }
-    }
-
-    std::string dir_, job_;
-    kvtps::Emulator emulator_;
+    std::string job_;
 };
 
 TEST_F(KillAnyMoment, AJobLeavesTheServerItsFirstBytesAndTheTreeWhole) {
@@ -84,8 +54,18 @@ TEST_F(KillAnyMoment, AJobLeavesTheServerItsFirstBytesAndTheTreeWhole) {
             Print(digit, nullptr, ms);
             EXPECT_EQ(Tree(), before);
         }
-    emulator_.Stop();  // open channels and connections are stored as they stand
-    CheckServer();
+    // Open channels and connections are stored as they stand.  What PS9 holds
+    // of each job is the job's first bytes; a channel job it holds whole was
+    // hung up, and one hung up is whole.
+    emulator_.Stop();
+    for (const auto &j : emulator_.Jobs("PS9"))
+        EXPECT_EQ(j.data, job_.substr(0, j.data.size())) << "LPR job of " << j.data.size() << " bytes";
+    std::vector<kvtps::ChannelJob> channels = emulator_.IpxJobs("PS9");
+    for (const auto &j : emulator_.NetbiosJobs("PS9")) channels.push_back(j);
+    for (const auto &j : channels) {
+        EXPECT_EQ(j.data, job_.substr(0, j.data.size())) << "channel job " << j.channel;
+        EXPECT_EQ(j.hungUp, j.data.size() == job_.size()) << "channel job " << j.channel;
+    }
 }
 
 TEST_F(KillAnyMoment, AConfigureOrADeleteLeavesTheOldTreeOrTheNew) {
@@ -100,7 +80,7 @@ TEST_F(KillAnyMoment, AConfigureOrADeleteLeavesTheOldTreeOrTheNew) {
         SCOPED_TRACE("killed after " + std::to_string(ms) + " ms");
         const std::string before = Tree();
         const std::string transport = ms % 4 == 0 ? "IPX" : "TCP/IP", queue = "q" + std::to_string(ms);
-        Run({"configure", "PS9-P1", "--protocol", ms % 4 == 0 ? "ipx" : "tcpip", "--queue", queue}, ms);
+        Kvtmon({"configure", "PS9-P1", "--protocol", ms % 4 == 0 ? "ipx" : "tcpip", "--queue", queue}, ms);
         const std::string after = Tree();
         const auto [t0, q0] = fields(before);
         const auto [t1, q1] = fields(after);
@@ -110,7 +90,7 @@ TEST_F(KillAnyMoment, AConfigureOrADeleteLeavesTheOldTreeOrTheNew) {
     for (int ms : {0, 2, 5, 10, 20, 40}) {
         SCOPED_TRACE("delete killed after " + std::to_string(ms) + " ms");
         const std::string old = Tree();
-        Run({"delete", "PS9-P2"}, ms);
+        Kvtmon({"delete", "PS9-P2"}, ms);
         const std::string now = Tree();
         std::string without = old;
         const size_t at = without.find("PS9-P2");
@@ -125,20 +105,20 @@ TEST_F(KillAnyMoment, AConfigureOrADeleteLeavesTheOldTreeOrTheNew) {
 TEST_F(KillAnyMoment, AnAddLeavesTheOldTreeOrTheNew) {
     // Five ports of two print servers from a list file, made one by one.
     std::ofstream(dir_ + "/list.txt") << "PSA 127.0.0.20 model=3 queue1=a queue3=c\nPSB 127.0.0.21 model=2 queue2=b\n";
-    ASSERT_EQ(Run({"listfile", "make", dir_ + "/list.txt", dir_ + "/list.bin"}).status, 0);
+    ASSERT_EQ(Kvtmon({"listfile", "make", dir_ + "/list.txt", dir_ + "/list.bin"}).status, 0);
     const char *made[] = {"PSA-P1", "PSA-P2", "PSA-P3", "PSB-P1", "PSB-P2"};
     auto undo = [&] {
-        for (const char *port : made) Run({"delete", port});
+        for (const char *port : made) Kvtmon({"delete", port});
     };
     const std::string before = Tree();
-    ASSERT_EQ(Run({"add", "--list", dir_ + "/list.bin"}).status, 0);
+    ASSERT_EQ(Kvtmon({"add", "--list", dir_ + "/list.bin"}).status, 0);
     const std::string after = Tree();
     ASSERT_NE(after, before);
     undo();
     ASSERT_EQ(Tree(), before);
     for (int ms : {0, 2, 5, 10, 20, 40, 80}) {
         SCOPED_TRACE("add killed after " + std::to_string(ms) + " ms");
-        Run({"add", "--list", dir_ + "/list.bin"}, ms);
+        Kvtmon({"add", "--list", dir_ + "/list.bin"}, ms);
         const std::string now = Tree();
         EXPECT_TRUE(now == before || now == after) << now;
         if (now == after) undo();

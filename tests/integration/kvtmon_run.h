@@ -1,6 +1,9 @@
-// Runs kvtmon as a user would, with a prefix of the test's own and the
-// monitor's waits shrunk, and keeps what it printed.
+// Runs kvtmon (or any program) as a user would, with a prefix of the test's
+// own and the monitor's waits shrunk, and keeps what it printed; the fixture
+// of the tests that run it against emulated print servers.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -8,22 +11,28 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "kvtps.h"
 
 extern char **environ;
 
 namespace kvttest {
 
-struct KvtmonRun {
+struct ProgramRun {
     int status = -1;  // the exit status, or 128 + the signal that ended it
     std::string out;
     std::string err;
 };
+using KvtmonRun = ProgramRun;
 
 inline std::string Slurp(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
@@ -32,21 +41,27 @@ inline std::string Slurp(const std::string &path) {
     return s.str();
 }
 
-// kvtmon ARGS with KVT_PREFIX=<dir>/prefix and KVT_TIMESCALE=<timeScale>; its
-// output goes through <dir>/out and <dir>/err.  With killAfterMs >= 0 it is
-// killed (SIGKILL) that long after it starts, if it still runs.
-inline KvtmonRun RunKvtmon(std::vector<std::string> args, const std::string &dir, const char *timeScale,
-                           int killAfterMs = -1) {
+inline std::string KvtmonPath() {
     const char *kvtmon = std::getenv("KVTMON");
-    args.insert(args.begin(), kvtmon != nullptr ? kvtmon : KVT_BIN_DIR "/kvtmon");
-    std::vector<char *> argv;
+    return kvtmon != nullptr ? kvtmon : KVT_BIN_DIR "/kvtmon";
+}
+
+// ARGS (the program looked up on PATH) in this process's environment with the
+// NAME=value settings of env in place of its own; the output goes through
+// <dir>/out and <dir>/err.  With killAfterMs >= 0 it is killed (SIGKILL) that
+// long after it starts, if it still runs.
+inline ProgramRun RunProgram(std::vector<std::string> args, const std::string &dir,
+                            std::vector<std::string> env = {}, int killAfterMs = -1) {
+    std::vector<char *> argv, envp;
     for (auto &a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
-    std::vector<std::string> env = {"KVT_PREFIX=" + dir + "/prefix", std::string("KVT_TIMESCALE=") + timeScale};
-    for (char **e = environ; *e != nullptr; ++e)
-        if (std::strncmp(*e, "KVT_PREFIX=", 11) != 0 && std::strncmp(*e, "KVT_TIMESCALE=", 14) != 0)
-            env.push_back(*e);
-    std::vector<char *> envp;
+    const size_t ours = env.size();
+    for (char **e = environ; *e != nullptr; ++e) {
+        bool replaced = false;
+        for (size_t i = 0; i < ours; ++i)
+            replaced = replaced || std::strncmp(*e, env[i].c_str(), env[i].find('=') + 1) == 0;
+        if (!replaced) env.push_back(*e);
+    }
     for (auto &e : env) envp.push_back(e.data());
     envp.push_back(nullptr);
 
@@ -56,17 +71,14 @@ inline KvtmonRun RunKvtmon(std::vector<std::string> args, const std::string &dir
     posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     pid_t pid;
-    KvtmonRun run;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) == 0) {
-        int status = 0;
-        bool ended = false;
-        for (int waited = 0; killAfterMs >= 0 && !ended; ++waited) {
-            ended = waitpid(pid, &status, WNOHANG) == pid;
-            if (!ended && waited >= killAfterMs) kill(pid, SIGKILL);
-            if (!ended && waited >= killAfterMs) break;
-            if (!ended) usleep(1000);
+    ProgramRun run;
+    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) == 0) {
+        int status = 0, waited = 0;
+        while (killAfterMs >= 0 && waitpid(pid, &status, WNOHANG) == 0 && waited++ < killAfterMs) usleep(1000);
+        if (killAfterMs < 0 || waited > killAfterMs) {
+            if (killAfterMs >= 0) kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
         }
-        if (!ended) waitpid(pid, &status, 0);
         run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     posix_spawn_file_actions_destroy(&actions);
@@ -74,5 +86,57 @@ inline KvtmonRun RunKvtmon(std::vector<std::string> args, const std::string &dir
     run.err = Slurp(err);
     return run;
 }
+
+// Whether text holds part; a failure shows both.
+inline ::testing::AssertionResult Holds(const std::string &text, const std::string &part) {
+    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "\"" << part << "\" is not in:\n" << text;
+}
+
+// Whether done() comes true within the seconds given, asked every 50 ms.
+template <typename F>
+bool Eventually(F done, int seconds = 60) {
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+         std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(50)))
+        if (done()) return true;
+    return done();
+}
+
+inline kvtps::ServerConfig Server(const std::string &name, const std::string &address) {
+    kvtps::ServerConfig c;
+    c.name = name;
+    c.address = address;
+    return c;
+}
+
+// A folder of the test's own (the prefix in it), kvtmon run there, and the
+// emulated print servers.
+class KvtmonTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/kvt-integration-XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        dir_ = dir;
+    }
+    void TearDown() override {
+        emulator_.Stop();
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+    // kvtmon ARGS with KVT_PREFIX=<dir_>/prefix and KVT_TIMESCALE=<timeScale_>.
+    KvtmonRun Kvtmon(std::vector<std::string> args, int killAfterMs = -1) {
+        args.insert(args.begin(), KvtmonPath());
+        return RunProgram(std::move(args), dir_,
+                          {"KVT_PREFIX=" + dir_ + "/prefix", std::string("KVT_TIMESCALE=") + timeScale_}, killAfterMs);
+    }
+    void StartServers(const std::vector<kvtps::ServerConfig> &servers) {
+        std::string error;
+        ASSERT_TRUE(emulator_.Start(servers, &error)) << error;
+    }
+
+    const char *timeScale_ = "0.01";
+    std::string dir_;
+    kvtps::Emulator emulator_;
+};
 
 }  // namespace kvttest

@@ -1,62 +1,39 @@
-// kvtmon print as a user runs it: a job to an emulated print server, a job
-// that cannot go out, and command lines that make no sense.
-#include <gtest/gtest.h>
-
+// kvtmon print as a user runs it: a job to an emulated print server over each
+// transport, a job that cannot go out, command lines that make no sense; and
+// kvtmon ports, delete and log on the tree and log the jobs left.
 #include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
 
 #include "kvtmon_run.h"
-#include "kvtps.h"
 
 namespace {
 
-using ProgramRun = kvttest::KvtmonRun;
+using kvttest::KvtmonRun;
 using kvttest::Slurp;
 
-class KvtmonPrint : public ::testing::Test {
+class KvtmonPrint : public kvttest::KvtmonTest {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/kvt-kvtmon-XXXXXX";
-        dir_ = mkdtemp(dir);
+        KvtmonTest::SetUp();
         job_ = dir_ + "/job.prn";
         std::ofstream(job_, std::ios::binary) << std::string(100000, 'k') << "end of job";
-        ProgramRun init = Command({"init"});
+        KvtmonRun init = Kvtmon({"init"});
         ASSERT_EQ(init.status, 0) << init.err;
     }
-    void TearDown() override {
-        emulator_.Stop();
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
-    }
-
-    void StartServer(const kvtps::LprFaults &faults = kvtps::LprFaults()) {
-        kvtps::ServerConfig config;
-        config.name = "PS9";
-        config.address = "127.0.0.9";
-        config.lpr = faults;
-        std::string error;
-        ASSERT_TRUE(emulator_.Start({config}, &error)) << error;
-    }
-
-    ProgramRun Kvtmon(std::vector<std::string> args) {
+    void StartServer() { StartServers({kvttest::Server("PS9", "127.0.0.9")}); }
+    KvtmonRun Print(std::vector<std::string> args) {
         args.insert(args.begin(), "print");
-        return Command(args);
+        return Kvtmon(args);
     }
 
-    ProgramRun Command(std::vector<std::string> args) { return kvttest::RunKvtmon(std::move(args), dir_, "0.01"); }
-
-    std::string dir_, job_;
-    kvtps::Emulator emulator_;
+    std::string job_;
 };
 
 TEST_F(KvtmonPrint, PrintsAFileAndTheServerGetsItWhole) {
     StartServer();
-    ProgramRun run = Kvtmon({"PS9-P1", job_, "--server", "127.0.0.9", "--document", "Quarterly report", "--job-id", "5",
-                      "--user", "alice", "--queue", "fast"});
+    KvtmonRun run = Print({"PS9-P1", job_, "--server", "127.0.0.9", "--document", "Quarterly report", "--job-id", "5",
+                           "--user", "alice", "--queue", "fast"});
     ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_NE(run.out.find("printed"), std::string::npos);
+    EXPECT_TRUE(kvttest::Holds(run.out, "printed"));
     ASSERT_TRUE(emulator_.WaitForJobs("PS9", 1, 10000));
     kvtps::LprJob job = emulator_.Jobs("PS9").front();
     EXPECT_EQ(job.queue, "fast");
@@ -66,102 +43,82 @@ TEST_F(KvtmonPrint, PrintsAFileAndTheServerGetsItWhole) {
     EXPECT_EQ(job.data, Slurp(job_));
 }
 
-TEST_F(KvtmonPrint, AJobThatCannotGoOutSaysWhyWithTheLastError) {
-    kvtps::LprFaults faults;
-    faults.nakAtStep = 2;
-    StartServer(faults);
-    ProgramRun run = Kvtmon({"PS9-P1", job_, "--server", "127.0.0.9", "--protocol", "2"});
-    EXPECT_NE(run.status, 0);
-    EXPECT_NE(run.err.find("1117 (ERROR_IO_DEVICE)"), std::string::npos) << run.err;
-}
-
 TEST_F(KvtmonPrint, NonsenseOnTheCommandLineIsRefusedClearly) {
-    struct Case {
+    const struct {
         std::vector<std::string> args;
+        int status;
         std::string message;
-    };
-    std::vector<Case> cases = {
-        {{"PS9-P1", job_, "--job-id", "seven"}, "--job-id takes a number"},
-        {{"PS9-P1", job_, "--job-id", "0"}, "--job-id takes a number"},
-        {{"PS9-P1", job_, "--protocol", "3"}, "--protocol takes 0, 1, 2 or 4"},
-        {{"PS9-P1", job_, "--server", "999.1.1.1"}, "not an IPv4 address"},
-        {{"PS9-X1", job_, "--server", "127.0.0.9"}, "is not a port name"},
-        {{"PS9-P1", dir_ + "/missing.prn"}, "cannot read"},
-        {{"PS9-P1", job_, "--frobnicate"}, "unknown option"},
-        {{"PS9-P1", job_, "--document"}, "needs a value"},
-        {{"PS9-P1"}, "usage"},
+    } cases[] = {
+        {{"PS9-P1", job_, "--job-id", "seven"}, 2, "--job-id takes a number"},
+        {{"PS9-P1", job_, "--job-id", "0"}, 2, "--job-id takes a number"},
+        {{"PS9-P1", job_, "--protocol", "3"}, 2, "--protocol takes 0, 1, 2 or 4"},
+        {{"PS9-P1", job_, "--server", "999.1.1.1"}, 2, "not an IPv4 address"},
+        {{"PS9-X1", job_, "--server", "127.0.0.9"}, 2, "is not a port name"},
+        {{"PS9-P1", dir_ + "/missing.prn"}, 2, "cannot read"},
+        {{"PS9-P1", job_, "--frobnicate"}, 2, "unknown option"},
+        {{"PS9-P1", job_, "--document"}, 2, "needs a value"},
+        {{"PS9-P1"}, 2, "usage"},
+        {{"Nowhere-P1", job_}, 3, "no port 'Nowhere-P1'"},
     };
     for (const auto &c : cases) {
-        ProgramRun run = Kvtmon(c.args);
-        EXPECT_EQ(run.status, 2) << c.message;
-        EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+        KvtmonRun run = Print(c.args);
+        EXPECT_EQ(run.status, c.status) << c.message;
+        EXPECT_TRUE(kvttest::Holds(run.err, c.message));
     }
 }
 
-// A port on IPX prints while the host offers IPX, and fails once init has
-// taken IPX away.
+// A port on IPX or NetBIOS prints while the host offers them, and fails with
+// the monitor's last error once init has taken IPX away.
 TEST_F(KvtmonPrint, AJobGoesByIpxOrNetbiosWhileInitOffersThem) {
     StartServer();
-    ProgramRun run = Kvtmon({"PS9-P2", job_, "--server", "127.0.0.9", "--protocol", "1"});
+    KvtmonRun run = Print({"PS9-P2", job_, "--server", "127.0.0.9", "--protocol", "1"});
     ASSERT_EQ(run.status, 0) << run.err;
     std::vector<kvtps::IpxJob> jobs = emulator_.IpxJobs("PS9");
     ASSERT_EQ(jobs.size(), 1u);
     EXPECT_EQ(jobs[0].port, 2);
     EXPECT_EQ(jobs[0].data, Slurp(job_));
     EXPECT_EQ(emulator_.Counters("PS9").connectionsAccepted, 0u);
-    run = Kvtmon({"PS9-P3", job_, "--server", "127.0.0.9", "--protocol", "4"});
+    run = Print({"PS9-P3", job_, "--server", "127.0.0.9", "--protocol", "4"});
     ASSERT_EQ(run.status, 0) << run.err;
     std::vector<kvtps::ChannelJob> nbJobs = emulator_.NetbiosJobs("PS9");
     ASSERT_EQ(nbJobs.size(), 1u);
     EXPECT_TRUE(nbJobs[0].port == 3 && nbJobs[0].data == Slurp(job_));
 
-    ProgramRun init = Command({"init", "--transports", "tcpip"});
+    KvtmonRun init = Kvtmon({"init", "--transports", "tcpip"});
     ASSERT_EQ(init.status, 0) << init.err;
-    EXPECT_NE(init.out.find(": TCP/IP offered"), std::string::npos) << init.out;
-    run = Kvtmon({"PS9-P2", job_});
+    EXPECT_TRUE(kvttest::Holds(init.out, ": TCP/IP offered"));
+    run = Print({"PS9-P2", job_});
     EXPECT_EQ(run.status, 3);
-    EXPECT_NE(run.err.find("1117 (ERROR_IO_DEVICE)"), std::string::npos) << run.err;
+    EXPECT_TRUE(kvttest::Holds(run.err, "1117 (ERROR_IO_DEVICE)"));
     EXPECT_EQ(emulator_.IpxJobs("PS9").size(), 1u);
-    for (const char *list : {"tcpip,appletalk", ""}) EXPECT_EQ(Command({"init", "--transports", list}).status, 2);
+    for (const char *list : {"tcpip,appletalk", ""}) EXPECT_EQ(Kvtmon({"init", "--transports", list}).status, 2);
 }
-
-TEST_F(KvtmonPrint, AnUnknownPortIsNamed) {
-    ProgramRun run = Kvtmon({"Nowhere-P1", job_});
-    EXPECT_EQ(run.status, 3);
-    EXPECT_NE(run.err.find("no port 'Nowhere-P1'"), std::string::npos) << run.err;
-}
-
-}  // namespace
-
-namespace {
 
 TEST_F(KvtmonPrint, PortsListsWhatTheTreeHoldsAndDeleteRemovesIt) {
     StartServer();
-    ASSERT_EQ(Kvtmon({"PS9-P2", job_, "--server", "127.0.0.9", "--queue", "fast", "--protocol", "2"}).status, 0);
-    ProgramRun ports = Command({"ports", "--json"});
+    ASSERT_EQ(Print({"PS9-P2", job_, "--server", "127.0.0.9", "--queue", "fast", "--protocol", "2"}).status, 0);
+    KvtmonRun ports = Kvtmon({"ports", "--json"});
     ASSERT_EQ(ports.status, 0) << ports.err;
-    EXPECT_NE(ports.out.find("{\"port\": \"PS9-P2\", \"description\": \"PrintServer Network Port\", \"transport\": "
-                             "\"TCP/IP\", \"protocol\": 2, \"queue\": \"fast\", \"address\": \"127.0.0.9\""),
-              std::string::npos)
-        << ports.out;
-    ProgramRun table = Command({"ports"});
-    EXPECT_NE(table.out.find("PS9-P2"), std::string::npos);
+    EXPECT_TRUE(kvttest::Holds(ports.out, "{\"port\": \"PS9-P2\", \"description\": \"PrintServer Network Port\", "
+                                          "\"transport\": \"TCP/IP\", \"protocol\": 2, \"queue\": \"fast\", "
+                                          "\"address\": \"127.0.0.9\""));
+    EXPECT_TRUE(kvttest::Holds(Kvtmon({"ports"}).out, "PS9-P2"));
 
-    ProgramRun deleted = Command({"delete", "ps9-p2"});
+    KvtmonRun deleted = Kvtmon({"delete", "ps9-p2"});
     EXPECT_EQ(deleted.status, 0) << deleted.err;
-    EXPECT_EQ(Command({"ports"}).out, "no ports\n");
-    ProgramRun again = Command({"delete", "PS9-P2"});
+    EXPECT_EQ(Kvtmon({"ports"}).out, "no ports\n");
+    KvtmonRun again = Kvtmon({"delete", "PS9-P2"});
     EXPECT_EQ(again.status, 3);
-    EXPECT_NE(again.err.find("no port 'PS9-P2'"), std::string::npos);
+    EXPECT_TRUE(kvttest::Holds(again.err, "no port 'PS9-P2'"));
 }
 
 TEST_F(KvtmonPrint, TheLogShowsTheLastStartUpsLines) {
     StartServer();
-    ASSERT_EQ(Kvtmon({"PS9-P1", job_, "--server", "127.0.0.9", "--debug"}).status, 0);
-    ProgramRun log = Command({"log"});
+    ASSERT_EQ(Print({"PS9-P1", job_, "--server", "127.0.0.9", "--debug"}).status, 0);
+    KvtmonRun log = Kvtmon({"log"});
     ASSERT_EQ(log.status, 0) << log.err;
     EXPECT_EQ(log.out.rfind("OS type : Windows NT/2000\n", 0), 0u);
-    EXPECT_NE(log.out.find("Leave LocalmonStartDocPort - success"), std::string::npos);
+    EXPECT_TRUE(kvttest::Holds(log.out, "Leave LocalmonStartDocPort - success"));
 }
 
 TEST_F(KvtmonPrint, AMissingPrefixOrAnUnreadableHiveIsNamed) {
@@ -170,16 +127,16 @@ TEST_F(KvtmonPrint, AMissingPrefixOrAnUnreadableHiveIsNamed) {
     std::ofstream(hive, std::ios::binary) << before;
     for (std::vector<std::string> args : {std::vector<std::string>{"ports"}, {"delete", "PS9-P1"},
                                           {"print", "PS9-P1", job_}}) {
-        ProgramRun run = Command(args);
+        KvtmonRun run = Kvtmon(args);
         EXPECT_EQ(run.status, 2) << args[0];
-        EXPECT_NE(run.err.find("cannot be read"), std::string::npos) << run.err;
+        EXPECT_TRUE(kvttest::Holds(run.err, "cannot be read")) << args[0];
     }
     EXPECT_EQ(Slurp(hive), before) << "a hive that can't be read is never written over";
 
     std::filesystem::remove_all(dir_ + "/prefix");
-    ProgramRun run = Command({"ports"});
+    KvtmonRun run = Kvtmon({"ports"});
     EXPECT_EQ(run.status, 2);
-    EXPECT_NE(run.err.find("kvtmon init"), std::string::npos) << run.err;
+    EXPECT_TRUE(kvttest::Holds(run.err, "kvtmon init"));
 }
 
 }  // namespace

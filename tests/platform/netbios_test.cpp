@@ -1,11 +1,9 @@
 // The platform's NetBIOS on its own: the datagram packets of RFC 1002 byte for
-// byte, the codes of the commands, receives that complete, are cancelled or
-// end with a reset, and the names of two processes on one host.
+// byte, the codes of the commands, and receives that complete, are cancelled or
+// end with a reset.  (The names of two processes on one host, each getting what
+// is sent to its own: kvtmon's NetBIOS jobs and searches to kvtps in the test
+// program, in the integration tests.)
 #include <gtest/gtest.h>
-
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "netbios_calls.h"
 
@@ -95,40 +93,6 @@ TEST_F(Netbios0, AResetDropsNamesAndEndsPendingReceives) {
     EXPECT_EQ(kvthost::NetbiosPendingReceives(), 0u);
     EXPECT_EQ(Send(a, "ALPHA", "x"), NRC_ILLNN) << "the name number is stale";
     EXPECT_NE(Add("ALPHA"), a) << "a new number";
-}
-
-// Each process keeps what is sent to its own names.  The other process is this
-// program started afresh (a fork of a process whose NetBIOS thread runs could
-// inherit a lock held by it); it waits for its datagram without the no-wait
-// bit, while this process sends until it ends.
-const char kChildVariable[] = "KVT_NETBIOS_TEST_CHILD";
-
-[[maybe_unused]] const int kChildRun = [] {
-    if (!getenv(kChildVariable)) return 0;
-    NCB onB{};
-    UCHAR bb[16];
-    const UCHAR b = Call(NCBRESET) == NRC_GOODRET ? Add("BETA") : 0;
-    _exit(b && Call(NCBDGRECV, 0, b, "", bb, sizeof bb, &onB) == 0 && Text(bb, onB.ncb_length) == "to beta" ? 0 : 1);
-}();
-
-TEST_F(Netbios0, TwoProcessesOnOneHostHoldTheirOwnNames) {
-    NCB onA;
-    UCHAR ba[16];
-    Arm(onA, a, ba, sizeof ba);
-    pid_t child = fork();
-    if (child == 0) {
-        setenv(kChildVariable, "1", 1);
-        execl("/proc/self/exe", "netbios-child", static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    int status = -1;
-    for (int i = 0; i < 1500 && waitpid(child, &status, WNOHANG) == 0; ++i, usleep(10000)) Send(a, "BETA", "to beta");
-    if (status == -1 && kill(child, SIGKILL) == 0) waitpid(child, nullptr, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_EQ(Code(onA), NRC_PENDING) << "nothing for BETA came here";
-    EXPECT_EQ(Send(a, "ALPHA", "to alpha"), NRC_GOODRET);
-    ASSERT_TRUE(Soon([&] { return Code(onA) != NRC_PENDING; }));
-    EXPECT_EQ(Text(ba, onA.ncb_length), "to alpha");
 }
 
 }  // namespace

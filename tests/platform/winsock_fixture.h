@@ -4,8 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
 
 #include <winsock2.h>
+
+// The last error after a call that failed (SOCKET_ERROR, INVALID_SOCKET); 0
+// after one that did not.
+template <typename T>
+int ErrorOf(T result) {
+    return static_cast<long long>(result) == -1 ? WSAGetLastError() : 0;
+}
 
 class WinsockTest : public testing::Test {
 protected:
@@ -15,6 +23,7 @@ protected:
     }
     void TearDown() override { WSACleanup(); }
 
+public:
     static SOCKADDR_IN Address(const char *ip, u_short port) {
         SOCKADDR_IN a;
         std::memset(&a, 0, sizeof a);
@@ -42,4 +51,21 @@ protected:
         u_long on = 1;
         ASSERT_EQ(ioctlsocket(s, FIONBIO, &on), 0);
     }
+    // select on s alone in the sets named of "rwe" (read, write, exception),
+    // for that many seconds (below 0: no time-out): what it returned, then
+    // each set that holds s afterwards ("1 e").
+    static std::string Ready(SOCKET s, const std::string &sets, LONG seconds) {
+        fd_set set[3];
+        fd_set *given[3] = {};
+        for (int i = 0; i < 3; ++i) {
+            FD_ZERO(&set[i]);
+            if (sets.find("rwe"[i]) != std::string::npos) FD_SET(s, given[i] = &set[i]);
+        }
+        timeval wait = {seconds, 0};
+        std::string result = std::to_string(select(0, given[0], given[1], given[2], seconds < 0 ? nullptr : &wait));
+        for (int i = 0; i < 3; ++i)
+            if (given[i] != nullptr && given[i]->fd_count != 0) result += std::string(" ") + "rwe"[i];
+        return result;
+    }
+    static bool Readable(SOCKET s, LONG seconds) { return Ready(s, "r", seconds) == "1 r"; }
 };

@@ -9,38 +9,21 @@ namespace {
 
 using WinsockTcp = WinsockTest;
 
-timeval Seconds(LONG s) { return timeval{s, 0}; }
-
 TEST_F(WinsockTcp, RefusedNonBlockingConnectEndsInTheExceptionSet) {
     SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
     NonBlocking(s);
-    ASSERT_EQ(Connect(s, "127.0.0.2", 9), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
-
-    fd_set writable, failed;
-    FD_ZERO(&writable);
-    FD_ZERO(&failed);
-    FD_SET(s, &writable);
-    FD_SET(s, &failed);
-    timeval wait = Seconds(10);
-    EXPECT_EQ(select(0, nullptr, &writable, &failed, &wait), 1);
-    EXPECT_TRUE(FD_ISSET(s, &failed));
-    EXPECT_EQ(writable.fd_count, 0u);
-
+    ASSERT_EQ(ErrorOf(Connect(s, "127.0.0.2", 9)), WSAEWOULDBLOCK);
+    EXPECT_EQ(Ready(s, "we", 10), "1 e");
     int error = 0, length = sizeof error;
     ASSERT_EQ(getsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char *>(&error), &length), 0);
     EXPECT_EQ(error, WSAECONNREFUSED);
     ASSERT_EQ(getsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char *>(&error), &length), 0);
     EXPECT_EQ(error, 0) << "reading SO_ERROR clears it";
-    EXPECT_EQ(send(s, "x", 1, 0), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAENOTCONN);
+    EXPECT_EQ(ErrorOf(send(s, "x", 1, 0)), WSAENOTCONN);
 
     // A failed attempt may be followed by another on the same socket.
-    ASSERT_EQ(Connect(s, "127.0.0.2", 9), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
-    FD_ZERO(&failed);
-    FD_SET(s, &failed);
-    EXPECT_EQ(select(0, nullptr, nullptr, &failed, &wait), 1);
+    ASSERT_EQ(ErrorOf(Connect(s, "127.0.0.2", 9)), WSAEWOULDBLOCK);
+    EXPECT_EQ(Ready(s, "e", 10), "1 e");
     closesocket(s);
 }
 
@@ -51,20 +34,9 @@ TEST_F(WinsockTcp, AcceptedNonBlockingConnectEndsInTheWriteSet) {
     SOCKADDR_IN from = Address("127.0.0.5", 0);
     ASSERT_EQ(bind(s, reinterpret_cast<SOCKADDR *>(&from), sizeof from), 0);
     NonBlocking(s);
-    ASSERT_EQ(Connect(s, "127.0.0.3", 515), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
-
-    fd_set writable, failed;
-    FD_ZERO(&writable);
-    FD_ZERO(&failed);
-    FD_SET(s, &writable);
-    FD_SET(s, &failed);
-    timeval wait = Seconds(10);
-    EXPECT_EQ(select(0, nullptr, &writable, &failed, &wait), 1);
-    EXPECT_TRUE(FD_ISSET(s, &writable));
-    EXPECT_EQ(failed.fd_count, 0u);
-    EXPECT_EQ(Connect(s, "127.0.0.3", 515), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEISCONN);
+    ASSERT_EQ(ErrorOf(Connect(s, "127.0.0.3", 515)), WSAEWOULDBLOCK);
+    EXPECT_EQ(Ready(s, "we", 10), "1 w");
+    EXPECT_EQ(ErrorOf(Connect(s, "127.0.0.3", 515)), WSAEISCONN);
 
     std::string client;
     int conn = peer::Accept(listener, 5000, &client);
@@ -77,13 +49,9 @@ TEST_F(WinsockTcp, AcceptedNonBlockingConnectEndsInTheWriteSet) {
 
     // Nothing to read yet: a non-blocking recv would block.
     char buffer[16];
-    EXPECT_EQ(recv(s, buffer, sizeof buffer, 0), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
+    EXPECT_EQ(ErrorOf(recv(s, buffer, sizeof buffer, 0)), WSAEWOULDBLOCK);
     peer::Send(conn, "\0", 1);
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(s, &readable);
-    EXPECT_EQ(select(0, &readable, nullptr, nullptr, &wait), 1);
+    EXPECT_TRUE(Readable(s, 10));
     u_long pending = 0;
     EXPECT_EQ(ioctlsocket(s, FIONREAD, &pending), 0);
     EXPECT_EQ(pending, 1u);
@@ -91,7 +59,7 @@ TEST_F(WinsockTcp, AcceptedNonBlockingConnectEndsInTheWriteSet) {
     // The peer's orderly close reads as 0.
     peer::Close(conn);
     EXPECT_EQ(recv(s, buffer, sizeof buffer, 0), 1);
-    EXPECT_EQ(select(0, &readable, nullptr, nullptr, &wait), 1);
+    EXPECT_TRUE(Readable(s, 10));
     EXPECT_EQ(recv(s, buffer, sizeof buffer, 0), 0);
     closesocket(s);
     peer::Close(listener);
@@ -99,58 +67,49 @@ TEST_F(WinsockTcp, AcceptedNonBlockingConnectEndsInTheWriteSet) {
 
 TEST_F(WinsockTcp, BlockingConnectRefusedAndBadDestinations) {
     SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(Connect(s, "127.0.0.2", 9), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAECONNREFUSED);
-    EXPECT_EQ(Connect(s, "0.0.0.0", 515), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEADDRNOTAVAIL);
+    EXPECT_EQ(ErrorOf(Connect(s, "127.0.0.2", 9)), WSAECONNREFUSED);
+    EXPECT_EQ(ErrorOf(Connect(s, "0.0.0.0", 515)), WSAEADDRNOTAVAIL);
     SOCKADDR_IN a = Address("127.0.0.2", 9);
-    EXPECT_EQ(connect(s, reinterpret_cast<SOCKADDR *>(&a), 8), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
+    EXPECT_EQ(ErrorOf(connect(s, reinterpret_cast<SOCKADDR *>(&a), 8)), WSAEFAULT);
     closesocket(s);
 }
 
-TEST_F(WinsockTcp, ResetConnectionKeepsReportingTheReset) {
-    int listener = peer::Listen("127.0.0.2", 515);
-    ASSERT_GE(listener, 0);
-    SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(Connect(s, "127.0.0.2", 515), 0) << WSAGetLastError();
+// s connected to a listener of the far end at ip:515: the far end's socket, -1 when none.
+int Connected(SOCKET s, const char *ip) {
+    int listener = peer::Listen(ip, 515);
+    EXPECT_EQ(WinsockTest::Connect(s, ip, 515), 0) << WSAGetLastError();
     int conn = peer::Accept(listener, 5000);
+    peer::Close(listener);
+    return conn;
+}
+
+TEST_F(WinsockTcp, ResetConnectionKeepsReportingTheReset) {
+    SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+    int conn = Connected(s, "127.0.0.2");
     ASSERT_GE(conn, 0);
     peer::Abort(conn);
     char buffer[4];
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(recv(s, buffer, sizeof buffer, 0), SOCKET_ERROR);
-        EXPECT_EQ(WSAGetLastError(), WSAECONNRESET);
+        EXPECT_EQ(ErrorOf(recv(s, buffer, sizeof buffer, 0)), WSAECONNRESET);
     }
-    EXPECT_EQ(send(s, "x", 1, 0), SOCKET_ERROR) << "and never raises SIGPIPE";
-    EXPECT_EQ(WSAGetLastError(), WSAECONNRESET);
+    EXPECT_EQ(ErrorOf(send(s, "x", 1, 0)), WSAECONNRESET) << "and never raises SIGPIPE";
     closesocket(s);
-    peer::Close(listener);
 }
 
 TEST_F(WinsockTcp, SendToAPeerThatDoesNotReadWouldBlock) {
-    int listener = peer::Listen("127.0.0.2", 515);
-    ASSERT_GE(listener, 0);
     SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
     int small = 4096;
     ASSERT_EQ(setsockopt(s, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<char *>(&small), sizeof small), 0);
-    ASSERT_EQ(Connect(s, "127.0.0.2", 515), 0);
-    int conn = peer::Accept(listener, 5000);
+    int conn = Connected(s, "127.0.0.2");
+    ASSERT_GE(conn, 0);
     NonBlocking(s);
     static char chunk[65536];
     int result = 0, sends = 0;
     while (sends < 10000 && (result = send(s, chunk, sizeof chunk, 0)) > 0) ++sends;
-    EXPECT_EQ(result, SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
-    fd_set writable;
-    FD_ZERO(&writable);
-    FD_SET(s, &writable);
-    timeval now = {0, 0};
-    EXPECT_EQ(select(0, nullptr, &writable, nullptr, &now), 0);
-    EXPECT_EQ(writable.fd_count, 0u);
+    EXPECT_EQ(ErrorOf(result), WSAEWOULDBLOCK);
+    EXPECT_EQ(Ready(s, "w", 0), "0");
     closesocket(s);
     peer::Close(conn);
-    peer::Close(listener);
 }
 
 TEST_F(WinsockTcp, ClosingASocketEndsAReceiveBlockedInAnotherThread) {
@@ -166,8 +125,7 @@ TEST_F(WinsockTcp, ClosingASocketEndsAReceiveBlockedInAnotherThread) {
     reader.join();
     EXPECT_EQ(result, SOCKET_ERROR);
     EXPECT_EQ(error, WSAEINTR);
-    EXPECT_EQ(closesocket(s), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
+    EXPECT_EQ(ErrorOf(closesocket(s)), WSAENOTSOCK);
 }
 
 }  // namespace

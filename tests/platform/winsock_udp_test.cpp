@@ -9,19 +9,11 @@ namespace {
 
 using WinsockUdp = WinsockTest;
 
-bool Readable(SOCKET s, LONG seconds) {
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(s, &set);
-    timeval wait = {seconds, 0};
-    return select(0, &set, nullptr, nullptr, &wait) == 1;
-}
-
 TEST_F(WinsockUdp, BroadcastReachesASocketBoundToAnyAddress) {
     SOCKET receiver = Udp("0.0.0.0", 7201);
     SOCKET sender = Udp("0.0.0.0", 7202);
-    EXPECT_EQ(SendTo(sender, "255.255.255.255", 7201, "who"), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEACCES) << "broadcast needs SO_BROADCAST";
+    EXPECT_EQ(ErrorOf(SendTo(sender, "255.255.255.255", 7201, "who")), WSAEACCES)
+        << "broadcast needs SO_BROADCAST";
     BOOL on = TRUE;
     ASSERT_EQ(setsockopt(sender, SOL_SOCKET, SO_BROADCAST, reinterpret_cast<char *>(&on), sizeof on), 0);
     ASSERT_EQ(SendTo(sender, "255.255.255.255", 7201, "who"), 3);
@@ -43,8 +35,7 @@ TEST_F(WinsockUdp, LongDatagramIsTruncatedWithAnError) {
     ASSERT_EQ(SendTo(s, "127.0.0.2", 7211, "0123456789abcdef"), 16);
     ASSERT_TRUE(Readable(s, 5));
     char buffer[8];
-    EXPECT_EQ(recv(s, buffer, sizeof buffer, 0), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEMSGSIZE);
+    EXPECT_EQ(ErrorOf(recv(s, buffer, sizeof buffer, 0)), WSAEMSGSIZE);
     EXPECT_EQ(std::string(buffer, 8), "01234567");
     EXPECT_FALSE(Readable(s, 0)) << "the rest of the datagram is gone";
 }
@@ -56,19 +47,16 @@ TEST_F(WinsockUdp, DatagramToAClosedPortFailsTheNextReceive) {
     char buffer[8];
     SOCKADDR_IN from;
     int fromLength = sizeof from;
-    EXPECT_EQ(recvfrom(s, buffer, sizeof buffer, 0, reinterpret_cast<SOCKADDR *>(&from), &fromLength),
-              SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAECONNRESET);
+    EXPECT_EQ(ErrorOf(recvfrom(s, buffer, sizeof buffer, 0, reinterpret_cast<SOCKADDR *>(&from), &fromLength)),
+              WSAECONNRESET);
     EXPECT_FALSE(Readable(s, 0)) << "reported once";
 }
 
 TEST_F(WinsockUdp, ReceiveOnAnUnboundSocketIsInvalid) {
     SOCKET s = socket(AF_INET, SOCK_DGRAM, 0);
     char buffer[8];
-    EXPECT_EQ(recv(s, buffer, sizeof buffer, 0), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEINVAL);
-    EXPECT_EQ(SendTo(s, "0.0.0.0", 7231, "x"), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEADDRNOTAVAIL);
+    EXPECT_EQ(ErrorOf(recv(s, buffer, sizeof buffer, 0)), WSAEINVAL);
+    EXPECT_EQ(ErrorOf(SendTo(s, "0.0.0.0", 7231, "x")), WSAEADDRNOTAVAIL);
 }
 
 // ---- IPX ------------------------------------------------------------------------
@@ -97,15 +85,16 @@ int IpxSend(SOCKET s, const SOCKADDR_IPX &to, const char *text) {
 std::string IpxReceive(SOCKET s, SOCKADDR_IPX *from, int room = 64) {
     std::string buffer(static_cast<size_t>(room), '\0');
     int fromLength = sizeof *from;
-    int n = Readable(s, 5) ? recvfrom(s, buffer.data(), room, 0, reinterpret_cast<SOCKADDR *>(from), &fromLength) : 0;
+    if (!WinsockTest::Readable(s, 5)) return "";
+    int n = recvfrom(s, buffer.data(), room, 0, reinterpret_cast<SOCKADDR *>(from), &fromLength);
     return n < 0 ? "error " + std::to_string(WSAGetLastError()) : buffer.substr(0, static_cast<size_t>(n));
 }
 
 TEST_F(WinsockIpx, NodesAreHostsSocketsArePortsAboveHex8000AndNothingElseArrives) {
     SOCKET server = IpxSocket(kPs1, 0x3434), listener = IpxSocket(kAnyNode, 0x3535);
     SOCKET client = IpxSocket(kAnyNode, 0);  // a dynamic socket number
-    EXPECT_EQ(IpxSend(client, Ipx("\xff\xff\xff\xff\xff\xff", 0x3535), "who"), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEACCES) << "broadcast needs SO_BROADCAST";
+    EXPECT_EQ(ErrorOf(IpxSend(client, Ipx("\xff\xff\xff\xff\xff\xff", 0x3535), "who")), WSAEACCES)
+        << "broadcast needs SO_BROADCAST";
     BOOL on = TRUE;
     ASSERT_EQ(setsockopt(client, SOL_SOCKET, SO_BROADCAST, reinterpret_cast<char *>(&on), sizeof on), 0);
     ASSERT_EQ(IpxSend(client, Ipx("\xff\xff\xff\xff\xff\xff", 0x3535), "who"), 3);
@@ -128,11 +117,10 @@ TEST_F(WinsockIpx, NodesAreHostsSocketsArePortsAboveHex8000AndNothingElseArrives
     NonBlocking(server);
     EXPECT_EQ(IpxReceive(server, &from, 8), "error " + std::to_string(WSAEWOULDBLOCK));
     EXPECT_EQ(IpxSend(client, Ipx(kForeign, 0x3131), "lost"), 4);
-    EXPECT_EQ(IpxSend(client, Ipx(kPs1, 0x3131, 1), "far"), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAENETUNREACH);
+    EXPECT_EQ(ErrorOf(IpxSend(client, Ipx(kPs1, 0x3131, 1), "far")), WSAENETUNREACH);
     SOCKADDR_IPX foreign = Ipx(kForeign, 0x3232);
-    EXPECT_EQ(bind(socket(AF_IPX, SOCK_DGRAM, NSPROTO_IPX), reinterpret_cast<SOCKADDR *>(&foreign), 14), SOCKET_ERROR);
-    EXPECT_EQ(WSAGetLastError(), WSAEADDRNOTAVAIL);
+    SOCKET other = socket(AF_IPX, SOCK_DGRAM, NSPROTO_IPX);
+    EXPECT_EQ(ErrorOf(bind(other, reinterpret_cast<SOCKADDR *>(&foreign), 14)), WSAEADDRNOTAVAIL);
 }
 
 }  // namespace

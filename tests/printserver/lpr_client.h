@@ -1,4 +1,5 @@
-// A plain LPR client for the emulator's tests, on the private network's loopback.
+// What the emulator's tests share: its servers, the steps of a job, and a plain
+// LPR client on the private network's loopback.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,6 +17,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "kvtps.h"
+
 namespace kvtps_test {
 
 constexpr int kPatienceMs = 10000;  // only a broken server makes a test wait this long
@@ -31,6 +34,14 @@ inline std::vector<std::string> JobSteps(const std::string &queue = "lp") {
     std::string q = "\x02", cf = Raw("\x02Hguest\nJreport\nNreport\nHpc1\n\x00"), c = "\x02";
     return {q.append(queue).append("\n"), c.append("29 cfA007pc1\n"), cf,
             "\x03" "2147483647 dfA007pc1\n"};
+}
+
+inline kvtps::ServerConfig Server(const std::string &name, const std::string &address, uint16_t lprPort = 515) {
+    kvtps::ServerConfig config;
+    config.name = name;
+    config.address = address;
+    config.lprPort = lprPort;
+    return config;
 }
 
 inline std::string Pattern(size_t size, uint32_t seed = 1) {
@@ -88,6 +99,15 @@ public:
 private:
     int fd_ = -1;
 };
+
+// A client's whole exchange: steps each acked, then tail, then the close.
+inline void SendJob(const std::vector<std::string> &steps, const std::string &tail = "",
+                    const std::string &address = "127.0.0.2", uint16_t port = 515) {
+    LprClient client;
+    ASSERT_EQ(client.Connect(address, port), 0);
+    client.SendSteps(steps);
+    ASSERT_TRUE(client.Send(tail));
+}
 
 inline bool Eventually(const std::function<bool()> &condition) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);

@@ -1,5 +1,7 @@
 // The LPR exchange as a well-behaved server answers it: what it stores, byte for
-// byte, however the client cuts its sends, and how it ends a bad exchange.
+// byte, however the client cuts its sends, and how it ends a bad exchange; and
+// the emulator as a whole, starting and stopping.  (Many servers side by side,
+// each keeping its own jobs: the monitor's stress test.)
 #include <gtest/gtest.h>
 
 #include "kvtps.h"
@@ -14,13 +16,10 @@ namespace {
 class LprExchange : public ::testing::Test {
 protected:
     void SetUp() override {
-        ServerConfig pc1, pc2;
-        pc1.name = "pc1";
-        pc2.name = "pc2";
-        pc2.address = "127.0.0.3";
+        ServerConfig pc2 = Server("pc2", "127.0.0.3");
         pc2.storeData = false;
         std::string error;
-        ASSERT_TRUE(emulator.Start({pc1, pc2}, &error)) << error;
+        ASSERT_TRUE(emulator.Start({Server("pc1", "127.0.0.2"), pc2}, &error)) << error;
     }
     LprJob Job(size_t number) {
         EXPECT_TRUE(emulator.WaitForJobs("pc1", number, kPatienceMs));
@@ -33,12 +32,7 @@ protected:
 TEST_F(LprExchange, StoresTheWholeHeaderAndTheDataExactly) {
     const auto steps = JobSteps("LPT1");
     const std::string data = Raw("%!PS\r\n\x00\x01\xff") + Pattern(5000);
-    LprClient client;
-    ASSERT_EQ(client.Connect("127.0.0.2"), 0);
-    client.SendSteps(steps);
-    ASSERT_TRUE(client.Send(data));
-    client.Close();
-
+    SendJob(steps, data);
     LprJob job = Job(1);
     EXPECT_EQ(job.header, Join(steps));
     EXPECT_EQ(job.data, data);
@@ -94,23 +88,9 @@ TEST_F(LprExchange, AcceptsOneByteSendsAndTheWholeJobInOneSend) {
     }
 }
 
-TEST_F(LprExchange, AnEmptyQueueNameIsStillAJob) {
-    LprClient client;  // the monitor sends "\x02\n" when a port's queue name is empty
-    ASSERT_EQ(client.Connect("127.0.0.2"), 0);
-    client.SendSteps(JobSteps(""));
-    client.Close();
-    LprJob job = Job(1);
-    EXPECT_EQ(job.queue, "");
-    EXPECT_TRUE(job.complete);
-}
-
 TEST_F(LprExchange, CountOnlyServerKeepsTheChecksumOfAMegabyte) {
     const std::string data = Pattern(1 << 20, 7);
-    LprClient client;
-    ASSERT_EQ(client.Connect("127.0.0.3"), 0);
-    client.SendSteps(JobSteps());
-    ASSERT_TRUE(client.Send(data));
-    client.Close();
+    SendJob(JobSteps(), data, "127.0.0.3");
     ASSERT_TRUE(emulator.WaitForJobs("pc2", 1, kPatienceMs));
     LprJob job = emulator.Jobs("pc2")[0];
     EXPECT_TRUE(job.data.empty());
@@ -122,19 +102,13 @@ TEST_F(LprExchange, CountOnlyServerKeepsTheChecksumOfAMegabyte) {
 TEST_F(LprExchange, ClientThatBreaksOffLeavesAJobThatSaysWhere) {
     const auto steps = JobSteps();
     for (size_t acked = 1; acked <= 3; ++acked) {
-        LprClient client;
-        ASSERT_EQ(client.Connect("127.0.0.2"), 0);
-        client.SendSteps({steps.begin(), steps.begin() + acked});
-        ASSERT_TRUE(client.Send(steps[acked].substr(0, 3)));  // half a step, then gone
-        client.Close();
+        SendJob({steps.begin(), steps.begin() + acked}, steps[acked].substr(0, 3));  // half a step, then gone
         LprJob job = Job(acked);
         EXPECT_EQ(job.outcome, LprOutcome::ClientClosed);
         EXPECT_EQ(job.step, static_cast<int>(acked) + 1);
         EXPECT_EQ(job.header, Join({steps.begin(), steps.begin() + acked}));
     }
-    LprClient idle;  // a connection without a byte is counted, not stored
-    ASSERT_EQ(idle.Connect("127.0.0.2"), 0);
-    idle.Close();
+    SendJob({});  // a connection without a byte is counted, not stored
     EXPECT_TRUE(Eventually([&] { return emulator.Counters("pc1").emptyConnections == 1; }));
     EXPECT_EQ(emulator.JobCount("pc1"), 3u);
 }
@@ -198,11 +172,7 @@ TEST_F(LprExchange, TakesOtherClientsReceiveJobsBesideTheMonitors) {
     };
     for (size_t i = 0; i < std::size(rows); ++i) {
         SCOPED_TRACE("row " + std::to_string(i));
-        LprClient client;
-        ASSERT_EQ(client.Connect("127.0.0.2"), 0);
-        client.SendSteps(rows[i].acked);
-        ASSERT_TRUE(client.Send(rows[i].tail));
-        client.Close();
+        SendJob(rows[i].acked, rows[i].tail);
         LprJob job = Job(i + 1);
         EXPECT_EQ(job.outcome, rows[i].outcome);
         EXPECT_EQ(job.error, rows[i].error);
@@ -210,6 +180,78 @@ TEST_F(LprExchange, TakesOtherClientsReceiveJobsBesideTheMonitors) {
         EXPECT_EQ(job.data, rows[i].data);
     }
     EXPECT_NE(DescribeJob(Job(4)).find(", 2 data files \"dfA007pc1\" \"dfB007pc1\", 8 data bytes"), std::string::npos);
+}
+
+// ---- the emulator as a whole: starting and stopping, and the reasons it refuses to start ----
+
+TEST(Emulator, StartFailsClearlyAndLeavesNothingRunning) {
+    Emulator first, second;
+    std::string error;
+    ASSERT_TRUE(first.Start({Server("pc1", "127.0.0.2")}, &error)) << error;
+    EXPECT_FALSE(second.Start({Server("pc5", "127.0.0.5"), Server("pc2", "127.0.0.2")}, &error));
+    EXPECT_EQ(error, "server pc2: cannot listen on 127.0.0.2:515: Address already in use");
+    EXPECT_FALSE(second.Running());
+    LprClient client;  // pc5, bound before pc2 failed, was let go again
+    EXPECT_EQ(client.Connect("127.0.0.5"), ECONNREFUSED);
+
+    EXPECT_FALSE(second.Start({Server("pc5", "127.0.0.5"), Server("pc5", "127.0.0.6")}, &error));
+    EXPECT_EQ(error, "server pc5 is configured twice");
+    EXPECT_FALSE(second.Start({Server("pc5", "127.0.0.256")}, &error));
+    EXPECT_EQ(error, "server pc5: bad IPv4 address '127.0.0.256'");
+    EXPECT_FALSE(first.Start({Server("pc9", "127.0.0.9")}, &error));
+    EXPECT_EQ(error, "the emulator is already running");
+    ASSERT_EQ(client.Connect("127.0.0.2"), 0);  // the first never noticed
+    client.SendSteps(JobSteps());
+}
+
+TEST(Emulator, StopEndsOpenConnectionsAndKeepsWhatTheyBrought) {
+    Emulator emulator;
+    std::string error;
+    ASSERT_TRUE(emulator.Start({Server("pc1", "127.0.0.2")}, &error)) << error;
+    LprClient client, idle;
+    ASSERT_EQ(client.Connect("127.0.0.2"), 0);
+    ASSERT_EQ(idle.Connect("127.0.0.2"), 0);
+    client.SendSteps(JobSteps());
+    ASSERT_TRUE(client.Send("half a job"));
+    const size_t expected = Join(JobSteps()).size() + 10;
+    ASSERT_TRUE(Eventually([&] {
+        LprCounters c = emulator.Counters("pc1");
+        return c.bytesReceived == expected && c.connectionsAccepted == 2;
+    }));
+
+    emulator.Stop();
+    EXPECT_EQ(client.Answer(), LprClient::kClosed);
+    EXPECT_EQ(idle.Answer(), LprClient::kClosed);
+    auto jobs = emulator.Jobs("pc1");
+    ASSERT_EQ(jobs.size(), 1u);
+    EXPECT_EQ(jobs[0].outcome, LprOutcome::Stopped);
+    EXPECT_EQ(jobs[0].step, 5);
+    EXPECT_EQ(jobs[0].data, "half a job");
+    LprCounters c = emulator.Counters("pc1");
+    EXPECT_EQ(c.connectionsOpen, 0u);
+    EXPECT_EQ(c.emptyConnections, 1u);
+    EXPECT_EQ(client.Connect("127.0.0.2"), ECONNREFUSED);
+}
+
+TEST(Emulator, StartsAndStopsAgainAndAgain) {
+    Emulator emulator;
+    std::vector<std::string> seen;
+    emulator.SetJobObserver([&](const LprJob &job) { seen.push_back(job.queue); });
+    for (int round = 0; round < 20; ++round) {
+        // Port 515, or in some rounds any free port, which a refuse and back keeps.
+        const bool anyPort = round % 5 == 4;
+        std::string error;
+        ASSERT_TRUE(emulator.Start({Server("pc1", "127.0.0.2", anyPort ? 0 : 515)}, &error)) << error;
+        const uint16_t port = emulator.LprPort("pc1");
+        ASSERT_TRUE(!anyPort || (emulator.SetLprFaults("pc1", LprFaults{.refuse = true}) &&
+                                 emulator.SetLprFaults("pc1", {})));
+        SendJob(JobSteps(std::to_string(round)), "", "127.0.0.2", port);
+        ASSERT_TRUE(emulator.WaitForJobs("pc1", 1, kPatienceMs));
+        emulator.Stop();
+        EXPECT_EQ(emulator.JobCount("pc1"), 1u);  // each run starts empty
+    }
+    ASSERT_EQ(seen.size(), 20u);
+    EXPECT_EQ(seen.back(), "19");
 }
 
 }  // namespace

@@ -26,20 +26,25 @@ struct TempDir {
     fs::path path;
 };
 
+// The LPR, IPX and management knobs, on the line and in the file.
 TEST(ProgramOptions, ServersFromLineAndFileWithTheirKnobsInAnyOrder) {
     TempDir dir;
     std::ofstream(dir.path / "kvtps.conf") << "# one server\n"
                                               "[pc2]\n"
                                               "  address = 127.0.0.3   # its own\n"
                                               "store = no\n"
-                                              "nak = 3:0x7f\n";
+                                              "nak = 3:0x7f\n"
+                                              "queue = 2:raw P2\nanswer = search,status\nmove = 127.0.0.9,1500\n";
     ProgramOptions o;
     std::string error;
     ASSERT_TRUE(ParseCommandLine({"--slow", "pc2=256", "--server", "pc1@127.0.0.2",
                                   std::string("--config=").append((dir.path / "kvtps.conf").string()),
                                   "--close-before-ack=pc1=2,3", "--refuse", "pc1", "--spool", "/s",
                                   "--quiet", "--ipx-busy", "pc1=3", "--ipx-reply-node", "pc1=00-00-7f-00-00-09",
-                                  "--ipx-faults-on", "pc1=data,hangup", "--no-ipx", "pc2"},
+                                  "--ipx-faults-on", "pc1=data,hangup", "--no-ipx", "pc2", "--device-name",
+                                  "pc1=Front office", "--node", "pc1=00-40-26-00-00-0a", "--model", "pc1=0x83",
+                                  "--type", "pc1=0", "--mgmt-silent", "pc2", "--reply-node", "pc1=00-40-26-00-00-0b",
+                                  "--faults-on", "pc1=eeprom", "--cut-replies", "pc1=66"},
                                  &o, &error)) << error;
     ASSERT_EQ(o.servers.size(), 2u);
     const ServerConfig &a = o.servers[0], &b = o.servers[1];
@@ -50,12 +55,25 @@ TEST(ProgramOptions, ServersFromLineAndFileWithTheirKnobsInAnyOrder) {
     EXPECT_EQ(a.ipxFaults.replyNode, (NodeId{0, 0, 0x7f, 0, 0, 9}));
     EXPECT_EQ(a.ipxFaults.faultReplies, kIpxReplyData | kIpxReplyHangup);
     EXPECT_TRUE(a.ipx);
+    EXPECT_EQ(a.deviceName, "Front office");
+    EXPECT_EQ(a.node, (NodeId{0x00, 0x40, 0x26, 0x00, 0x00, 0x0a}));
+    EXPECT_EQ(a.model, 0x83);
+    EXPECT_EQ(a.type, 0);
+    EXPECT_TRUE(a.mgmt.foreignNode);
+    EXPECT_EQ(a.mgmt.replyNode, (NodeId{0x00, 0x40, 0x26, 0x00, 0x00, 0x0b}));
+    EXPECT_EQ(a.mgmt.faultCommands, kAnswerReadEeprom);
+    EXPECT_EQ(a.mgmt.cutReplyTo, 66u);
     EXPECT_FALSE(b.ipx);
     EXPECT_EQ(b.address, "127.0.0.3");
     EXPECT_FALSE(b.storeData);
     EXPECT_EQ(b.lpr.nakAtStep, 3);
     EXPECT_EQ(b.lpr.nakByte, 0x7f);
     EXPECT_EQ(b.lpr.readChunk, 256u);
+    EXPECT_EQ(b.queueTexts[1], "raw P2");
+    EXPECT_EQ(b.mgmt.answers, kAnswerSearch | kAnswerStatus);
+    EXPECT_TRUE(b.mgmt.silent);
+    EXPECT_EQ(b.moveAddress, "127.0.0.9");
+    EXPECT_EQ(b.moveAfterMs, 1500);
     EXPECT_EQ(o.spoolDir, "/s");
     EXPECT_TRUE(o.quiet);
 }
@@ -74,6 +92,10 @@ TEST(ProgramOptions, BadInputIsNamedNeverGuessed) {
         {{"--server", "pc1@127.0.0.2", "--ipx-reply-node", "pc1=00-40-26-00-00-01"},
          "--ipx-reply-node: ipx-reply-node wants 00-00-a-b-c-d, not '00-40-26-00-00-01'"},
         {{"--config", "/nonexistent"}, "cannot read /nonexistent: No such file or directory"},
+        {{"--server", "pc1@127.0.0.2", "--answer", "pc1=search,print"},
+         "--answer: answer wants a list of search, eeprom, queues, status, not 'search,print'"},
+        {{"--server", "pc1@127.0.0.2", "--queue", "pc1=4:x"},
+         "--queue: queue wants K:TEXT with K 1-3 and at most 63 bytes, not '4:x'"},
     };
     for (const auto &c : cases) {
         ProgramOptions o;
