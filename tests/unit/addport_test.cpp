@@ -9,7 +9,7 @@
 #include <set>
 
 #include "admin.h"
-#include "discovery_fixture.h"
+#include "fixture.h"
 #include "kvthost.h"
 #include "kvtps.h"
 #include "monitor.h"
@@ -109,7 +109,6 @@ struct AddPort : ::testing::Test {
         host.reset();
         host = std::make_unique<TestHost>(o);
         InitializePrintMonitor(nullptr);
-        ClearTable();
         person = std::make_shared<Person>();
         kvthost::SetUiDriver([p = person](HWND w, int ms) { (*p)(w, ms); });
     }

@@ -8,7 +8,7 @@
 #include <memory>
 #include <thread>
 
-#include "discovery_fixture.h"
+#include "fixture.h"
 #include "kvthost.h"
 #include "monitor.h"
 #include "monitor_host.h"
@@ -86,7 +86,6 @@ protected:
     void SetUp() override {
         host = std::make_unique<TestHost>();
         InitializePrintMonitor(nullptr);
-        ClearTable();
     }
     // Writes the bytes as KVTLIST.BIN and reads it as the add-port flow does.
     int ReadFileOf(const Bytes &bytes) {

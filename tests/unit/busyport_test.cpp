@@ -8,7 +8,7 @@
 #include <cstring>
 #include <thread>
 
-#include "job_fixture.h"
+#include "fixture.h"
 
 namespace {
 

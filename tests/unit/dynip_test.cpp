@@ -5,9 +5,8 @@
 
 #include <algorithm>
 
-#include "discovery_fixture.h"
+#include "fixture.h"
 #include "dynip.h"
-#include "job_fixture.h"
 #include "transport.h"
 
 using namespace kvttest;

@@ -6,9 +6,8 @@
 
 #include "channel.h"
 #include "discovery.h"
-#include "discovery_fixture.h"
+#include "fixture.h"
 #include "ipx.h"
-#include "job_fixture.h"
 
 namespace {
 
@@ -237,7 +236,6 @@ TEST_F(IpxJob, TheSearchListsEachNameOnceFromItsSendersNode) {
     c.ipxFaults.replyNode = kvtps::NodeId{0, 0, 0x7F, 0, 0, 9};
     std::string error;
     ASSERT_TRUE(emulator.Start({a, b, c}, &error)) << error;
-    kvttest::ClearTable();
     for (auto &record : AvailPS) record.ModelType = 0x42;
     EXPECT_TRUE(IPXSearch(3, 1));
     ASSERT_EQ(TotalPrintServer, 2);

@@ -3,7 +3,7 @@
 // the job with its notice.
 #include <gtest/gtest.h>
 
-#include "job_fixture.h"
+#include "fixture.h"
 #include "transport.h"
 
 namespace {

@@ -9,7 +9,7 @@
 
 #include "debuglog.h"
 #include "expected_log.h"
-#include "job_fixture.h"
+#include "fixture.h"
 
 namespace {
 

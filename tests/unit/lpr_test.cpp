@@ -3,7 +3,7 @@
 // refusals, and the job's deletion while connecting.
 #include <gtest/gtest.h>
 
-#include "job_fixture.h"
+#include "fixture.h"
 #include "lpr.h"
 #include "transport.h"
 

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "job_fixture.h"
+#include "fixture.h"
 #include "portstore.h"
 
 extern const kvthost::ResourceTable kvt_module_resources;

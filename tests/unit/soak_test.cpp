@@ -17,8 +17,7 @@
 
 #include <malloc.h>
 
-#include "discovery_fixture.h"
-#include "job_fixture.h"
+#include "fixture.h"
 #include "nbstartup.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <fstream>
 
-#include "job_fixture.h"
+#include "fixture.h"
 #include "portstore.h"
 
 namespace {

@@ -13,8 +13,7 @@
 #include <thread>
 
 #include "discovery.h"
-#include "discovery_fixture.h"
-#include "job_fixture.h"
+#include "fixture.h"
 #include "nbstartup.h"
 #include "admin.h"
 

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "discovery.h"
-#include "discovery_fixture.h"
+#include "fixture.h"
 #include "kvtps.h"
 #include "monitor.h"
 #include "monitor_host.h"
@@ -27,7 +27,6 @@ protected:
         host.reset();  // the old host puts the clock and the globals back when it goes
         host = std::make_unique<TestHost>(options);
         InitializePrintMonitor(nullptr);
-        ClearTable();
     }
     void SetUp() override { StartHost(); }
     void TearDown() override {
