@@ -2,11 +2,14 @@
 
 #include <stdlib.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
+#include "availps.h"
 #include "debuglog.h"
 #include "kvthost.h"
 #include "kvtnetbios.h"
@@ -14,22 +17,6 @@
 #include "nbstartup.h"
 
 namespace kvttest {
-
-namespace {
-
-void SetValue(HKEY key, const char16_t *name, DWORD type, const void *data, DWORD size) {
-    RegSetValueExW(key, name, 0, type, static_cast<const BYTE *>(data), size);
-}
-
-HKEY Create(const std::u16string &path) {
-    HKEY key = nullptr;
-    RegCreateKeyW(HKEY_LOCAL_MACHINE, path.c_str(), &key);
-    return key;
-}
-
-const std::u16string kMonitorKey = u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port";
-
-}  // namespace
 
 TestHost::TestHost(const HostOptions &o) {
     char dir[] = "/tmp/kvt-test-XXXXXX";
@@ -50,21 +37,14 @@ TestHost::TestHost(const HostOptions &o) {
     kvthost::SetNetbiosLanas({});
     kvthost::SetNetbiosHook(nullptr);
     kvthost::SetTimeScale(o.timeScale);
-    if (o.tcpip) {
-        HKEY key = Create(u"SYSTEM\\CurrentControlSet\\Services\\Tcpip");
-        std::u16string image = u"\\SystemRoot\\System32\\drivers\\tcpip.sys";
-        SetValue(key, u"ImagePath", REG_EXPAND_SZ, image.c_str(), static_cast<DWORD>((image.size() + 1) * 2));
-        RegCloseKey(key);
-    }
-    if (o.ipx) RegCloseKey(Create(u"SYSTEM\\CurrentControlSet\\Services\\NwlnkIpx"));
-    if (o.netbios) RegCloseKey(Create(u"SYSTEM\\CurrentControlSet\\Services\\Nbf"));
-    if (o.monitorKey) {
-        HKEY key = Create(kMonitorKey);
-        BYTE debug = o.debug ? 1 : 0, notify = static_cast<BYTE>(o.notify);
-        SetValue(key, u"IsDEBUG", REG_BINARY, &debug, 1);
-        SetValue(key, u"IsNOTIFY", REG_BINARY, &notify, 1);
-        RegCloseKey(key);
-    }
+    const std::u16string services = u"SYSTEM\\CurrentControlSet\\Services\\";
+    const std::u16string image = u"\\SystemRoot\\System32\\drivers\\tcpip.sys";
+    if (o.tcpip) SetValue(services + u"Tcpip", u"ImagePath", REG_EXPAND_SZ, image.c_str(), (image.size() + 1) * 2);
+    if (o.ipx) SetValue(services + u"NwlnkIpx", nullptr, 0, nullptr, 0);
+    if (o.netbios) SetValue(services + u"Nbf", nullptr, 0, nullptr, 0);
+    const BYTE debug = o.debug ? 1 : 0, notify = static_cast<BYTE>(o.notify);
+    if (o.monitorKey) SetValue(kMonitorKey, u"IsDEBUG", REG_BINARY, &debug, 1);
+    if (o.monitorKey) SetValue(kMonitorKey, u"IsNOTIFY", REG_BINARY, &notify, 1);
     ResetMonitor();
 }
 
@@ -81,20 +61,14 @@ TestHost::~TestHost() {
 
 void MakePortKeys(const std::u16string &server, char16_t digitKey, uint32_t address, uint8_t protocol,
                   const char16_t *queue) {
-    std::u16string serverPath = kMonitorKey + u"\\Ports\\" + server;
-    HKEY s = Create(serverPath);
-    BYTE zero[6] = {};
-    SetValue(s, u"IP    ", REG_BINARY, &address, 4);
-    SetValue(s, u"Network", REG_BINARY, zero, 4);
-    SetValue(s, u"Node Address", REG_BINARY, zero, 6);
-    RegCloseKey(s);
-    HKEY d = Create(serverPath + u"\\" + digitKey);
-    SetValue(d, u" ", REG_BINARY, &protocol, 1);
-    if (queue != nullptr) {
-        std::u16string q = queue;
-        SetValue(d, u"QueueName", REG_SZ, q.c_str(), static_cast<DWORD>((q.size() + 1) * 2));
-    }
-    RegCloseKey(d);
+    const std::u16string path = kPortsKey + u"\\" + server;
+    const BYTE zero[6] = {};
+    SetValue(path, u"IP    ", REG_BINARY, &address, 4);
+    SetValue(path, u"Network", REG_BINARY, zero, 4);
+    SetValue(path, u"Node Address", REG_BINARY, zero, 6);
+    SetValue(path + u"\\" + digitKey, u" ", REG_BINARY, &protocol, 1);
+    if (queue != nullptr)
+        SetValue(path + u"\\" + digitKey, u"QueueName", REG_SZ, queue, (std::u16string(queue).size() + 1) * 2);
 }
 
 void ResetMonitor() {
@@ -111,6 +85,40 @@ void ResetMonitor() {
     IsDEBUG = 0;
     ProfileFound = 0;
     VendorDesc[0] = DeviceDesc[0] = MonitorName[0] = 0;
+    std::memset(AvailPS, 0, sizeof AvailPS);
+    TotalPrintServer = 0;
+}
+
+std::vector<std::string> PortNames() {
+    std::vector<std::string> names;
+    for (PINIPORT p = PortListHead; p != nullptr; p = p->pNext) names.push_back(kvthost::Narrow(p->pName));
+    return names;
+}
+
+bool KeyExists(const std::u16string &path) {
+    HKEY key;
+    if (RegOpenKeyW(HKEY_LOCAL_MACHINE, path.c_str(), &key) != ERROR_SUCCESS) return false;
+    RegCloseKey(key);
+    return true;
+}
+
+std::optional<std::vector<BYTE>> Value(const std::u16string &path, const char16_t *name, DWORD *type) {
+    HKEY key;
+    if (RegOpenKeyW(HKEY_LOCAL_MACHINE, path.c_str(), &key) != ERROR_SUCCESS) return std::nullopt;
+    std::vector<BYTE> data(1024);
+    DWORD cb = static_cast<DWORD>(data.size());
+    const LONG status = RegQueryValueExW(key, name, nullptr, type, data.data(), &cb);
+    RegCloseKey(key);
+    if (status != ERROR_SUCCESS) return std::nullopt;
+    data.resize(cb);
+    return data;
+}
+
+void SetValue(const std::u16string &path, const char16_t *name, DWORD type, const void *data, size_t size) {
+    HKEY key = nullptr;
+    RegCreateKeyW(HKEY_LOCAL_MACHINE, path.c_str(), &key);
+    if (name != nullptr) RegSetValueExW(key, name, 0, type, static_cast<const BYTE *>(data), static_cast<DWORD>(size));
+    RegCloseKey(key);
 }
 
 std::string ReadLog() {
@@ -123,10 +131,14 @@ std::string ReadLog() {
 std::vector<std::string> LogLines() {
     std::vector<std::string> lines;
     std::stringstream s(ReadLog());
-    std::string line;
-    while (std::getline(s, line))
+    for (std::string line; std::getline(s, line);)
         if (!line.empty()) lines.push_back(line);
     return lines;
+}
+
+std::string LastLogLine() {
+    const std::vector<std::string> lines = LogLines();
+    return lines.empty() ? "" : lines.back();
 }
 
 std::vector<std::string> LogLinesStartingWith(const std::string &prefix) {
@@ -134,6 +146,13 @@ std::vector<std::string> LogLinesStartingWith(const std::string &prefix) {
     for (const auto &l : LogLines())
         if (l.rfind(prefix, 0) == 0) out.push_back(l);
     return out;
+}
+
+size_t LogCount(const std::string &prefix) { return LogLinesStartingWith(prefix).size(); }
+
+bool Eventually(const std::function<bool()> &done) {
+    for (int i = 0; i < 500 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return done();
 }
 
 }  // namespace kvttest

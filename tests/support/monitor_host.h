@@ -6,6 +6,8 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,17 +30,39 @@ public:
     std::string prefix;
 };
 
+// The monitor's key, and the port tree below it.
+inline const std::u16string kMonitorKey =
+    u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port";
+inline const std::u16string kPortsKey = kMonitorKey + u"\\Ports";
+
 // Keys of a port: the server key with its address (host order) and the digit
 // key with its protocol; queue == nullptr stores no queue name.
 void MakePortKeys(const std::u16string &server, char16_t digitKey, uint32_t address, uint8_t protocol,
                   const char16_t *queue);
-// Frees every port record and zeroes the globals, as before a first start.
+// Frees every port record and zeroes the globals and the table of print
+// servers found, as before a first start.
 void ResetMonitor();
+// The port list's names, in its order.
+std::vector<std::string> PortNames();
+
+// The registry below HKEY_LOCAL_MACHINE: whether a key is there, a value's
+// bytes (none when it can't be read) and type, and a value stored, its key
+// made (name nullptr: the key alone).
+bool KeyExists(const std::u16string &path);
+std::optional<std::vector<BYTE>> Value(const std::u16string &path, const char16_t *name, DWORD *type = nullptr);
+void SetValue(const std::u16string &path, const char16_t *name, DWORD type, const void *data, size_t size);
+
 // Lines of <system folder>\KVTLOG as written (each text, then its line feed).
 std::string ReadLog();
-// The non-empty lines of the log, in order.
+// The non-empty lines of the log, in order, and the last of them ("" for none).
 std::vector<std::string> LogLines();
-// The log lines that start with the given prefix, in order.
+std::string LastLogLine();
+// The log lines that start with the given prefix, in order, and how many.
 std::vector<std::string> LogLinesStartingWith(const std::string &prefix);
+size_t LogCount(const std::string &prefix);
+
+// Polls until done() holds or five seconds have passed: what the monitor sent
+// last may still be on its way.
+bool Eventually(const std::function<bool()> &done);
 
 }  // namespace kvttest

@@ -9,19 +9,13 @@
 #include <set>
 
 #include "admin.h"
-#include "discovery_fixture.h"
-#include "kvthost.h"
-#include "kvtps.h"
-#include "monitor.h"
-#include "monitor_host.h"
+#include "fixture.h"
 
 using namespace kvttest;
 
 namespace {
 
-std::string HandOver(const char16_t *name) {
-    return kvthost::MapPath(std::u16string(u"C:\\Windows\\SysWOW64\\") + name);
-}
+std::string HandOver(const char16_t *f) { return kvthost::MapPath(u"C:\\Windows\\SysWOW64\\" + std::u16string(f)); }
 bool Lies(const char16_t *name) { return std::ifstream(HandOver(name)).good(); }
 
 const Bytes kIp2{127, 0, 0, 2};
@@ -102,24 +96,17 @@ Act Pick(const std::string &prefix, int lpt = 1, Act more = nullptr) {
     };
 }
 
-struct AddPort : ::testing::Test {
+struct AddPort : MonitorTest {
     void Start(bool tcpip, bool ipx, bool netbios) {
-        HostOptions o;
-        o.tcpip = tcpip, o.ipx = ipx, o.netbios = netbios, o.timeScale = 0.05;
-        host.reset();
-        host = std::make_unique<TestHost>(o);
-        InitializePrintMonitor(nullptr);
-        ClearTable();
+        StartHost({.tcpip = tcpip, .ipx = ipx, .netbios = netbios, .timeScale = 0.05});
         person = std::make_shared<Person>();
         kvthost::SetUiDriver([p = person](HWND w, int ms) { (*p)(w, ms); });
     }
-    void Lay(const char16_t *name, const Bytes &bytes) {
-        std::ofstream(HandOver(name), std::ios::binary) << bytes;
-    }
+    void Lay(const char16_t *name, const Bytes &bytes) { std::ofstream(HandOver(name), std::ios::binary) << bytes; }
     void StartServers() {
         auto server = [](const char *name, const char *address, uint8_t model, uint8_t type) {
-            kvtps::ServerConfig c;
-            c.name = name, c.address = address, c.model = model, c.type = type, c.queueTexts = {"qa P1", "qb P2", "qc P3"};
+            kvtps::ServerConfig c = Server(name, address);
+            c.model = model, c.type = type, c.queueTexts = {"qa P1", "qb P2", "qc P3"};
             return c;
         };
         std::vector<kvtps::ServerConfig> s = {server("PS1", "127.0.0.2", 1, 4), server("PS3", "127.0.0.3", 3, 0),
@@ -129,21 +116,13 @@ struct AddPort : ::testing::Test {
         s[3].eepromAddress = "0.0.0.0";
         s[4].psConfig = 0;
         s[6].autoProtocol = 0;
-        std::string error;
-        ASSERT_TRUE(emulator.Start(s, &error)) << error;
+        MonitorTest::StartServers(s);
     }
     BOOL Add() {
         SetLastError(0);
         return LocalmonAddPort(nullptr, nullptr, nullptr);
     }
-    void TearDown() override {
-        kvthost::SetUiDriver(nullptr);
-        emulator.Stop();
-        host.reset();
-    }
-    std::unique_ptr<TestHost> host;
     std::shared_ptr<Person> person;
-    kvtps::Emulator emulator;
 };
 
 TEST_F(AddPort, EachWayEndsAsTheSpoolerIsToldAndConsumesItsFile) {
@@ -199,8 +178,8 @@ TEST_F(AddPort, EachWayEndsAsTheSpoolerIsToldAndConsumesItsFile) {
     Lay(u"KVTJLPR", "");
     person->act = [](HWND w, const kvthost::WindowView &) { kvthost::Click(w, IDC_CONTINUE); };
     Add();
-    EXPECT_EQ(LogLinesStartingWith("bStartup = FALSE").size(), 2u);
-    EXPECT_EQ(LogLinesStartingWith("Leave LocalmonAddPort - System already").size(), 0u);
+    EXPECT_EQ(LogCount("bStartup = FALSE"), 2u);
+    EXPECT_EQ(LogCount("Leave LocalmonAddPort - System already"), 0u);
 }
 
 TEST_F(AddPort, AnExistingPortOfAnyCaseStaysAsItIsAndASecondAddWaits) {

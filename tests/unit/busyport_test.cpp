@@ -8,7 +8,7 @@
 #include <cstring>
 #include <thread>
 
-#include "job_fixture.h"
+#include "fixture.h"
 
 namespace {
 
@@ -16,13 +16,7 @@ LPWSTR PortName() { return const_cast<LPWSTR>(u"ps1-p1"); }
 
 // Three connects closed before the first acknowledgement, then one that goes
 // through: the LPR transport puts Status to 0 in each pause between them.
-kvtps::LprFaults Faults(int closeBeforeAck, int nakAtStep) {
-    kvtps::LprFaults faults;
-    faults.closeBeforeAck = closeBeforeAck;
-    faults.closeBeforeAckCount = 3;
-    faults.nakAtStep = nakAtStep;
-    return faults;
-}
+const kvtps::LprFaults kClosedThrice = {.closeBeforeAck = 1, .closeBeforeAckCount = 3}, kNak = {.nakAtStep = 1};
 
 class BusyPort : public JobTest {};
 
@@ -31,7 +25,7 @@ class BusyPort : public JobTest {};
 // record, and the job end before and after the pause that follows the close.
 TEST_F(BusyPort, EveryMomentOfTheJobRefusesTheDelete) {
     PINIPORT port = StartPort();
-    StartServer(Faults(1, 0));
+    StartServer(kClosedThrice);
     std::vector<std::string> refused;
     kvthost::SetSpoolerHook([&](const char *function, DWORD, int) {
         SetLastError(kSentinel);
@@ -49,6 +43,7 @@ TEST_F(BusyPort, EveryMomentOfTheJobRefusesTheDelete) {
                                                  "SetPrinterW", "SetJobW", "ClosePrinter"}));
     ASSERT_TRUE(emulator.WaitForJobs("PS1", 1, 10000));
     EXPECT_EQ(emulator.Jobs("PS1").back().data, "the job goes on");
+    EXPECT_EQ(emulator.Counters("PS1").connectionsAccepted, 4u) << "three closed, and none for the second job";
     EXPECT_TRUE(LocalmonDeletePort(nullptr, nullptr, PortName())) << "the job has ended";
 }
 
@@ -61,11 +56,9 @@ class DeletesOnSeveralThreads : public JobTest, public ::testing::WithParamInter
 // address sanitizer a record freed under the job is a report of its own.
 TEST_P(DeletesOnSeveralThreads, NoDeleteGoesThroughBeforeTheJobLetsGo) {
     const bool delivered = GetParam();
-    kvttest::HostOptions options;
-    options.netbios = true;  // an automatic port falls over from TCP/IP
-    options.debug = false;   // four threads at the log would only show boxes
-    PINIPORT port = StartPort(options);
-    StartServer(delivered ? Faults(1, 0) : Faults(0, 1), delivered);
+    // An automatic port falls over from TCP/IP; four threads at the log would only show boxes.
+    PINIPORT port = StartPort({.netbios = true, .debug = false});
+    StartServer(delivered ? kClosedThrice : kNak, delivered);
     std::atomic<bool> released{false}, stop{false};
     std::atomic<int> deleted{0}, early{0};
     std::vector<std::thread> deleters;

@@ -3,59 +3,42 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <memory>
 
 #include "admin.h"
-#include "kvthost.h"
-#include "monitor.h"
-#include "monitor_host.h"
+#include "fixture.h"
 
 namespace {
 
-const std::u16string kMonitorKey = u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port";
-const std::u16string kDigitKey = kMonitorKey + u"\\Ports\\PS1\\1";
+using kvttest::kMonitorKey;
+const std::u16string kDigitKey = kvttest::kPortsKey + u"\\PS1\\1";
 
 // The port's protocol, its queue name and IsNOTIFY as "TYPE:VALUE", "-" for none.
 std::string Stored() {
     std::string stored;
     for (auto [key, name] : {std::pair{&kDigitKey, u" "}, {&kDigitKey, u"QueueName"}, {&kMonitorKey, u"IsNOTIFY"}}) {
-        HKEY k = nullptr;
-        char16_t data[64] = {};
-        DWORD cb = sizeof data - 2, type = 0;
-        bool found = RegOpenKeyW(HKEY_LOCAL_MACHINE, key->c_str(), &k) == ERROR_SUCCESS &&
-                     RegQueryValueExW(k, name, nullptr, &type, reinterpret_cast<BYTE *>(data), &cb) == ERROR_SUCCESS;
-        RegCloseKey(k);
-        bool text = type == REG_SZ || type == REG_EXPAND_SZ;
-        stored += !found ? "- " : std::to_string(type) + ":" + (text ? kvthost::Narrow(data) : std::to_string(data[0] & 0xFF)) + " ";
+        DWORD type = 0;
+        const std::optional<std::vector<BYTE>> v = kvttest::Value(*key, name, &type);
+        const std::u16string text(reinterpret_cast<const char16_t *>(v ? v->data() : nullptr), v ? v->size() / 2 : 0);
+        stored += !v ? "- " : std::to_string(type) + ":" + (type == REG_SZ || type == REG_EXPAND_SZ
+                                                                ? kvthost::Narrow(text.c_str())
+                                                                : std::to_string(v->empty() ? 0 : (*v)[0])) + " ";
     }
     return stored;
 }
 
-void Write(const std::u16string &key, const char16_t *name, DWORD type, const void *data, size_t cb) {
-    HKEY k;
-    RegCreateKeyW(HKEY_LOCAL_MACHINE, key.c_str(), &k);
-    RegSetValueExW(k, name, 0, type, static_cast<const BYTE *>(data), static_cast<DWORD>(cb));
-    RegCloseKey(k);
-}
-
-struct Configure : ::testing::Test {
+struct Configure : MonitorTest {
     // A host with TCP/IP (and IPX and NetBIOS when all) and the port PS1-P1
     // with its protocol, queue name and IsNOTIFY (-1: none), stored in other
     // types than the monitor's own, so that a rewrite shows.
     void Start(bool all, bool tcpip, BYTE protocol, const char16_t *queue, int notify) {
-        kvttest::HostOptions options;
-        options.ipx = options.netbios = all;
-        options.tcpip = tcpip;
-        options.monitorKey = false;  // so that start-up writes no IsNOTIFY
-        host.reset();
-        host = std::make_unique<kvttest::TestHost>(options);
-        InitializePrintMonitor(nullptr);
+        // No monitor key, so that start-up writes no IsNOTIFY.
+        StartHost({.tcpip = tcpip, .ipx = all, .netbios = all, .monitorKey = false});
         IsDEBUG = 1;
         CreateMonitorPortEntry(u"PS1-P1", MonitorName, 0x7F000002, nullptr, nullptr, '1');
         kvttest::MakePortKeys(u"PS1", u'1', 0x7F000002, protocol, nullptr);
-        Write(kDigitKey, u" ", REG_NONE, &protocol, 1);
-        Write(kDigitKey, u"QueueName", REG_EXPAND_SZ, queue, 2 + 2 * std::u16string(queue).size());
-        if (notify >= 0) Write(kMonitorKey, u"IsNOTIFY", REG_NONE, &notify, 1);
+        kvttest::SetValue(kDigitKey, u" ", REG_NONE, &protocol, 1);
+        kvttest::SetValue(kDigitKey, u"QueueName", REG_EXPAND_SZ, queue, 2 + 2 * std::u16string(queue).size());
+        if (notify >= 0) kvttest::SetValue(kMonitorKey, u"IsNOTIFY", REG_NONE, &notify, 1);
         shown.clear();
     }
 
@@ -75,7 +58,6 @@ struct Configure : ::testing::Test {
         return LocalmonConfigurePort(nullptr, nullptr, const_cast<LPWSTR>(port));
     }
 
-    std::unique_ptr<kvttest::TestHost> host;
     std::string shown;
 };
 
@@ -134,7 +116,7 @@ TEST_F(Configure, FailuresStoreNothingThatComesAfterThem) {
         if (c.desktop) EXPECT_FALSE(RunDialog(act, c.port));
         else EXPECT_FALSE(LocalmonConfigurePort(nullptr, nullptr, const_cast<LPWSTR>(c.port)));
         EXPECT_EQ(shown, c.shown);
-        EXPECT_EQ(kvttest::LogLines().back(), "Leave LocalmonConfigurePort - " + c.leave);
+        EXPECT_EQ(kvttest::LastLogLine(), "Leave LocalmonConfigurePort - " + c.leave);
         EXPECT_EQ(Stored(), c.stored);
     }
 }

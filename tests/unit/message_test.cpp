@@ -9,9 +9,7 @@
 #include <thread>
 
 #include "admin.h"
-#include "kvthost.h"
-#include "monitor.h"
-#include "monitor_host.h"
+#include "fixture.h"
 
 namespace {
 
@@ -22,13 +20,10 @@ TEST(MessageBox, TextsComeFromTheTableAndAlwaysEndInALineFeed) {
         UINT caption, text;
         const char16_t *argument;
         std::u16string shown;  // empty: no box
-    } cases[] = {
-        {832, 838, nullptr, u"System already under add port\n"},
-        {832, 801, u"PS1-", u"'PS1-' is an invalid port name.\n"},
-        {832, 801, longName.c_str(), u"'" + longName.substr(0, 1021) + u"\n"},
-        {832, 999, nullptr, u""},
-        {999, 838, nullptr, u""},
-    };
+    } cases[] = {{832, 838, nullptr, u"System already under add port\n"},
+                 {832, 801, u"PS1-", u"'PS1-' is an invalid port name.\n"},
+                 {832, 801, longName.c_str(), u"'" + longName.substr(0, 1021) + u"\n"},
+                 {832, 999, nullptr, u""}, {999, 838, nullptr, u""}};
     for (const auto &c : cases) {
         kvthost::ClearMessageBoxes();
         EXPECT_EQ(ShowMessage(nullptr, MB_ICONSTOP, c.caption, c.text, c.argument), c.shown.empty() ? 0 : IDOK);
@@ -42,12 +37,10 @@ TEST(MessageBox, TextsComeFromTheTableAndAlwaysEndInALineFeed) {
 
 // Each box is left open 40 s of the monitor's time (20 s when system-modal),
 // then answered; the threads that brought each box to the front are kept.
-class OpenBoxes : public ::testing::Test {
+class OpenBoxes : public MonitorTest {
 protected:
     void SetUp() override {
-        kvttest::HostOptions options;
-        options.timeScale = 0.05;  // 40 s in 2 s
-        host = std::make_unique<kvttest::TestHost>(options);
+        StartHost({.timeScale = 0.05});  // 40 s in 2 s
         kvthost::SetUiDriver([this](HWND box, int waitMs) {
             kvthost::WindowView view;
             kvthost::ViewWindow(box, &view);
@@ -61,7 +54,6 @@ protected:
             std::this_thread::sleep_for(std::chrono::milliseconds(waitMs < 0 ? rest : std::min(waitMs, rest)));
         });
     }
-    std::unique_ptr<kvttest::TestHost> host;
     std::mutex mutex;
     std::map<HWND, DWORD> opened;
 };

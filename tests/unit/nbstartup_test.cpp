@@ -6,9 +6,7 @@
 
 #include <memory>
 
-#include "kvthost.h"
-#include "monitor.h"
-#include "monitor_host.h"
+#include "fixture.h"
 #include "nbstartup.h"
 #include "netbios_calls.h"
 
@@ -27,18 +25,15 @@ NetbiosLana Lana(uint8_t number, bool nowhere = false) {
     return {number, number == 0 || number == 4 ? std::optional(adapter) : std::nullopt, nowhere};
 }
 
-class NbStartup : public ::testing::Test {
+class NbStartup : public MonitorTest {
 protected:
     // The monitor over the LANAs, and PS1 at 127.0.0.2.  Where a print server
     // answers, the start-up runs at the monitor's own pace (a time scale of 1):
     // the answer ends it long before its periods would.
     void Start(const std::vector<NetbiosLana> &lanas, const kvtps::NbFaults &server = {}, double timeScale = 1.0) {
-        host = std::make_unique<TestHost>(HostOptions{.netbios = true, .timeScale = timeScale});
-        kvthost::SetNetbiosLanas(lanas);
-        InitializePrintMonitor(nullptr);
+        StartHost({.netbios = true, .timeScale = timeScale}, [&] { kvthost::SetNetbiosLanas(lanas); });
         kvthost::RecordNetbiosCalls(true);
-        std::string error;
-        ASSERT_TRUE(emulator.Start({Ps1(server)}, &error)) << error;
+        StartServers({Ps1(server)});
     }
     // The calls of a command (with or without ASYNCH) on a LANA, or only those sent to a name.
     static std::vector<kvthost::NetbiosCall> Calls(UCHAR command, int lana, const std::string &to = "") {
@@ -47,10 +42,6 @@ protected:
             if ((c.command & ~ASYNCH) == command && c.lana == lana && (to.empty() || kvtnb::NameText(c.callname) == to))
                 out.push_back(c);
         return out;
-    }
-    static std::vector<std::string> LinesFrom(const std::string &first) {
-        std::vector<std::string> lines = LogLines();
-        return std::vector<std::string>(std::find(lines.begin(), lines.end(), first), lines.end());
     }
     // Right before the first query on the LANA goes out, a datagram to Name0
     // from another name, as another station's would come; the query goes on
@@ -73,9 +64,6 @@ protected:
         EXPECT_EQ(Text(t.ncb_name, NCBNAMSZ), name);
         EXPECT_TRUE(t.ncb_lana_num == lana && num != 0 && t.ncb_num == num) << name << " on LANA " << lana;
     }
-
-    std::unique_ptr<TestHost> host;
-    kvtps::Emulator emulator;
 };
 
 // The whole start-up on one LANA with the adapter address 00 1A 2B 3C 4D 5E.
@@ -113,9 +101,12 @@ TEST_P(NbStartupLanas, TheFirstAnswerChoosesTheWorkingLana) {
     if (c.working >= 0) {
         ExpectTemplate(WorkingNcb, kName0, c.working);  // the name of LANA 0's address, wherever it works
         ExpectTemplate(PortNcb3, "001a2b3c4d5e.E3 ", c.working);
-        EXPECT_EQ(LinesFrom("Receive data from Lana[" + std::to_string(c.working) + "]").size(), 5u);
+        const std::vector<std::string> lines = LogLines();
+        const std::string received = "Receive data from Lana[" + std::to_string(c.working) + "]";
+        EXPECT_EQ(lines.end() - std::find(lines.begin(), lines.end(), received), 5);
         if (c.lanas.size() == 1) {
-            EXPECT_EQ(LinesFrom("Entry NBStartup"), kOneLanaLog);
+            EXPECT_EQ(std::vector<std::string>(std::find(lines.begin(), lines.end(), "Entry NBStartup"), lines.end()),
+                      kOneLanaLog);
         }
     } else {
         EXPECT_GE(GetTickCount() - before, static_cast<DWORD>(NB_STARTUP_PERIODS * NB_STARTUP_PERIOD_MS));
@@ -160,8 +151,7 @@ TEST_F(NbStartup, CheckNetbiosStartsOverOnlyOnAStaleNameNumber) {
     Start({Lana(0)});
     ASSERT_TRUE(bStartup = NBStartup());
     const struct { bool resetLana; uint8_t sendCode; const char *line; size_t startups; } cases[] = {
-        {false, 0, "nRet == NRC_GOODRET", 1},
-        {false, NRC_IFBUSY, "nRet != NRC_GOODRET , nRet = 33", 1},
+        {false, 0, "nRet == NRC_GOODRET", 1}, {false, NRC_IFBUSY, "nRet != NRC_GOODRET , nRet = 33", 1},
         {true, 0, "nRet != NRC_GOODRET and nRet == 0x13 , call NBStartup", 2}};
     for (const auto &c : cases) {
         if (c.resetLana) Call(NCBRESET);
@@ -171,7 +161,7 @@ TEST_F(NbStartup, CheckNetbiosStartsOverOnlyOnAStaleNameNumber) {
         CheckNETBIOS();
         const std::vector<std::string> lines = LogLines();
         EXPECT_EQ(*std::find(lines.rbegin(), lines.rend(), "Entry CheckNETBIOS").base(), c.line);
-        EXPECT_EQ(LogLinesStartingWith("Entry NBStartup").size(), c.startups);
+        EXPECT_EQ(LogCount("Entry NBStartup"), c.startups);
         EXPECT_TRUE(lines.back() == "Leave CheckNETBIOS" && bStartup) << c.line;
     }
 }
@@ -194,7 +184,7 @@ TEST_F(NbStartup, AFailedAllocationTouchesNoLana) {
     kvthost::SetGlobalAllocFails(true);
     EXPECT_FALSE(NBStartup());
     kvthost::SetGlobalAllocFails(false);
-    EXPECT_EQ(LogLines().back(), "Leave NBStartup - GlobalAlloc fail");
+    EXPECT_EQ(LastLogLine(), "Leave NBStartup - GlobalAlloc fail");
     EXPECT_TRUE(kvthost::NetbiosCalls().empty()) << "the names of the first start-up stay";
 }
 
@@ -207,7 +197,7 @@ TEST_F(NbStartup, TwoThreadsAtOnceRunOneStartUp) {
     kvthost::SetNetbiosHook([&](const NCB &ncb) -> uint8_t {
         if (ncb.ncb_command == NCBENUM && !second.joinable()) {
             second = std::thread([&] { secondResult = NBStartup(); });
-            EXPECT_TRUE(Soon([] { return LogLinesStartingWith("Entry NBStartup").size() == 2; }));
+            EXPECT_TRUE(Soon([] { return LogCount("Entry NBStartup") == 2; }));
         }
         return NRC_GOODRET;
     });

@@ -8,145 +8,71 @@
 #include <fstream>
 #include <sstream>
 
-#include "job_fixture.h"
+#include "fixture.h"
 #include "portstore.h"
 
 extern const kvthost::ResourceTable kvt_module_resources;
 
 namespace {
 
-using kvttest::TestHost;
-
-const std::u16string kPorts = u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port\\Ports";
-
-bool KeyExists(const std::u16string &below) {
-    HKEY key;
-    if (RegOpenKeyW(HKEY_LOCAL_MACHINE, (kPorts + below).c_str(), &key) != ERROR_SUCCESS) return false;
-    RegCloseKey(key);
-    return true;
-}
-
-std::vector<BYTE> Value(const std::u16string &below, const char16_t *name) {
-    HKEY key;
-    std::vector<BYTE> data(256);
-    DWORD cb = static_cast<DWORD>(data.size());
-    if (RegOpenKeyW(HKEY_LOCAL_MACHINE, (kPorts + below).c_str(), &key) != ERROR_SUCCESS) return {};
-    LONG status = RegQueryValueExW(key, name, nullptr, nullptr, data.data(), &cb);
-    RegCloseKey(key);
-    if (status != ERROR_SUCCESS) return {};
-    data.resize(cb);
-    return data;
-}
+using namespace kvttest;
+using PortTree = MonitorTest;
+using Vec = std::vector<BYTE>;
 
 PortParam Param(const char16_t *server, char lptn, DWORD address, BYTE protocol) {
-    PortParam p;
-    std::memset(&p, 0, sizeof p);
+    PortParam p{{}, address, static_cast<BYTE>(lptn), {0, 0, 0, 0, 0, 9}, {}, protocol, u"q-one", u"q-two", u"q-three"};
     lstrcpyW(p.ServerName, server);
-    p.Lptn = static_cast<BYTE>(lptn);
-    p.IPAddress = address;
-    p.Protocol = protocol;
-    lstrcpyW(p.QueueName1, u"q-one");
-    lstrcpyW(p.QueueName2, u"q-two");
-    lstrcpyW(p.QueueName3, u"q-three");
-    p.NodeID[5] = 9;
     return p;
 }
 
-std::vector<std::string> PortNames() {
-    std::vector<std::string> names;
-    for (PINIPORT p = PortListHead; p != nullptr; p = p->pNext) names.push_back(kvthost::Narrow(p->pName));
-    return names;
-}
-
-TEST(PortTree, FiveSuffixesGoToFiveDigitKeysAndComeBack) {
-    TestHost host;
-    InitializePrintMonitor(nullptr);
+// Digits 1 to 5 are P1 to P3, C1 and C2; a port's delete takes its digit key,
+// and the last port's the server key with it.
+TEST_F(PortTree, FiveSuffixesGoToFiveDigitKeysAndComeBack) {
+    StartHost();
     for (char digit = '1'; digit <= '5'; ++digit) {
         PortParam p = Param(u"Shop", digit, 0xC0A80201, 0);
         CreatePortRegistry(&p);
     }
-    for (char16_t digit = u'1'; digit <= u'5'; ++digit) EXPECT_TRUE(KeyExists(u"\\Shop\\" + std::u16string(1, digit)));
     // Queue names only below the printer ports.
-    EXPECT_EQ(Value(u"\\Shop\\2", u"QueueName").size(), 12u);  // "q-two" and its terminator
-    EXPECT_TRUE(Value(u"\\Shop\\4", u"QueueName").empty());
-    EXPECT_EQ(Value(u"\\Shop\\4", u" "), std::vector<BYTE>{0});
+    EXPECT_EQ(Value(kPortsKey + u"\\Shop\\2", u"QueueName").value_or(Vec()).size(), 12u);  // "q-two" and its terminator
+    EXPECT_FALSE(Value(kPortsKey + u"\\Shop\\4", u"QueueName"));
+    EXPECT_EQ(Value(kPortsKey + u"\\Shop\\4", u" "), Vec{0});
 
-    kvttest::ResetMonitor();
+    ResetMonitor();
     InitializePrintMonitor(nullptr);
     EXPECT_EQ(PortNames(), (std::vector<std::string>{"Shop-P1", "Shop-P2", "Shop-P3", "Shop-C1", "Shop-C2"}));
     EXPECT_EQ(PortListHead->pNext->pNext->pNext->Lptn, '4');
 
     for (const char16_t *name : {u"Shop-C2", u"Shop-P3", u"Shop-C1"}) DeletePortRegistry(name);
-    EXPECT_TRUE(KeyExists(u"\\Shop\\1"));
-    EXPECT_TRUE(KeyExists(u"\\Shop\\2"));
-    EXPECT_FALSE(KeyExists(u"\\Shop\\3"));
-    EXPECT_FALSE(KeyExists(u"\\Shop\\4"));
-    EXPECT_FALSE(KeyExists(u"\\Shop\\5"));
+    for (char16_t digit = u'1'; digit <= u'5'; ++digit)
+        EXPECT_EQ(KeyExists(kPortsKey + u"\\Shop\\" + digit), digit <= u'2') << char(digit);
+    DeletePortRegistry(u"Shop-P1");
+    EXPECT_EQ(Value(kPortsKey + u"\\Shop", u"IP    ").value_or(Vec()).size(), 4u) << "the other port keeps them";
+    DeletePortRegistry(u"Shop-P2");
+    EXPECT_FALSE(KeyExists(kPortsKey + u"\\Shop"));
 }
 
-TEST(PortTree, TheAddressIsStoredLittleEndianUnderNamesWithTheirBlanks) {
-    TestHost host;
-    InitializePrintMonitor(nullptr);
+TEST_F(PortTree, TheAddressIsStoredLittleEndianUnderNamesWithTheirBlanks) {
+    StartHost();
     PortParam p = Param(u"Lab", '1', 0xC0A80201, 2);
     CreatePortRegistry(&p);
-    EXPECT_EQ(Value(u"\\Lab", u"IP    "), (std::vector<BYTE>{0x01, 0x02, 0xA8, 0xC0}));
-    EXPECT_TRUE(Value(u"\\Lab", u"IP").empty()) << "the blanks are part of the name";
-    EXPECT_EQ(Value(u"\\Lab", u"Network"), (std::vector<BYTE>{0, 0, 0, 0}));
-    EXPECT_EQ(Value(u"\\Lab", u"Node Address"), (std::vector<BYTE>{0, 0, 0, 0, 0, 9}));
-    EXPECT_EQ(Value(u"\\Lab\\1", u" "), std::vector<BYTE>{2});
-    std::ifstream hive(kvthost::HivePath());
+    EXPECT_EQ(Value(kPortsKey + u"\\Lab", u"IP    "), (Vec{0x01, 0x02, 0xA8, 0xC0}));
+    EXPECT_FALSE(Value(kPortsKey + u"\\Lab", u"IP")) << "the blanks are part of the name";
+    EXPECT_EQ(Value(kPortsKey + u"\\Lab", u"Network"), (Vec{0, 0, 0, 0}));
+    EXPECT_EQ(Value(kPortsKey + u"\\Lab", u"Node Address"), (Vec{0, 0, 0, 0, 0, 9}));
+    EXPECT_EQ(Value(kPortsKey + u"\\Lab\\1", u" "), Vec{2});
     std::stringstream text;
-    text << hive.rdbuf();
+    text << std::ifstream(kvthost::HivePath()).rdbuf();
     EXPECT_NE(text.str().find("\"IP    \"=hex:01,02,a8,c0"), std::string::npos);
     EXPECT_NE(text.str().find("\" \"=hex:02"), std::string::npos);
 }
 
-TEST(PortTree, TheLastPortTakesTheServerKeyWithIt) {
-    TestHost host;
-    InitializePrintMonitor(nullptr);
-    PortParam one = Param(u"Hall", '1', 0x0A000001, 0), two = Param(u"Hall", '2', 0x0A000001, 0);
-    CreatePortRegistry(&one);
-    CreatePortRegistry(&two);
-    DeletePortRegistry(u"Hall-P1");
-    EXPECT_EQ(Value(u"\\Hall", u"IP    ").size(), 4u) << "the other port keeps the server's values";
-    DeletePortRegistry(u"Hall-P2");
-    EXPECT_FALSE(KeyExists(u"\\Hall"));
-}
-
-TEST(PortTree, DriverIsWrittenOnlyWithoutAProfile) {
-    for (bool profile : {false, true}) {
-        SCOPED_TRACE(profile);
-        TestHost host;
-        if (profile) std::ofstream(kvthost::MapPath(u"C:\\Windows\\KVTLPR.INI")) << "[General Information]\n";
-        InitializePrintMonitor(nullptr);
-        PortParam p = Param(u"Hall", '1', 1, 0);
-        CreatePortRegistry(&p);
-        HKEY key;
-        ASSERT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE,
-                              u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port", &key),
-                  ERROR_SUCCESS);
-        char16_t driver[32] = {};
-        DWORD cb = sizeof driver;
-        LONG status = RegQueryValueExW(key, u"Driver", nullptr, nullptr, reinterpret_cast<BYTE *>(driver), &cb);
-        RegCloseKey(key);
-        if (profile) {
-            EXPECT_EQ(status, ERROR_FILE_NOT_FOUND);
-        } else {
-            ASSERT_EQ(status, ERROR_SUCCESS);
-            EXPECT_EQ(std::u16string(driver), u"KVT64.DLL");
-            EXPECT_EQ(cb, 20u);
-        }
-    }
-}
-
-TEST(PortTree, ASerialPortReadsTheSettingsOfThePrinterPortWithItsDigit) {
-    TestHost host;
-    kvttest::MakePortKeys(u"Desk", u'4', 0x0A000002, 1, nullptr);
-    InitializePrintMonitor(nullptr);
+TEST_F(PortTree, ASerialPortReadsTheSettingsOfThePrinterPortWithItsDigit) {
+    StartHost({}, [] { MakePortKeys(u"Desk", u'4', 0x0A000002, 1, nullptr); });
     EXPECT_EQ(GetPrintProtocol(u"Desk-C1"), 0u) << "no key 1, though key 4 says IPX";
     char queue[QUEUE_NAME_BYTES];
     EXPECT_FALSE(GetPrintQueueName(u"Desk-C1", queue));
-    kvttest::MakePortKeys(u"Desk", u'1', 0x0A000002, 4, u"lpt1");
+    MakePortKeys(u"Desk", u'1', 0x0A000002, 4, u"lpt1");
     EXPECT_EQ(GetPrintProtocol(u"Desk-C1"), 4u);
     std::memset(queue, 'x', sizeof queue);
     ASSERT_TRUE(GetPrintQueueName(u"Desk-C1", queue));
@@ -157,9 +83,8 @@ TEST(PortTree, ASerialPortReadsTheSettingsOfThePrinterPortWithItsDigit) {
 // Each field of PortParam is taken within its own width, terminated or not:
 // here every field is full to its last character, the last queue name up to
 // the end of the block.
-TEST(PortTree, EachFieldIsTakenWithinItsWidth) {
-    TestHost host;
-    InitializePrintMonitor(nullptr);
+TEST_F(PortTree, EachFieldIsTakenWithinItsWidth) {
+    StartHost();
     PortParam p;
     std::memset(&p, 0, sizeof p);
     std::fill(std::begin(p.ServerName), std::end(p.ServerName), u'S');
@@ -169,8 +94,8 @@ TEST(PortTree, EachFieldIsTakenWithinItsWidth) {
     p.Protocol = 4;
     CreatePortRegistry(&p);
     const std::u16string server(47, u'S');
-    std::vector<BYTE> queue = Value(u"\\" + server + u"\\3", u"QueueName");
-    EXPECT_EQ(queue.size(), 64u) << "31 characters and the terminator";
+    // 31 characters and the terminator.
+    EXPECT_EQ(Value(kPortsKey + u"\\" + server + u"\\3", u"QueueName").value_or(Vec()).size(), 64u);
     EXPECT_EQ(GetPrintProtocol((server + u"-P3").c_str()), 4u);
     EXPECT_EQ(std::u16string(QueueNameBuffer), std::u16string(31, u'c'));
 }
@@ -178,13 +103,13 @@ TEST(PortTree, EachFieldIsTakenWithinItsWidth) {
 // The queue name that the last lookup left for the configure dialog: the one
 // stored, none (empty, whatever was there before), or a longer one cut to the
 // buffer.  A name that can't be a port of the tree says so in the log.
-TEST(PortTree, EachLookupLeavesItsQueueNameInTheBuffer) {
-    TestHost host;
+TEST_F(PortTree, EachLookupLeavesItsQueueNameInTheBuffer) {
     const std::u16string longName(40, u'q');
-    kvttest::MakePortKeys(u"PS1", u'1', 1, 2, u"laser");
-    kvttest::MakePortKeys(u"PS1", u'2', 1, 2, nullptr);
-    kvttest::MakePortKeys(u"PS1", u'3', 1, 2, longName.c_str());
-    InitializePrintMonitor(nullptr);
+    StartHost({}, [&] {
+        MakePortKeys(u"PS1", u'1', 1, 2, u"laser");
+        MakePortKeys(u"PS1", u'2', 1, 2, nullptr);
+        MakePortKeys(u"PS1", u'3', 1, 2, longName.c_str());
+    });
     GetPrintProtocol(u"PS1-P1");
     EXPECT_EQ(std::u16string(QueueNameBuffer), u"laser");
     GetPrintProtocol(u"PS1-P2");
@@ -192,78 +117,84 @@ TEST(PortTree, EachLookupLeavesItsQueueNameInTheBuffer) {
     GetPrintProtocol(u"PS1-P3");
     EXPECT_EQ(std::u16string(QueueNameBuffer), longName.substr(0, 31));
     EXPECT_EQ(GetPrintProtocol(u"P1"), 0u);
-    EXPECT_EQ(kvttest::LogLinesStartingWith("Leave GetPrintProtocol - not a port name of the tree").size(), 1u);
+    EXPECT_EQ(LogCount("Leave GetPrintProtocol - not a port name of the tree"), 1u);
 }
 
 // Every name of the tree comes from the string table: with another text for
 // string 1107 ("Ports") the ports live, are found and go under that key.
-TEST(PortTree, TheTreesNamesComeFromTheStringTable) {
-    TestHost host;
+TEST_F(PortTree, TheTreesNamesComeFromTheStringTable) {
     std::vector<kvthost::StringResource> strings(kvt_module_resources.strings,
                                                  kvt_module_resources.strings + kvt_module_resources.stringCount);
     for (auto &s : strings)
         if (s.id == IDS_PORTS) s.text = u"Gates";
     const kvthost::ResourceTable renamed = {kvt_module_resources.moduleName, strings.data(), strings.size()};
-    kvthost::RegisterModule(DllInstance, &renamed);
-    InitializePrintMonitor(nullptr);
+    StartHost({}, [&] { kvthost::RegisterModule(DllInstance, &renamed); });
     PortParam p = Param(u"PS9", '1', 0x0A000009, 4);
     CreatePortRegistry(&p);
-    const std::u16string gates =
-        u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port\\Gates\\PS9";
-    HKEY key;
-    EXPECT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, gates.c_str(), &key), ERROR_SUCCESS);
-    RegCloseKey(key);
+    const std::u16string gates = kMonitorKey + u"\\Gates\\PS9";
+    EXPECT_TRUE(KeyExists(gates));
     EXPECT_EQ(GetPrintProtocol(u"PS9-P1"), 4u);
     char queue[QUEUE_NAME_BYTES];
     EXPECT_TRUE(GetPrintQueueName(u"PS9-P1", queue));
     EXPECT_STREQ(queue, "q-one");
-    kvttest::ResetMonitor();
+    ResetMonitor();
     InitializePrintMonitor(nullptr);
     EXPECT_EQ(PortNames(), std::vector<std::string>{"PS9-P1"});
     DeletePortRegistry(u"PS9-P1");
-    EXPECT_NE(RegOpenKeyW(HKEY_LOCAL_MACHINE, gates.c_str(), &key), ERROR_SUCCESS);
+    EXPECT_FALSE(KeyExists(gates));
     kvthost::RegisterModule(DllInstance, &kvt_module_resources);
 }
 
-TEST(PortTree, AServerNameTooLongForTheBufferEndsTheEnumeration) {
-    TestHost host;
-    kvttest::MakePortKeys(u"Alpha", u'1', 1, 0, nullptr);
-    kvttest::MakePortKeys(std::u16string(u"B") + std::u16string(47, u'x'), u'1', 1, 0, nullptr);
-    kvttest::MakePortKeys(u"Zulu", u'1', 1, 0, nullptr);
-    InitializePrintMonitor(nullptr);
+TEST_F(PortTree, AServerNameTooLongForTheBufferEndsTheEnumeration) {
+    StartHost({}, [] {
+        MakePortKeys(u"Alpha", u'1', 1, 0, nullptr);
+        MakePortKeys(std::u16string(u"B") + std::u16string(47, u'x'), u'1', 1, 0, nullptr);
+        MakePortKeys(u"Zulu", u'1', 1, 0, nullptr);
+    });
     EXPECT_EQ(PortNames(), std::vector<std::string>{"Alpha-P1"});
 }
 
-class Enumeration : public ::testing::Test {
+// Three ports: PS1-P1, PS1-C2 and lobby-P2, which comes first whatever the case.
+class Enumeration : public MonitorTest {
 protected:
     void SetUp() override {
-        host_ = std::make_unique<TestHost>();
-        kvttest::MakePortKeys(u"PS1", u'1', 1, 0, nullptr);
-        kvttest::MakePortKeys(u"PS1", u'5', 1, 0, nullptr);
-        kvttest::MakePortKeys(u"Lobby", u'2', 2, 0, nullptr);
-        InitializePrintMonitor(nullptr);
+        StartHost({}, [] {
+            MakePortKeys(u"PS1", u'1', 1, 0, nullptr);
+            MakePortKeys(u"PS1", u'5', 1, 0, nullptr);
+            MakePortKeys(u"lobby", u'2', 2, 0, nullptr);
+        });
     }
-    std::unique_ptr<TestHost> host_;
 };
 
+// Level 1: 8 bytes and the name a port; level 2: 32 bytes and three strings;
+// level 0 counts.  One byte short is refused with the size, another level
+// without; nothing is written where it is refused or past the size given,
+// and nothing reaches the log, whose flag is back afterwards.
 TEST_F(Enumeration, SizesAreExactAndOneByteShortIsRefused) {
-    // Level 1: 8 bytes and the name; level 2: 32 bytes and three strings.
-    const DWORD level1 = 3 * 8 + 2 * (9 + 7 + 7);
-    const DWORD level2 = 3 * 32 + 2 * (9 + 7 + 7) + 3 * 2 * 2 * 25;
-    for (auto [level, size] : {std::pair<DWORD, DWORD>{1, level1}, {2, level2}}) {
-        SCOPED_TRACE(level);
-        std::vector<BYTE> buffer(size + 16, 0xCD);
+    const DWORD level1 = 3 * 8 + 2 * (9 + 7 + 7), level2 = 3 * 32 + 2 * (9 + 7 + 7) + 3 * 2 * 2 * 25;
+    const DWORD kShort = ERROR_INSUFFICIENT_BUFFER;
+    const struct {
+        DWORD level, size;
+        BOOL result;
+        DWORD error, needed, returned;
+    } cases[] = {{1, level1 - 1, FALSE, kShort, level1, kSentinel}, {1, level1, TRUE, kSentinel, level1, 3},
+                 {2, level2 - 1, FALSE, kShort, level2, kSentinel}, {2, level2, TRUE, kSentinel, level2, 3},
+                 {0, 0, TRUE, kSentinel, 0, 3}, {3, 1, FALSE, ERROR_INVALID_LEVEL, kSentinel, kSentinel}};
+    ASSERT_EQ(IsDEBUG, 1);
+    const std::string log = ReadLog();
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << "level " << c.level << ", " << c.size << " bytes");
+        std::vector<BYTE> buffer(c.size + 16, 0xCD);
         DWORD needed = kSentinel, returned = kSentinel;
         SetLastError(kSentinel);
-        EXPECT_FALSE(LocalmonEnumPorts(nullptr, level, buffer.data(), size - 1, &needed, &returned));
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
-        EXPECT_EQ(needed, size);
-        EXPECT_EQ(returned, kSentinel);
-        EXPECT_EQ(buffer[0], 0xCD) << "nothing written";
-        ASSERT_TRUE(LocalmonEnumPorts(nullptr, level, buffer.data(), size, &needed, &returned));
-        EXPECT_EQ(returned, 3u);
-        EXPECT_EQ(buffer[size], 0xCD) << "nothing past the size given";
+        EXPECT_EQ(LocalmonEnumPorts(nullptr, c.level, buffer.data(), c.size, &needed, &returned), c.result);
+        EXPECT_EQ(GetLastError(), c.error);
+        EXPECT_EQ(needed, c.needed);
+        EXPECT_EQ(returned, c.returned);
+        EXPECT_EQ(buffer[c.result ? c.size : 0], 0xCD);
     }
+    EXPECT_EQ(ReadLog(), log);
+    EXPECT_EQ(IsDEBUG, 1);
 }
 
 TEST_F(Enumeration, RecordsFromTheFrontStringsFromTheBack) {
@@ -272,10 +203,9 @@ TEST_F(Enumeration, RecordsFromTheFrontStringsFromTheBack) {
     DWORD needed = 0, returned = 0;
     ASSERT_TRUE(LocalmonEnumPorts(nullptr, 2, buffer.data(), size, &needed, &returned));
     auto *info = reinterpret_cast<PORT_INFO_2W *>(buffer.data());
-    // The list's order is the tree's: Lobby before PS1, digits in order.
-    EXPECT_EQ(std::u16string(info[0].pPortName), u"Lobby-P2");
-    EXPECT_EQ(std::u16string(info[1].pPortName), u"PS1-P1");
-    EXPECT_EQ(std::u16string(info[2].pPortName), u"PS1-C2");
+    // The list's order is the tree's: lobby before PS1 whatever the case, digits in order.
+    EXPECT_EQ((std::vector<std::u16string>{info[0].pPortName, info[1].pPortName, info[2].pPortName}),
+              (std::vector<std::u16string>{u"lobby-P2", u"PS1-P1", u"PS1-C2"}));
     EXPECT_EQ(reinterpret_cast<BYTE *>(info[0].pPortName), buffer.data() + size - 18)
         << "the first port's name ends the buffer";
     EXPECT_LT(info[0].pMonitorName, info[0].pPortName);
@@ -289,60 +219,32 @@ TEST_F(Enumeration, RecordsFromTheFrontStringsFromTheBack) {
     EXPECT_EQ(reinterpret_cast<BYTE *>(info[2].pDescription), buffer.data() + 3 * 32);
 }
 
-TEST_F(Enumeration, LevelZeroCountsAndOtherLevelsAreRefused) {
-    DWORD needed = kSentinel, returned = kSentinel;
-    BYTE byte = 0xCD;
-    EXPECT_TRUE(LocalmonEnumPorts(nullptr, 0, &byte, 0, &needed, &returned));
-    EXPECT_EQ(needed, 0u);
-    EXPECT_EQ(returned, 3u);
-    EXPECT_EQ(byte, 0xCD);
-    needed = returned = kSentinel;
-    SetLastError(kSentinel);
-    EXPECT_FALSE(LocalmonEnumPorts(nullptr, 3, &byte, 1, &needed, &returned));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_LEVEL));
-    EXPECT_EQ(needed, kSentinel);
-    EXPECT_EQ(returned, kSentinel);
-}
-
-TEST_F(Enumeration, NothingReachesTheLogAndTheFlagIsBackAfterwards) {
-    ASSERT_EQ(IsDEBUG, 1);
-    std::string before = kvttest::ReadLog();
-    DWORD needed = 0, returned = 0;
-    LocalmonEnumPorts(nullptr, 1, nullptr, 0, &needed, &returned);
-    std::vector<BYTE> buffer(needed);
-    EXPECT_TRUE(LocalmonEnumPorts(nullptr, 1, buffer.data(), needed, &needed, &returned));
-    EXPECT_EQ(kvttest::ReadLog(), before);
-    EXPECT_EQ(IsDEBUG, 1);
-}
-
-TEST(EmptyList, EnumeratesToNothing) {
-    TestHost host;
-    InitializePrintMonitor(nullptr);
-    for (DWORD level : {1u, 2u}) {
-        DWORD needed = kSentinel, returned = kSentinel;
-        EXPECT_TRUE(LocalmonEnumPorts(nullptr, level, nullptr, 0, &needed, &returned));
-        EXPECT_EQ(needed, 0u);
-        EXPECT_EQ(returned, 0u);
-    }
-}
-
+// A delete takes record and key, by a name in any case; one of no port fails
+// with the log on; the ports deleted stay gone after a restart, and an empty
+// list enumerates to nothing.
 TEST_F(Enumeration, DeletingByANameInOtherCaseRemovesRecordAndKey) {
     SetLastError(kSentinel);
     EXPECT_TRUE(LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(u"ps1-c2")));
-    EXPECT_EQ(PortNames(), (std::vector<std::string>{"Lobby-P2", "PS1-P1"}));
-    EXPECT_FALSE(KeyExists(u"\\PS1\\5"));
-    EXPECT_TRUE(KeyExists(u"\\PS1\\1"));
-    EXPECT_NE(kvttest::ReadLog().find("PortName = ps1-c2"), std::string::npos)
-        << "the tree is given the name as the caller wrote it";
+    EXPECT_EQ(PortNames(), (std::vector<std::string>{"lobby-P2", "PS1-P1"}));
+    EXPECT_FALSE(KeyExists(kPortsKey + u"\\PS1\\5"));
+    EXPECT_TRUE(KeyExists(kPortsKey + u"\\PS1\\1"));
+    // The tree is given the name as the caller wrote it.
+    EXPECT_NE(ReadLog().find("PortName = ps1-c2"), std::string::npos);
     SetLastError(kSentinel);
     EXPECT_FALSE(LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(u"PS1-P3")));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_UNKNOWN_PORT));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_UNKNOWN_PORT)) << "the log's own calls keep it";
     EXPECT_FALSE(LocalmonDeletePort(nullptr, nullptr, nullptr));
-    EXPECT_TRUE(KeyExists(u"\\PS1\\1")) << "a failed delete leaves the tree alone";
-    // After a restart the deleted port stays gone.
-    kvttest::ResetMonitor();
+    EXPECT_TRUE(KeyExists(kPortsKey + u"\\PS1\\1")) << "a failed delete leaves the tree alone";
+    ResetMonitor();
     InitializePrintMonitor(nullptr);
-    EXPECT_EQ(PortNames(), (std::vector<std::string>{"Lobby-P2", "PS1-P1"}));
+    EXPECT_EQ(PortNames(), (std::vector<std::string>{"lobby-P2", "PS1-P1"}));
+    for (const char16_t *name : {u"lobby-P2", u"PS1-P1"})
+        EXPECT_TRUE(LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(name)));
+    for (DWORD level : {1u, 2u}) {
+        DWORD needed = kSentinel, returned = kSentinel;
+        EXPECT_TRUE(LocalmonEnumPorts(nullptr, level, nullptr, 0, &needed, &returned));
+        EXPECT_TRUE(needed == 0 && returned == 0) << level;
+    }
 }
 
 }  // namespace

@@ -17,8 +17,7 @@
 
 #include <malloc.h>
 
-#include "discovery_fixture.h"
-#include "job_fixture.h"
+#include "fixture.h"
 #include "nbstartup.h"
 
 namespace {
@@ -52,29 +51,14 @@ struct Fault {
     kvtps::ChannelFaults channel;
 };
 
-std::vector<Fault> Faults() {
-    std::vector<Fault> f(9);
-    f[0].name = "none";
-    f[1].name = "LPR ack delay";
-    f[1].lpr.ackDelayMs = 20;
-    f[2].name = "LPR slow reads";
-    f[2].lpr.readChunk = 700;
-    f[2].lpr.readDelayMs = 1;
-    f[3].name = "LPR closes before ack 3 once";
-    f[3].lpr.closeBeforeAck = 3;
-    f[3].lpr.closeBeforeAckCount = 1;
-    f[4].name = "LPR nak at ack 2";
-    f[4].lpr.nakAtStep = 2;
-    f[5].name = "channel drops every 3rd frame";
-    f[5].channel.dropDataEvery = 3;
-    f[6].name = "channel drops every 4th reply";
-    f[6].channel.dropReplyEvery = 4;
-    f[7].name = "channel busy once";
-    f[7].channel.busyAnswers = 1;
-    f[8].name = "channel silent";
-    f[8].channel.silent = true;
-    return f;
-}
+const Fault kFaults[] = {{"none", {}, {}},
+                         {"LPR ack delay", {.ackDelayMs = 20}, {}},
+                         {"LPR slow reads", {.readChunk = 700, .readDelayMs = 1}, {}},
+                         {"LPR closes before ack 3 once", {.closeBeforeAck = 3, .closeBeforeAckCount = 1}, {}},
+                         {"LPR nak at ack 2", {.nakAtStep = 2}, {}},
+                         {"channel drops every 3rd frame", {}, {.dropDataEvery = 3}},
+                         {"channel drops every 4th reply", {}, {.dropReplyEvery = 4}},
+                         {"channel busy once", {}, {.busyAnswers = 1}}, {"channel silent", {}, {.silent = true}}};
 
 using Digest = std::pair<uint64_t, uint64_t>;  // length, FNV-1a 64
 
@@ -85,20 +69,17 @@ protected:
         kvtps::IpxFaults ipx;
         static_cast<kvtps::ChannelFaults &>(ipx) = f.channel;
         ASSERT_TRUE(emulator.SetIpxFaults("PS1", ipx));
-        kvtps::NbFaults nb;
-        nb.channel = f.channel;
+        const kvtps::NbFaults nb = kvttest::With(kvtps::NbFaults(), [&](auto &n) { n.channel = f.channel; });
         ASSERT_TRUE(emulator.SetNetbiosFaults("PS1", nb));
     }
     // Every job PS1 stored whole, on any carrier (LPR jobs, and channels hung
     // up), as its length and checksum.
     std::vector<Digest> StoredWhole() {
         std::vector<Digest> out;
-        for (const auto &j : emulator.Jobs("PS1"))
-            if (j.complete) out.push_back({j.dataBytes, j.dataChecksum});
-        for (const auto &j : emulator.IpxJobs("PS1"))
-            if (j.hungUp) out.push_back({j.dataBytes, j.dataChecksum});
-        for (const auto &j : emulator.NetbiosJobs("PS1"))
-            if (j.hungUp) out.push_back({j.dataBytes, j.dataChecksum});
+        auto keep = [&](const auto &j, bool whole) { if (whole) out.emplace_back(j.dataBytes, j.dataChecksum); };
+        for (const auto &j : emulator.Jobs("PS1")) keep(j, j.complete);
+        for (const auto &j : emulator.IpxJobs("PS1")) keep(j, j.hungUp);
+        for (const auto &j : emulator.NetbiosJobs("PS1")) keep(j, j.hungUp);
         return out;
     }
 };
@@ -107,15 +88,10 @@ TEST_F(Soak, EveryJobIsReportedAsItArrived) {
     const int jobs = EnvOr("KVT_SOAK_JOBS", 40);
     const unsigned seed = static_cast<unsigned>(EnvOr("KVT_SOAK_SEED", 1));
     std::mt19937 random(seed);
-    PINIPORT port = StartPort(kvttest::HostOptions{true, true, true, false, 0, true, 0.01});
-    kvtps::ServerConfig c;
-    c.name = "PS1";
-    c.model = 3;
-    c.storeData = false;
-    std::string error;
-    ASSERT_TRUE(emulator.Start({c}, &error)) << error;
+    PINIPORT port = StartPort({.ipx = true, .netbios = true, .debug = false, .timeScale = 0.01});
+    const kvtps::ServerConfig c = kvttest::With(kvttest::Server(), [](auto &c) { c.model = 3, c.storeData = false; });
+    StartServers({c});
     ASSERT_TRUE(bStartup = NBStartup());
-    const std::vector<Fault> faults = Faults();
     const uint8_t protocols[] = {PROTOCOL_AUTO, PROTOCOL_TCPIP, PROTOCOL_IPX, PROTOCOL_NETBIOS};
     std::vector<Digest> printed;
     std::map<std::string, int> outcomes;  // "fault / protocol: printed|failed" -> jobs
@@ -133,14 +109,13 @@ TEST_F(Soak, EveryJobIsReportedAsItArrived) {
                                        << printed.size() << " printed";
         printedInAll += printed.size();
         printed.clear();
-        emulator.Stop();
         kvthost::ResetSpooler();
-        ASSERT_TRUE(emulator.Start({c}, &error)) << error;
+        StartServers({c});
         residentLast = HeldKiB(n);
         if (n == 100) residentAt100 = residentLast;
     };
     for (int n = 1; n <= jobs; ++n) {
-        const Fault &fault = faults[random() % faults.size()];
+        const Fault &fault = kFaults[random() % std::size(kFaults)];
         const uint8_t protocol = protocols[random() % 4];
         std::string data = "soak job " + std::to_string(n) + ":";
         data.resize(data.size() + random() % 20000, static_cast<char>('A' + n % 26));

@@ -4,196 +4,128 @@
 
 #include <fstream>
 
-#include "job_fixture.h"
+#include "fixture.h"
 #include "portstore.h"
+
+extern const kvthost::ResourceTable kvt_module_resources;
 
 namespace {
 
-using kvttest::HostOptions;
-using kvttest::TestHost;
+using namespace kvttest;
+using Startup = MonitorTest;
+using PortList = MonitorTest;
 
 std::string Narrow(const WCHAR *s) { return kvthost::Narrow(s); }
 
-TEST(Startup, WithoutAProfileTheMonitorIsPrintServerNetworkPort) {
-    TestHost host;
-    InitializePrintMonitor(nullptr);
-    EXPECT_EQ(Narrow(DeviceDesc), "PrintServer");
-    EXPECT_EQ(Narrow(VendorDesc), "");
-    EXPECT_EQ(Narrow(MonitorName), "PrintServer Network Port");
-    EXPECT_EQ(ProfileFound, 0);
-    EXPECT_EQ(SupportProtocol, PROTOCOL_TCPIP);
-    std::vector<std::string> lines = kvttest::LogLines();
-    ASSERT_GE(lines.size(), 5u);
-    EXPECT_EQ(lines[0], "OS type : Windows NT/2000");
-    EXPECT_EQ(lines[1], "Windows path : C:\\Windows");
-    EXPECT_EQ(lines[2], "Load driver : KVT64.DLL");
-    EXPECT_EQ(lines[3], " success");
-    EXPECT_EQ(lines[4], "DLL version: 4.1.0.0");
-}
-
-TEST(Startup, TheProfileNamesTheDeviceAndALongNameIsCut) {
-    TestHost host;
-    std::ofstream(kvthost::MapPath(u"C:\\Windows\\KVTLPR.INI"))
-        << "[General Information]\nVendorDesc = Acme\nDeviceDesc=Acme LaserBox Twelve\n";
-    InitializePrintMonitor(nullptr);
-    EXPECT_EQ(ProfileFound, 1);
-    EXPECT_EQ(Narrow(VendorDesc), "Acme");
-    EXPECT_EQ(Narrow(DeviceDesc), "Acme LaserBox Twelve");
-    // 20 characters, a blank and "Network Port" would be 33: the name keeps 31.
-    EXPECT_EQ(Narrow(MonitorName), "Acme LaserBox Twelve Network Po");
-    EXPECT_EQ(kvttest::LogLinesStartingWith("Open profile : C:\\Windows\\KVTLPR.INI").size(), 1u);
-}
-
-TEST(Startup, MissingFlagsAreWrittenAsZeroAndTheLogStops) {
-    HostOptions options;
-    options.monitorKey = false;
-    TestHost host(options);
-    RegCloseKey([] {
-        HKEY key;
-        RegCreateKeyW(HKEY_LOCAL_MACHINE,
-                      u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port", &key);
-        return key;
-    }());
-    InitializePrintMonitor(nullptr);
-    EXPECT_EQ(IsDEBUG, 0);
-    EXPECT_EQ(IsNOTIFY, 0);
-    HKEY key;
-    ASSERT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE,
-                          u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port", &key),
-              ERROR_SUCCESS);
-    BYTE value = 0xFF;
-    DWORD type = 0, cb = 1;
-    EXPECT_EQ(RegQueryValueExW(key, u"IsDEBUG", nullptr, &type, &value, &cb), ERROR_SUCCESS);
-    EXPECT_EQ(type, static_cast<DWORD>(REG_BINARY));
-    EXPECT_EQ(value, 0);
-    RegCloseKey(key);
-    std::vector<std::string> lines = kvttest::LogLines();
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.back(), "Disable DEBUG mode") << "nothing after it";
-    EXPECT_TRUE(kvthost::MessageBoxes().empty());
+// Without a profile the monitor is PrintServer Network Port and a port's
+// registry takes Driver; the profile names the device, and no Driver is written.
+TEST_F(Startup, TheProfileNamesTheDeviceAndDriverIsWrittenOnlyWithoutOne) {
+    for (bool profile : {false, true}) {
+        SCOPED_TRACE(profile);
+        StartHost({}, [&] {
+            if (profile)
+                std::ofstream(kvthost::MapPath(u"C:\\Windows\\KVTLPR.INI"))
+                    << "[General Information]\nVendorDesc = Acme\nDeviceDesc=Acme LaserBox Twelve\n";
+        });
+        const PortParam p{u"Hall", 0, '1', {}, {}, 0, u"", u"", u""};
+        CreatePortRegistry(&p);
+        EXPECT_EQ(ProfileFound, profile ? 1 : 0);
+        EXPECT_EQ(Narrow(VendorDesc), profile ? "Acme" : "");
+        EXPECT_EQ(Narrow(DeviceDesc), profile ? "Acme LaserBox Twelve" : "PrintServer");
+        // 20 characters, a blank and "Network Port" would be 33: the name keeps 31.
+        EXPECT_EQ(Narrow(MonitorName), profile ? "Acme LaserBox Twelve Network Po" : "PrintServer Network Port");
+        EXPECT_EQ(LogCount("Open profile : C:\\Windows\\KVTLPR.INI"), profile ? 1u : 0u);
+        const auto driver = Value(kMonitorKey, u"Driver");
+        const auto *text = driver ? reinterpret_cast<const char16_t *>(driver->data()) : u"-";
+        const std::u16string kvt64(u"KVT64.DLL", 10);  // and its terminator
+        EXPECT_EQ(std::u16string(text, driver ? driver->size() / 2 : 1), profile ? u"-" : kvt64);
+    }
 }
 
 // A flag is written anew as one byte 0 only when its query fails: the value is
 // missing, or longer than one byte.  An empty value reads as 0 and stays.
-TEST(Startup, OnlyAFlagThatCannotBeReadIsWrittenAnew) {
-    struct Case {
+// With IsDEBUG 0 the log stops at the line that says so.
+TEST_F(Startup, OnlyAFlagThatCannotBeReadIsWrittenAnew) {
+    const std::vector<BYTE> kMissing = {0xEE};
+    const struct {
         const char *name;
-        std::vector<BYTE> stored;  // {0xEE}: no value at all
+        std::vector<BYTE> debug, notify;  // as stored
         BYTE flag;
-        std::vector<BYTE> after;
-    };
-    const Case cases[] = {{"missing", {0xEE}, 0, {0}},
-                          {"empty", {}, 0, {}},
-                          {"one byte", {1}, 1, {1}},
-                          {"two bytes", {1, 1}, 0, {0}}};
-    for (const Case &c : cases) {
+        std::vector<BYTE> after;  // IsNOTIFY
+    } cases[] = {{"missing", kMissing, kMissing, 0, {0}}, {"empty", {0}, {}, 0, {}},
+                 {"one byte", {0}, {2}, 2, {2}},          {"two bytes", {0}, {1, 1}, 0, {0}}};
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        HostOptions options;
-        options.monitorKey = false;
-        TestHost host(options);
-        const char16_t *path = u"System\\CurrentControlSet\\Control\\Print\\Monitors\\PrintServer Network Port";
-        HKEY key;
-        ASSERT_EQ(RegCreateKeyW(HKEY_LOCAL_MACHINE, path, &key), ERROR_SUCCESS);
-        BYTE zero = 0;
-        RegSetValueExW(key, u"IsDEBUG", 0, REG_BINARY, &zero, 1);
-        if (c.stored != std::vector<BYTE>{0xEE})
-            RegSetValueExW(key, u"IsNOTIFY", 0, REG_BINARY, c.stored.data(), static_cast<DWORD>(c.stored.size()));
-        RegCloseKey(key);
-        InitializePrintMonitor(nullptr);
+        StartHost({.monitorKey = false}, [&] {
+            SetValue(kMonitorKey, nullptr, 0, nullptr, 0);
+            if (c.debug != kMissing) SetValue(kMonitorKey, u"IsDEBUG", REG_BINARY, c.debug.data(), c.debug.size());
+            if (c.notify != kMissing) SetValue(kMonitorKey, u"IsNOTIFY", REG_BINARY, c.notify.data(), c.notify.size());
+        });
+        EXPECT_EQ(IsDEBUG, 0);
         EXPECT_EQ(IsNOTIFY, c.flag);
-        ASSERT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, path, &key), ERROR_SUCCESS);
-        BYTE value[8];
-        DWORD cb = sizeof value;
-        ASSERT_EQ(RegQueryValueExW(key, u"IsNOTIFY", nullptr, nullptr, value, &cb), ERROR_SUCCESS);
-        EXPECT_EQ(std::vector<BYTE>(value, value + cb), c.after);
-        RegCloseKey(key);
+        DWORD debugType = 0, notifyType = 0;
+        EXPECT_EQ(Value(kMonitorKey, u"IsDEBUG", &debugType), std::vector<BYTE>{0});
+        EXPECT_EQ(Value(kMonitorKey, u"IsNOTIFY", &notifyType), c.after);
+        EXPECT_TRUE(debugType == REG_BINARY && notifyType == REG_BINARY);
+        EXPECT_EQ(LastLogLine(), "Disable DEBUG mode") << "nothing after it";
+        EXPECT_TRUE(kvthost::MessageBoxes().empty());
     }
+}
+
+TEST_F(Startup, WithoutTheMonitorKeyTheLogStaysOnAndSaysSo) {
+    StartHost({.monitorKey = false});
+    EXPECT_EQ(IsDEBUG, 1);
+    auto boxes = kvthost::MessageBoxes();
+    ASSERT_EQ(boxes.size(), 1u);
+    EXPECT_TRUE(boxes[0].text == u"Starting DEBUG mode" && boxes[0].caption == u"DEBUG");
+    EXPECT_EQ(LogCount("Can't open registry:IsDEBUG"), 1u);
 }
 
 // A second start-up keeps the records of the first (a job or a handle may use
 // them) and adds only the ports that the tree has and the list lacks.
-TEST(Startup, ASecondStartUpAddsNoPortTwice) {
-    TestHost host;
-    kvttest::MakePortKeys(u"PS1", u'1', 0x7F000002, 0, nullptr);
-    InitializePrintMonitor(nullptr);
+TEST_F(Startup, ASecondStartUpAddsNoPortTwice) {
+    StartHost({}, [] { MakePortKeys(u"PS1", u'1', 0x7F000002, 0, nullptr); });
     PINIPORT first = PortListHead;
-    kvttest::MakePortKeys(u"PS2", u'2', 0x7F000003, 0, nullptr);
+    MakePortKeys(u"PS2", u'2', 0x7F000003, 0, nullptr);
     InitializePrintMonitor(nullptr);
-    std::vector<std::string> names;
-    for (PINIPORT p = PortListHead; p != nullptr; p = p->pNext) names.push_back(Narrow(p->pName));
-    EXPECT_EQ(names, (std::vector<std::string>{"PS1-P1", "PS2-P2"}));
+    EXPECT_EQ(PortNames(), (std::vector<std::string>{"PS1-P1", "PS2-P2"}));
     EXPECT_EQ(PortListHead, first);
 }
 
 // Without the system folder there is nowhere to log: no file is written at
 // the root of the drive instead.
-TEST(Startup, WithoutASystemFolderNothingIsLogged) {
-    TestHost host;
-    kvthost::SetSystemDirectoryFails(true);
-    InitializePrintMonitor(nullptr);
+TEST_F(Startup, WithoutASystemFolderNothingIsLogged) {
+    StartHost({}, [] { kvthost::SetSystemDirectoryFails(true); });
     EXPECT_FALSE(std::ifstream(kvthost::MapPath(u"C:\\KVTLOG")).good());
     EXPECT_FALSE(std::ifstream(kvthost::MapPath(u"C:\\Windows\\System32\\KVTLOG")).good());
 }
 
-TEST(Startup, WithoutTheMonitorKeyTheLogStaysOnAndSaysSo) {
-    HostOptions options;
-    options.monitorKey = false;
-    TestHost host(options);
-    InitializePrintMonitor(nullptr);
-    EXPECT_EQ(IsDEBUG, 1);
-    auto boxes = kvthost::MessageBoxes();
-    ASSERT_EQ(boxes.size(), 1u);
-    EXPECT_EQ(boxes[0].text, u"Starting DEBUG mode");
-    EXPECT_EQ(boxes[0].caption, u"DEBUG");
-    EXPECT_EQ(kvttest::LogLinesStartingWith("Can't open registry:IsDEBUG").size(), 1u);
+TEST_F(Startup, AnOldLogIsGoneAfterStartUp) {
+    StartHost({}, [] { std::ofstream(kvthost::MapPath(u"C:\\Windows\\System32\\KVTLOG")) << "old line\n"; });
+    EXPECT_EQ(ReadLog().find("old line"), std::string::npos);
 }
 
-TEST(Startup, IsNotifyKeepsItsStoredValue) {
-    HostOptions options;
-    options.notify = 2;
-    TestHost host(options);
-    InitializePrintMonitor(nullptr);
-    EXPECT_EQ(IsNOTIFY, 2);
-}
-
-TEST(Startup, AnOldLogIsGoneAfterStartUp) {
-    TestHost host;
-    std::ofstream(kvthost::MapPath(u"C:\\Windows\\System32\\KVTLOG")) << "old line from before\n";
-    InitializePrintMonitor(nullptr);
-    EXPECT_EQ(kvttest::ReadLog().find("old line"), std::string::npos);
-}
-
-TEST(Startup, TcpipNeedsAReadableImagePath) {
-    HostOptions options;
-    options.tcpip = false;
-    options.ipx = true;
-    TestHost host(options);
-    HKEY key;
-    RegCreateKeyW(HKEY_LOCAL_MACHINE, u"SYSTEM\\CurrentControlSet\\Services\\Tcpip", &key);
-    RegCloseKey(key);
+TEST_F(Startup, TcpipNeedsAReadableImagePath) {
+    // The key is there, without its ImagePath.
+    StartHost({.tcpip = false, .ipx = true},
+              [] { SetValue(u"SYSTEM\\CurrentControlSet\\Services\\Tcpip", nullptr, 0, nullptr, 0); });
     EXPECT_EQ(GetProtocol(), PROTOCOL_IPX);
 }
 
-TEST(Startup, RecordsComeFromThePortTreeInKeyOrder) {
-    TestHost host;
-    kvttest::MakePortKeys(u"Zeta", u'2', 0xC0A80201, 0, nullptr);
-    kvttest::MakePortKeys(u"alpha", u'5', 0x0A000001, 0, nullptr);
-    kvttest::MakePortKeys(u"alpha", u'1', 0x0A000001, 0, nullptr);
-    InitializePrintMonitor(nullptr);
-    std::vector<std::string> names;
-    for (PINIPORT p = PortListHead; p != nullptr; p = p->pNext) names.push_back(Narrow(p->pName));
-    EXPECT_EQ(names, (std::vector<std::string>{"alpha-P1", "alpha-C2", "Zeta-P2"}));
-    PINIPORT zeta = PortListHead->pNext->pNext;
-    EXPECT_EQ(zeta->IPAddress, 0xC0A80201u) << "stored as 01 02 A8 C0, read as 192.168.2.1";
-    EXPECT_EQ(zeta->Lptn, '2');
-    EXPECT_EQ(zeta->Socket, INVALID_SOCKET);
-    EXPECT_EQ(Narrow(zeta->pDeviceDesc), "PrintServer Network Port");
+TEST_F(Startup, ARenamedLibraryStillFindsItsStrings) {
+    // The module registered under another file name: no module is called KVT64.DLL.
+    static const kvthost::StringResource strings[] = {{1006, u"PrintServer"}, {1103, u"Network Port"},
+                                                      {1100, u"System\\CurrentControlSet\\Control\\Print\\Monitors"}};
+    static const kvthost::ResourceTable renamed = {u"KVTOLD.DLL", strings, 3};
+    StartHost({}, [] { kvthost::RegisterModule(DllInstance, &renamed); });
+    kvthost::RegisterModule(DllInstance, &kvt_module_resources);
+    EXPECT_EQ(ResourceModule, nullptr);
+    EXPECT_EQ(LogCount(" fail"), 1u);
+    EXPECT_EQ(Narrow(MonitorName), "PrintServer Network Port");
 }
 
-TEST(PortList, LookupsIgnoreCaseAndRefuseEmptyNames) {
-    TestHost host;
-    kvttest::MakePortKeys(u"PS1", u'1', 0x7F000002, 0, nullptr);
-    InitializePrintMonitor(nullptr);
+TEST_F(PortList, LookupsIgnoreCaseAndRefuseEmptyNames) {
+    StartHost({}, [] { MakePortKeys(u"PS1", u'1', 0x7F000002, 0, nullptr); });
     HANDLE first = nullptr, second = nullptr, untouched = reinterpret_cast<HANDLE>(0x1234);
     EXPECT_TRUE(LocalmonOpenPort(const_cast<LPWSTR>(u"ps1-p1"), &first));
     EXPECT_TRUE(LocalmonOpenPort(const_cast<LPWSTR>(u"PS1-P1"), &second));
@@ -207,16 +139,33 @@ TEST(PortList, LookupsIgnoreCaseAndRefuseEmptyNames) {
     EXPECT_EQ(GetLastError(), kSentinel) << "not found sets no last error";
 }
 
-TEST(PortList, ANetworkNumberPassedInIsIgnored) {
-    TestHost host;
-    InitializePrintMonitor(nullptr);
+TEST_F(PortList, ANetworkNumberPassedInIsIgnored) {
+    StartHost();
     BYTE net[4] = {1, 2, 3, 4}, node[6] = {0, 0, 0x7F, 0, 0, 2};
     PINIPORT p = CreateMonitorPortEntry(u"X-P1", u"desc", 5, net, node, '1');
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(std::vector<BYTE>(p->NetNum, p->NetNum + 4), std::vector<BYTE>(4, 0));
     EXPECT_EQ(std::vector<BYTE>(p->NodeID, p->NodeID + 6), std::vector<BYTE>(node, node + 6));
-    EXPECT_EQ(p->signature, static_cast<DWORD>(INIPORT_SIGNATURE));
-    EXPECT_EQ(p->cb, sizeof(IniPort) + 2 * (5 + 5));
+}
+
+TEST_F(PortList, AppendingAfterDeletesKeepsCreationOrder) {
+    StartHost();
+    BYTE zero[6] = {};
+    auto add = [&](const char16_t *name) { CreateMonitorPortEntry(name, u"d", 1, zero, zero, '1'); };
+    auto remove = [](std::initializer_list<const char16_t *> names) {
+        EnterCriticalSection(&PortListLock);
+        for (const char16_t *n : names) EXPECT_TRUE(DeleteMonitorPortEntry(n));
+        LeaveCriticalSection(&PortListLock);
+    };
+    for (const char16_t *n : {u"A-P1", u"B-P1", u"C-P1"}) add(n);
+    remove({u"C-P1"});  // the last
+    add(u"D-P1");
+    EXPECT_EQ(PortNames(), (std::vector<std::string>{"A-P1", "B-P1", "D-P1"}));
+    remove({u"A-P1", u"D-P1", u"B-P1"});
+    EXPECT_EQ(PortListHead, nullptr);
+    add(u"E-P1");
+    add(u"F-P1");
+    EXPECT_EQ(PortNames(), (std::vector<std::string>{"E-P1", "F-P1"}));
 }
 
 TEST(Stubs, UnsupportedEntriesAnswerAsTheyShould) {
@@ -230,65 +179,6 @@ TEST(Stubs, UnsupportedEntriesAnswerAsTheyShould) {
     EXPECT_FALSE(LocalmonGetPrinterDataFromPort(nullptr, 0, nullptr, nullptr, 0, nullptr, 0, nullptr));
     EXPECT_FALSE(LocalmonSetPortTimeOuts(nullptr, nullptr, 0));
     EXPECT_EQ(GetLastError(), kSentinel) << "the stubs that refuse set no last error";
-}
-
-}  // namespace
-
-extern const kvthost::ResourceTable kvt_module_resources;
-
-namespace {
-
-TEST(Startup, ARenamedLibraryStillFindsItsStrings) {
-    TestHost host;
-    // The module registered under another file name: no module is called KVT64.DLL.
-    static const kvthost::StringResource strings[] = {{1006, u"PrintServer"}, {1103, u"Network Port"},
-                                                      {1100, u"System\\CurrentControlSet\\Control\\Print\\Monitors"}};
-    static const kvthost::ResourceTable renamed = {u"KVTOLD.DLL", strings, 3};
-    kvthost::RegisterModule(DllInstance, &renamed);
-    InitializePrintMonitor(nullptr);
-    EXPECT_EQ(ResourceModule, nullptr);
-    EXPECT_EQ(kvttest::LogLinesStartingWith(" fail").size(), 1u);
-    EXPECT_EQ(Narrow(MonitorName), "PrintServer Network Port");
-    kvthost::RegisterModule(DllInstance, &kvt_module_resources);
-}
-
-TEST(PortList, DeletingAPortThatIsNotThereSaysSoWithTheLogOn) {
-    TestHost host;
-    kvttest::MakePortKeys(u"PS1", u'1', 0x7F000002, 0, nullptr);
-    InitializePrintMonitor(nullptr);
-    ASSERT_EQ(IsDEBUG, 1);
-    SetLastError(kSentinel);
-    EXPECT_FALSE(LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(u"PS1-P2")));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_UNKNOWN_PORT)) << "the log's own calls keep it";
-    EXPECT_NE(PortListHead, nullptr);
-}
-
-}  // namespace
-
-namespace {
-
-TEST(PortList, AppendingAfterDeletesKeepsCreationOrder) {
-    TestHost host;
-    InitializePrintMonitor(nullptr);
-    auto names = [] {
-        std::vector<std::string> out;
-        for (PINIPORT p = PortListHead; p != nullptr; p = p->pNext) out.push_back(Narrow(p->pName));
-        return out;
-    };
-    BYTE zero[6] = {};
-    for (const char16_t *n : {u"A-P1", u"B-P1", u"C-P1"}) CreateMonitorPortEntry(n, u"d", 1, zero, zero, '1');
-    EnterCriticalSection(&PortListLock);
-    EXPECT_TRUE(DeleteMonitorPortEntry(u"C-P1"));  // the last
-    LeaveCriticalSection(&PortListLock);
-    CreateMonitorPortEntry(u"D-P1", u"d", 1, zero, zero, '1');
-    EXPECT_EQ(names(), (std::vector<std::string>{"A-P1", "B-P1", "D-P1"}));
-    EnterCriticalSection(&PortListLock);
-    for (const char16_t *n : {u"A-P1", u"D-P1", u"B-P1"}) EXPECT_TRUE(DeleteMonitorPortEntry(n));
-    LeaveCriticalSection(&PortListLock);
-    EXPECT_EQ(PortListHead, nullptr);
-    CreateMonitorPortEntry(u"E-P1", u"d", 1, zero, zero, '1');
-    CreateMonitorPortEntry(u"F-P1", u"d", 1, zero, zero, '1');
-    EXPECT_EQ(names(), (std::vector<std::string>{"E-P1", "F-P1"}));
 }
 
 }  // namespace

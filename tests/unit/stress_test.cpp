@@ -13,13 +13,13 @@
 #include <thread>
 
 #include "discovery.h"
-#include "discovery_fixture.h"
-#include "job_fixture.h"
+#include "fixture.h"
 #include "nbstartup.h"
 #include "admin.h"
 
 namespace {
 
+using namespace kvttest;
 constexpr int kServers = 3, kJobsPerPort = 3;
 constexpr uint8_t kProtocols[] = {PROTOCOL_AUTO, PROTOCOL_TCPIP, PROTOCOL_IPX, PROTOCOL_NETBIOS};
 
@@ -35,30 +35,23 @@ struct PortRun {
 class Stress : public JobTest {};
 
 TEST_F(Stress, JobsOnEveryTransportWhileOthersListConfigureDeleteAndSearch) {
-    StartPort(kvttest::HostOptions{true, true, true, true, 0, true, 0.02});  // the start-up's polls need time to be answered
+    StartPort({.ipx = true, .netbios = true, .timeScale = 0.02});  // the start-up's polls need time to be answered
     std::vector<kvtps::ServerConfig> configs;
     std::vector<std::unique_ptr<PortRun>> ports;
     for (int s = 0; s < kServers; ++s) {
-        kvtps::ServerConfig c;
-        c.name = "PS" + std::to_string(s + 1);
-        c.address = "127.0.0." + std::to_string(s + 2);
-        c.model = 3;
-        configs.push_back(c);
+        const std::string name = "PS" + std::to_string(s + 1);
+        configs.push_back(With(Server(name, "127.0.0." + std::to_string(s + 2)), [](auto &c) { c.model = 3; }));
         for (int d = 1; d <= 3; ++d) {
-            auto p = std::make_unique<PortRun>();
-            p->server = c.name;
-            p->name = kvthost::Widen(c.name + "-P" + std::to_string(d));
-            p->protocol = kProtocols[(s + d) % 4];
-            kvttest::MakePortKeys(kvthost::Widen(c.name), static_cast<char16_t>(u'0' + d), 0x7F000002 + s,
-                                  p->protocol, u"lp");
-            ports.push_back(std::move(p));
+            PortRun &p = *ports.emplace_back(std::make_unique<PortRun>());
+            p.server = name, p.protocol = kProtocols[(s + d) % 4];
+            p.name = kvthost::Widen(name + "-P" + std::to_string(d));
+            MakePortKeys(kvthost::Widen(name), static_cast<char16_t>(u'0' + d), 0x7F000002 + s, p.protocol, u"lp");
         }
     }
-    for (char16_t d : {u'1', u'2', u'3'}) kvttest::MakePortKeys(u"SPARE", d, 0x7F000009, 0, nullptr);
-    kvttest::ResetMonitor();
+    for (char16_t d : {u'1', u'2', u'3'}) MakePortKeys(u"SPARE", d, 0x7F000009, 0, nullptr);
+    ResetMonitor();
     InitializePrintMonitor(nullptr);
-    std::string error;
-    ASSERT_TRUE(emulator.Start(configs, &error)) << error;
+    StartServers(configs);
     ASSERT_TRUE(bStartup = NBStartup()) << "a start-up during a NetBIOS job would end that job";
 
     // The dialog 550 is answered OK, and so is any box (the log's, when two
@@ -88,7 +81,7 @@ TEST_F(Stress, JobsOnEveryTransportWhileOthersListConfigureDeleteAndSearch) {
                 bool written = WriteAll(static_cast<PINIPORT>(port), data);
                 // The first job waits for a delete to come while it runs, however
                 // the threads are scheduled.
-                if (i == 0 && j == 0) kvttest::Eventually([&] { return busyRefusals > 0; });
+                if (i == 0 && j == 0) Eventually([&] { return busyRefusals > 0; });
                 std::lock_guard<std::mutex> gate(p.endGate);
                 p.inJob = false;
                 if (!LocalmonEndDocPort(port) || !written) ++failures;
@@ -102,9 +95,8 @@ TEST_F(Stress, JobsOnEveryTransportWhileOthersListConfigureDeleteAndSearch) {
                 DWORD needed = 0, count = 0;
                 LocalmonEnumPorts(nullptr, level, nullptr, 0, &needed, &count);
                 std::vector<BYTE> buffer(needed + 512);
-                if (LocalmonEnumPorts(nullptr, level, buffer.data(), static_cast<DWORD>(buffer.size()), &needed,
-                                      &count) &&
-                    count < ports.size())
+                const DWORD size = static_cast<DWORD>(buffer.size());
+                if (LocalmonEnumPorts(nullptr, level, buffer.data(), size, &needed, &count) && count < ports.size())
                     ++failures;
             }
         }
@@ -126,7 +118,7 @@ TEST_F(Stress, JobsOnEveryTransportWhileOthersListConfigureDeleteAndSearch) {
                 if (!LocalmonConfigurePort(nullptr, nullptr, const_cast<LPWSTR>(spare))) ++failures;
                 if (!LocalmonDeletePort(nullptr, nullptr, const_cast<LPWSTR>(spare))) ++failures;
             }
-            std::ofstream(list, std::ios::binary) << kvttest::ListRecord("SPARE", {127, 0, 0, 9}, 3, 7, "");
+            std::ofstream(list, std::ios::binary) << ListRecord("SPARE", {127, 0, 0, 9}, 3, 7, "");
             if (!LocalmonAddPort(nullptr, nullptr, const_cast<LPWSTR>(MonitorName))) ++failures;
         }
     });
@@ -151,12 +143,10 @@ TEST_F(Stress, JobsOnEveryTransportWhileOthersListConfigureDeleteAndSearch) {
     for (const auto &p : ports) {
         ASSERT_EQ(p->sent.size(), size_t{kJobsPerPort}) << kvthost::Narrow(p->name);
         std::vector<std::string> stored;
-        if (p->protocol == PROTOCOL_IPX)
-            for (const auto &j : emulator.IpxJobs(p->server)) stored.push_back(j.data);
-        else if (p->protocol == PROTOCOL_NETBIOS)
-            for (const auto &j : emulator.NetbiosJobs(p->server)) stored.push_back(j.data);
-        else
-            for (const auto &j : emulator.Jobs(p->server)) stored.push_back(j.data);
+        auto keep = [&](const auto &jobs) { for (const auto &j : jobs) stored.push_back(j.data); };
+        if (p->protocol == PROTOCOL_IPX) keep(emulator.IpxJobs(p->server));
+        else if (p->protocol == PROTOCOL_NETBIOS) keep(emulator.NetbiosJobs(p->server));
+        else keep(emulator.Jobs(p->server));
         for (const std::string &data : p->sent)
             EXPECT_EQ(std::count(stored.begin(), stored.end(), data), 1)
                 << kvthost::Narrow(p->name) << ": " << data.substr(0, data.find(':'));

@@ -1,15 +1,12 @@
 // TCP/IP discovery: what each stage takes from a datagram (names, duplicates,
 // Type, the EEPROM image, queue-name cuts), and whole searches against
-// emulated print servers, counted by what the servers were asked.
+// emulated print servers that share a name or answer less, counted by what
+// the servers were asked (what a search finds of each kind of server:
+// integration_tests KvtmonDiscover.ShowsEachServerAsTheMonitorFoundIt).
 #include <gtest/gtest.h>
 
-#include <memory>
-
 #include "discovery.h"
-#include "discovery_fixture.h"
-#include "kvtps.h"
-#include "monitor.h"
-#include "monitor_host.h"
+#include "fixture.h"
 
 using namespace kvttest;
 
@@ -19,93 +16,48 @@ const Bytes kNodeA = Node(0x00, 0x40, 0x26, 0x00, 0x00, 0x0A);
 const Bytes kNodeB = Node(0x00, 0x40, 0x26, 0x00, 0x00, 0x0B);
 
 // The monitor started over a fresh host, its table empty.
-class Discovery : public ::testing::Test {
+class Discovery : public MonitorTest {
 protected:
-    void StartHost(double timeScale = 0.2) {
-        HostOptions options;
-        options.timeScale = timeScale;
-        host.reset();  // the old host puts the clock and the globals back when it goes
-        host = std::make_unique<TestHost>(options);
-        InitializePrintMonitor(nullptr);
-        ClearTable();
-    }
-    void SetUp() override { StartHost(); }
-    void TearDown() override {
-        emulator.Stop();
-        host.reset();
-    }
-
-    static kvtps::ServerConfig Server(const std::string &name, const std::string &address) {
-        kvtps::ServerConfig c;
-        c.name = name;
-        c.address = address;
-        return c;
-    }
-    void StartServers(const std::vector<kvtps::ServerConfig> &servers) {
-        std::string error;
-        ASSERT_TRUE(emulator.Start(servers, &error)) << error;
-    }
-    int Find(const std::string &name) {
-        for (int i = 0; i < TotalPrintServer; ++i)
-            if (NameOf(i) == name) return i;
-        return -1;
-    }
-    size_t Lines(const std::string &prefix) { return LogLinesStartingWith(prefix).size(); }
-
-    std::unique_ptr<TestHost> host;
-    kvtps::Emulator emulator;
+    void SetUp() override { StartHost({.timeScale = 0.2}); }
 };
 
 // ---- what the search takes from a reply ---------------------------------------------------
 
 using SearchReplies = Discovery;
 
-TEST_F(SearchReplies, ANameAlreadyListedKeepsItsFirstNode) {
-    EXPECT_TRUE(TCPSearchTakeReply(Data(SearchReply(kNodeA, "PS1")), 76));
-    EXPECT_FALSE(TCPSearchTakeReply(Data(SearchReply(kNodeB, "PS1")), 76)) << "another server, the same name";
-    EXPECT_FALSE(TCPSearchTakeReply(Data(SearchReply(kNodeA, "PS1")), 76)) << "the next pass";
-    EXPECT_TRUE(TCPSearchTakeReply(Data(SearchReply(kNodeB, "ps1")), 76)) << "names differ in case";
-    ASSERT_EQ(TotalPrintServer, 2);
+// Names differ in case; trailing blanks go (blanks only is the empty name),
+// and a name that fills its field ends inside it and inside its record.
+TEST_F(SearchReplies, ANameAlreadyListedKeepsItsFirstNodeAndTrailingBlanksGo) {
+    const struct {
+        const Bytes &node;
+        std::string name;
+        bool taken;
+    } replies[] = {{kNodeA, "PS1", true},   {kNodeB, "PS1", false},       {kNodeA, "PS1", false},
+                   {kNodeB, "ps1", true},   {kNodeA, "Office  PS   ", true}, {kNodeB, "Office  PS", false},
+                   {kNodeA, "   ", true},   {kNodeB, "", false},          {kNodeB, std::string(50, 'x'), true}};
+    for (const auto &r : replies)
+        EXPECT_EQ(TCPSearchTakeReply(Data(SearchReply(r.node, r.name)), 76), r.taken) << r.name;
+    ASSERT_EQ(TotalPrintServer, 5);
+    const std::string names[] = {"PS1", "ps1", "Office  PS", "", std::string(47, 'x')};
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(NameOf(i), names[i]);
     EXPECT_EQ(NodeOf(0), kNodeA);
     EXPECT_EQ(NodeOf(1), kNodeB);
 }
 
-TEST_F(SearchReplies, TrailingBlanksGoAndANameEndsInsideItsFieldAndItsRecord) {
-    EXPECT_TRUE(TCPSearchTakeReply(Data(SearchReply(kNodeA, "Office  PS   ")), 76));
-    EXPECT_FALSE(TCPSearchTakeReply(Data(SearchReply(kNodeB, "Office  PS")), 76)) << "the same name once trimmed";
-    EXPECT_TRUE(TCPSearchTakeReply(Data(SearchReply(kNodeA, "   ")), 76));
-    EXPECT_FALSE(TCPSearchTakeReply(Data(SearchReply(kNodeB, "")), 76)) << "blanks only is the empty name";
-    Bytes unterminated = SearchReply(kNodeB, std::string(50, 'x'));
-    EXPECT_TRUE(TCPSearchTakeReply(Data(unterminated), 76));
-    ASSERT_EQ(TotalPrintServer, 3);
-    EXPECT_EQ(NameOf(0), "Office  PS");
-    EXPECT_EQ(NameOf(1), "");
-    EXPECT_EQ(NameOf(2), std::string(47, 'x'));
-}
-
-TEST_F(SearchReplies, OnlyType0And4ReachTheTable) {
-    const uint8_t types[] = {0, 4, 1, 2, 5, 0xFF};
-    for (uint8_t type : types)
+// Only Type 0 and 4 reach the table; another command, a query's head or a
+// reply without AutoProtocol is dropped.
+TEST_F(SearchReplies, OnlyType0And4ReachTheTableAndOtherRepliesAreDropped) {
+    for (uint8_t type : {0, 4, 1, 2, 5, 0xFF})
         TCPSearchTakeReply(Data(SearchReply(kNodeA, "T" + std::to_string(type), type, type == 0 ? 0 : 1)), 76);
     ASSERT_EQ(TotalPrintServer, 2);
-    EXPECT_EQ(NameOf(0), "T0");
-    EXPECT_EQ(AvailPS[0].Type, 0);
-    EXPECT_EQ(AvailPS[0].AutoProtocol, 0);
-    EXPECT_EQ(NameOf(1), "T4");
-    EXPECT_EQ(AvailPS[1].Type, 4);
-    EXPECT_EQ(AvailPS[1].AutoProtocol, 1);
-}
-
-TEST_F(SearchReplies, OtherCommandsAndShortRepliesAreDropped) {
-    Bytes reply = SearchReply(kNodeA, "PS1");
+    EXPECT_TRUE(NameOf(0) == "T0" && AvailPS[0].Type == 0 && AvailPS[0].AutoProtocol == 0);
+    EXPECT_TRUE(NameOf(1) == "T4" && AvailPS[1].Type == 4 && AvailPS[1].AutoProtocol == 1);
+    Bytes reply = SearchReply(kNodeA, "PS1"), other = reply, query = reply;
+    other[7] = 0x05, query[6] = 0x00;
     EXPECT_FALSE(TCPSearchTakeReply(Data(reply), 70)) << "AutoProtocol not in it";
-    Bytes other = reply;
-    other[7] = 0x05;
     EXPECT_FALSE(TCPSearchTakeReply(Data(other), 76));
-    other = reply;
-    other[6] = 0x00;
-    EXPECT_FALSE(TCPSearchTakeReply(Data(other), 76));
-    EXPECT_EQ(TotalPrintServer, 0);
+    EXPECT_FALSE(TCPSearchTakeReply(Data(query), 76));
+    EXPECT_EQ(TotalPrintServer, 2);
     EXPECT_TRUE(TCPSearchTakeReply(Data(reply), 71)) << "everything read is there";
 }
 
@@ -121,27 +73,23 @@ TEST_F(SearchReplies, TheHundredAndFirstServerIsLeftOut) {
 
 using EepromReplies = Discovery;
 
-TEST_F(EepromReplies, FillModelAddressAndBothFlags) {
+// The image fills model, address and both flags, each read clearing the
+// flags first (other bits of the two bytes mean nothing here); one from
+// another node, cut short or for no record fills nothing.
+TEST_F(EepromReplies, OnlyAWholeImageFromItsNodeFillsModelAddressAndBothFlags) {
+    const Bytes ip("\x0A\x00\x00\x07", 4), good = EepromReply(kNodeA, 0x83, 0x04, 0x01, ip);
     AvailPS[3].Flags = 0xFF;
-    EXPECT_TRUE(TCPTakeEEPROM(Data(EepromReply(kNodeA, 0x83, 0x04, 0x01, Bytes("\x0A\x00\x00\x07", 4))), 522,
-                              Data(kNodeA), 3));
+    EXPECT_TRUE(TCPTakeEEPROM(Data(good), 522, Data(kNodeA), 3));
     EXPECT_EQ(AvailPS[3].ModelType, 0x83);
-    EXPECT_EQ(Bytes(reinterpret_cast<char *>(&AvailPS[3].IPAddress), 4), Bytes("\x0A\x00\x00\x07", 4));
+    EXPECT_EQ(Bytes(reinterpret_cast<char *>(&AvailPS[3].IPAddress), 4), ip);
     EXPECT_EQ(AvailPS[3].Flags, PS_FLAG_TCPIP_SUPPORTED | PS_FLAG_TCPIP_ENABLED);
     EXPECT_EQ(LogLinesStartingWith("IP Address:"), std::vector<std::string>{"IP Address:10.0.0.7"});
-    EXPECT_EQ(Lines("ps.SupportProtocol(1):1"), 1u);
-    EXPECT_EQ(Lines("ps.Config(4):4"), 1u);
-    EXPECT_EQ(Lines("Support TCPIP"), 1u);
-    EXPECT_EQ(Lines("TCPIP Enable"), 1u);
-
-    // Each read clears the flags first; other bits of the two bytes mean nothing here.
+    for (const char *line : {"ps.SupportProtocol(1):1", "ps.Config(4):4", "Support TCPIP", "TCPIP Enable"})
+        EXPECT_EQ(LogCount(line), 1u) << line;
     EXPECT_TRUE(TCPTakeEEPROM(Data(EepromReply(kNodeA, 1, 0xFB, 0xFE, Bytes(4, '\0'))), 522, Data(kNodeA), 3));
     EXPECT_EQ(AvailPS[3].Flags, 0);
-}
 
-TEST_F(EepromReplies, FromAnotherNodeOrCutShortTheyFillNothing) {
     AvailPS[0].ModelType = 0x42;
-    const Bytes good = EepromReply(kNodeA, 3, 4, 1, Bytes("\x0A\x00\x00\x07", 4));
     EXPECT_FALSE(TCPTakeEEPROM(Data(EepromReply(kNodeB, 3, 4, 1, Bytes(4, '\x01'))), 522, Data(kNodeA), 0));
     EXPECT_FALSE(TCPTakeEEPROM(Data(good), 511, Data(kNodeA), 0)) << "the address's last byte missing";
     EXPECT_FALSE(TCPTakeEEPROM(Data(good), 522, Data(kNodeA), AVAILPS_RECORDS)) << "no such record";
@@ -158,8 +106,8 @@ TEST_F(Discovery, QueueNamesAreCutByTwoBytesAndOneBlank) {
     EXPECT_STREQ(AvailPS[5].QueueName[1].Text, "abcdef");
     EXPECT_STREQ(AvailPS[5].QueueName[2].Text, "abcdef ");
     EXPECT_EQ(LogLinesStartingWith("show search Qname"), std::vector<std::string>{"show search Qname sizeof of wcslen 8"});
-    EXPECT_EQ(Lines("6162636465666768"), 1u) << "port 1's first eight bytes before the cut";
-    EXPECT_EQ(Lines("6162636465660068"), 1u) << "and after it: the cut writes one terminator";
+    EXPECT_EQ(LogCount("6162636465666768"), 1u) << "port 1's first eight bytes before the cut";
+    EXPECT_EQ(LogCount("6162636465660068"), 1u) << "and after it: the cut writes one terminator";
 
     // Texts of fewer than two bytes become empty; a text filling its field has no terminator.
     std::memset(AvailPS[5].QueueName, 'z', sizeof AvailPS[5].QueueName);
@@ -179,54 +127,12 @@ TEST_F(Discovery, QueueNamesAreCutByTwoBytesAndOneBlank) {
 
 using TcpSearch = Discovery;
 
-TEST_F(TcpSearch, FindsEachServerWithItsImageAndQueueNames) {
-    kvtps::ServerConfig ps1 = Server("PS1", "127.0.0.2");
-    ps1.queueTexts = {"lp P1", "raw  P2", "x"};
-    kvtps::ServerConfig ps2 = Server("PS2", "127.0.0.3");
-    ps2.node = kvtps::NodeId{0x00, 0x40, 0x26, 0x00, 0x00, 0x0B};
-    ps2.model = 0x83;
-    ps2.type = 0;
-    ps2.autoProtocol = 0;
-    ps2.eepromAddress = "0.0.0.0";
-    ps2.psConfig = 0;
-    StartServers({ps1, ps2});
-
-    EXPECT_TRUE(TCPSearch());
-    ASSERT_EQ(TotalPrintServer, 2);
-    const int a = Find("PS1"), b = Find("PS2");
-    ASSERT_GE(a, 0);
-    ASSERT_GE(b, 0);
-    EXPECT_EQ(NodeOf(a), Node(0, 0, 127, 0, 0, 2)) << "derived from the address";
-    EXPECT_EQ(Bytes(reinterpret_cast<char *>(&AvailPS[a].IPAddress), 4), Bytes("\x7F\x00\x00\x02", 4));
-    EXPECT_EQ(AvailPS[a].Flags, 5);
-    EXPECT_EQ(AvailPS[a].ModelType, 1);
-    EXPECT_EQ(AvailPS[a].Type, 4);
-    EXPECT_EQ(AvailPS[a].AutoProtocol, 1);
-    EXPECT_STREQ(AvailPS[a].QueueName[0].Text, "lp");
-    EXPECT_STREQ(AvailPS[a].QueueName[1].Text, "raw ");
-    EXPECT_STREQ(AvailPS[a].QueueName[2].Text, "");
-
-    EXPECT_EQ(NodeOf(b), kNodeB);
-    EXPECT_EQ(AvailPS[b].IPAddress, 0u) << "Automatic IP";
-    EXPECT_EQ(AvailPS[b].Flags, PS_FLAG_TCPIP_SUPPORTED) << "TCP/IP disabled";
-    EXPECT_EQ(AvailPS[b].ModelType, 0x83);
-    EXPECT_EQ(AvailPS[b].Type, 0);
-    EXPECT_EQ(AvailPS[b].AutoProtocol, 0);
-    EXPECT_STREQ(AvailPS[b].QueueName[0].Text, "lpt1");
-
-    Settle(emulator);
-    for (const char *name : {"PS1", "PS2"}) {
-        kvtps::MgmtCounters seen = emulator.ManagementCounters(name);
-        EXPECT_EQ(seen.search, 3u) << name << ": three passes, whatever they found";
-        EXPECT_GE(seen.readEeprom, 1u) << name;
-        EXPECT_GE(seen.queueNames, 1u) << name;
-    }
-}
-
+// A server of another type beside them is neither listed nor read.
 TEST_F(TcpSearch, ServersThatShareANameShareOneRecordAndOnlyTheFirstIsRead) {
-    kvtps::ServerConfig a = Server("A", "127.0.0.2"), b = Server("B", "127.0.0.3");
+    kvtps::ServerConfig a = Server("A", "127.0.0.2"), b = Server("B", "127.0.0.3"), typed = Server("T", "127.0.0.4");
     a.deviceName = b.deviceName = "Shared";
-    StartServers({a, b});
+    typed.type = 1;
+    StartServers({a, b, typed});
     EXPECT_TRUE(TCPSearch());
     ASSERT_EQ(TotalPrintServer, 1);
     EXPECT_EQ(NameOf(0), "Shared");
@@ -235,76 +141,58 @@ TEST_F(TcpSearch, ServersThatShareANameShareOneRecordAndOnlyTheFirstIsRead) {
     EXPECT_GE(emulator.ManagementCounters(first).readEeprom, 1u);
     EXPECT_EQ(emulator.ManagementCounters(second).readEeprom, 0u) << "its node isn't in the table";
     EXPECT_EQ(emulator.ManagementCounters(second).search, 3u) << "it answered all the same";
+    EXPECT_EQ(emulator.ManagementCounters("T").readEeprom, 0u);
 }
 
-TEST_F(TcpSearch, AServerOfAnotherTypeIsNeitherListedNorRead) {
-    kvtps::ServerConfig typed = Server("PS1", "127.0.0.2");
-    typed.type = 1;
-    StartServers({typed});
-    EXPECT_TRUE(TCPSearch());
-    EXPECT_EQ(TotalPrintServer, 0);
-    Settle(emulator);
-    EXPECT_EQ(emulator.ManagementCounters("PS1").readEeprom, 0u);
-}
-
-TEST_F(TcpSearch, ASilentNetworkTakesThreePassesAndNoRead) {
-    StartHost(0.02);
-    kvtps::ServerConfig silent = Server("PS1", "127.0.0.2");
-    silent.mgmt.silent = true;
-    StartServers({silent});
-    EXPECT_TRUE(TCPSearch());
-    EXPECT_EQ(TotalPrintServer, 0);
-    Settle(emulator);
-    kvtps::MgmtCounters seen = emulator.ManagementCounters("PS1");
-    EXPECT_EQ(seen.search, 3u);
-    EXPECT_EQ(seen.readEeprom + seen.queueNames, 0u);
-    EXPECT_EQ(Lines("[TCPSearchRcv()] Select Error"), 3u) << "each pass ends by its wait";
-    EXPECT_EQ(Lines("[TCPReadEEPROM]"), 0u);
-}
-
-// Waits of 150 ms: the search's reply comes within one on a loaded machine.
-TEST_F(TcpSearch, AServerSilentAfterTheSearchCostsEveryTryAndKeepsTheSlot) {
-    StartHost(0.1);
-    AvailPS[0].ModelType = 0x42;
-    std::strcpy(AvailPS[0].QueueName[0].Text, "old");
-    kvtps::ServerConfig mute = Server("PS1", "127.0.0.2");
-    mute.mgmt.answers = kvtps::kAnswerSearch;
-    StartServers({mute});
-    EXPECT_TRUE(TCPSearch());
-    ASSERT_EQ(TotalPrintServer, 1);
-    EXPECT_EQ(NameOf(0), "PS1");
-    EXPECT_EQ(AvailPS[0].ModelType, 0x42) << "what the slot held before";
-    EXPECT_STREQ(AvailPS[0].QueueName[0].Text, "old");
-    Settle(emulator);
-    kvtps::MgmtCounters seen = emulator.ManagementCounters("PS1");
-    EXPECT_EQ(seen.readEeprom, 5u);
-    EXPECT_EQ(seen.queueNames, 7u);
-    EXPECT_EQ(Lines("[TCPReadEEPROM] Received Error"), 5u);
-    EXPECT_EQ(Lines("enter search Queuename before receive ok"), 7u);
-    EXPECT_EQ(Lines("enter search Queuename receive ok"), 0u);
+// A silent network costs three passes, each ending by its wait, and no read;
+// a server silent after the search, every try of each read (five and seven).
+// The slot keeps what it held.  Waits of 150 ms for the second: the search's
+// reply comes within one on a loaded machine.
+TEST_F(TcpSearch, ASilentServerCostsThreePassesOrEveryTryOfItsReads) {
+    const unsigned kSearchOnly = kvtps::kAnswerSearch;
+    const struct {
+        bool silent;  // or answers the search alone
+        double scale;
+        int found;
+        uint64_t eepromReads, queueReads;
+        std::vector<std::pair<const char *, size_t>> lines;
+    } cases[] = {{true, 0.02, 0, 0, 0, {{"[TCPSearchRcv()] Select Error", 3}, {"[TCPReadEEPROM]", 0}}},
+                 {false, 0.1, 1, 5, 7,
+                  {{"[TCPReadEEPROM] Received Error", 5}, {"enter search Queuename before receive ok", 7},
+                   {"enter search Queuename receive ok", 0}}}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.silent);
+        StartHost({.timeScale = c.scale});
+        AvailPS[0].ModelType = 0x42;
+        std::strcpy(AvailPS[0].QueueName[0].Text, "old");
+        StartServers({With(Server(), [&](auto &s) { s.mgmt.silent = c.silent, s.mgmt.answers = kSearchOnly; })});
+        EXPECT_TRUE(TCPSearch());
+        ASSERT_EQ(TotalPrintServer, c.found);
+        EXPECT_EQ(NameOf(0), c.found ? "PS1" : "");
+        EXPECT_TRUE(AvailPS[0].ModelType == 0x42 && std::string(AvailPS[0].QueueName[0].Text) == "old");
+        Settle(emulator);
+        const kvtps::MgmtCounters seen = emulator.ManagementCounters("PS1");
+        EXPECT_TRUE(seen.search == 3 && seen.readEeprom == c.eepromReads && seen.queueNames == c.queueReads)
+            << seen.search << " searches, " << seen.readEeprom << " and " << seen.queueNames << " reads";
+        for (const auto &[line, count] : c.lines) EXPECT_EQ(LogCount(line), count) << line;
+    }
 }
 
 TEST_F(TcpSearch, AStrayOrShortEepromReplyCostsATry) {
-    kvtps::MgmtFaults fromElsewhere;
-    fromElsewhere.foreignNode = true;
-    fromElsewhere.replyNode = kvtps::NodeId{0x00, 0x40, 0x26, 0x00, 0x00, 0x0B};
-    kvtps::MgmtFaults cut;
-    cut.cutReplyTo = 511;
-    for (kvtps::MgmtFaults faults : {fromElsewhere, cut}) {
-        SCOPED_TRACE(faults.foreignNode ? "another node" : "cut to 511 bytes");
-        StartHost();
-        kvtps::ServerConfig server = Server("PS1", "127.0.0.2");
-        faults.faultCommands = kvtps::kAnswerReadEeprom;
-        server.mgmt = faults;
-        StartServers({server});
+    for (bool foreign : {true, false}) {
+        SCOPED_TRACE(foreign ? "another node" : "cut to 511 bytes");
+        StartHost({.timeScale = 0.2});
+        StartServers({With(Server(), [&](auto &c) {
+            c.mgmt.foreignNode = foreign, c.mgmt.replyNode = {0x00, 0x40, 0x26, 0x00, 0x00, 0x0B};
+            c.mgmt.cutReplyTo = foreign ? 0 : 511, c.mgmt.faultCommands = kvtps::kAnswerReadEeprom;
+        })});
         EXPECT_TRUE(TCPSearch());
         ASSERT_EQ(TotalPrintServer, 1);
         EXPECT_EQ(AvailPS[0].ModelType, 0) << "never filled";
         EXPECT_STREQ(AvailPS[0].QueueName[0].Text, "lpt1") << "the queue names are read all the same";
         Settle(emulator);
         EXPECT_EQ(emulator.ManagementCounters("PS1").readEeprom, 5u);
-        EXPECT_GE(Lines("[TC{PReadEEPROM] Received data check error"), 1u);
-        emulator.Stop();
+        EXPECT_GE(LogCount("[TC{PReadEEPROM] Received data check error"), 1u);
     }
 }
 
