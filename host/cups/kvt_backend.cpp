@@ -107,8 +107,11 @@ bool EnsurePrefix() {
         Say("ERROR: cannot make the prefix %s: %s\n", kvthost::Prefix().c_str(), error.c_str());
         return false;
     }
-    kvtmon::SetNetworkComponents(kvtmon::kPlatformTransports);
-    kvtmon::SetMonitorFlags(false, false);
+    {
+        kvthost::RegistryBatch batch;  // the components and the monitor's key reach the hive together
+        kvtmon::SetNetworkComponents(kvtmon::kPlatformTransports);
+        kvtmon::SetMonitorFlags(false, false);
+    }
     Say("DEBUG: made the prefix %s\n", kvthost::Prefix().c_str());
     return kvtmon::CheckPrefix();
 }
