@@ -459,8 +459,8 @@ void ReportBad(const std::string &path, const std::string &error) {
 }
 
 // Makes the cache hold the hive as it is on disk now, with the changes of the
-// batches that stand unless told otherwise.
-void Refresh(bool withPending = true) {
+// batches that stand.
+void Refresh() {
     std::string path = HivePath();
     FileSignature now = Signature(path);
     if (gCache.loaded && gCache.path == path && gCache.signature == now) return;
@@ -470,7 +470,7 @@ void Refresh(bool withPending = true) {
     gCache.root = kvtreg::Key();
     gCache.bad = false;
     if (!now.exists) {  // a new prefix: an empty tree
-        if (withPending) ApplyPending();
+        ApplyPending();
         return;
     }
     std::string bytes;
@@ -487,7 +487,7 @@ void Refresh(bool withPending = true) {
         return;
     }
     gCache.root = std::move(root);
-    if (withPending) ApplyPending();
+    ApplyPending();
 }
 
 class HiveLock {
@@ -584,7 +584,8 @@ namespace {
 // change of a call outside a batch gives its own status, and nothing is
 // written when it fails; the changes of a batch are written whatever each
 // gives now (one that no longer fits the file's tree, whose key another
-// process has removed since, is left out).
+// process has removed since, is left out).  No batch stands here (the last
+// one has handed its changes over), so the cache is the file's tree.
 LSTATUS Commit(const std::vector<Edit> &edits, bool batch) {
     HiveLock lock(LOCK_EX);
     if (!lock.ok()) return lock.error() == ENOENT ? ERROR_PATH_NOT_FOUND : ERROR_ACCESS_DENIED;
@@ -593,7 +594,7 @@ LSTATUS Commit(const std::vector<Edit> &edits, bool batch) {
     // inode, size and time of the one cached (a freed inode is reused), and
     // editing the cached tree would then lose that process's change.
     gCache.loaded = false;
-    Refresh(false);
+    Refresh();
     if (gCache.bad) return ERROR_BADDB;
     LSTATUS status = ERROR_SUCCESS;
     for (const auto &edit : edits) {
@@ -602,7 +603,6 @@ LSTATUS Commit(const std::vector<Edit> &edits, bool batch) {
     }
     if (status == ERROR_SUCCESS) status = WriteHive();
     if (status != ERROR_SUCCESS) gCache.loaded = false;  // read the file again next time
-    ApplyPending();
     return status;
 }
 

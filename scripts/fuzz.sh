@@ -42,7 +42,6 @@ fuzz_one() {
     rm -rf "$work" "$out/min/$t"
     mkdir -p "$kept" "$work" "$out/min/$t" "tests/fuzz/seeds/$t"
     cp -r "$kept/." "$work/"
-    rm -f "$out/$t.failed" "$out/$t.row"
     if [ -n "$runs" ]; then limit=(-runs="$runs"); else limit=(-max_total_time="$seconds"); fi
     echo "fuzz $t: ${limit[0]#-}"
     log=$out/$t.log
@@ -74,6 +73,8 @@ fuzz_one() {
 
 running=0
 [ "${FUZZ_TABLE_ONLY:-0}" = 1 ] && targets=
+# The rows of this run only: a target's earlier row is the table's.
+rm -f "$out"/*.row "$out"/*.failed
 for t in $targets; do
     fuzz_one "$t" &
     running=$((running + 1))
