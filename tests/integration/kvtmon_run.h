@@ -21,7 +21,7 @@
 #include <thread>
 #include <vector>
 
-#include "kvtps.h"
+#include "emulated.h"
 
 extern char **environ;
 
@@ -91,22 +91,6 @@ inline ProgramRun RunProgram(std::vector<std::string> args, const std::string &d
 inline ::testing::AssertionResult Holds(const std::string &text, const std::string &part) {
     if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "\"" << part << "\" is not in:\n" << text;
-}
-
-// Whether done() comes true within the seconds given, asked every 50 ms.
-template <typename F>
-bool Eventually(F done, int seconds = 60) {
-    for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-         std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(50)))
-        if (done()) return true;
-    return done();
-}
-
-inline kvtps::ServerConfig Server(const std::string &name, const std::string &address) {
-    kvtps::ServerConfig c;
-    c.name = name;
-    c.address = address;
-    return c;
 }
 
 // A folder of the test's own (the prefix in it), kvtmon run there, and the

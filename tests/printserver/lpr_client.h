@@ -17,7 +17,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "kvtps.h"
+#include "emulated.h"
 
 namespace kvtps_test {
 
@@ -36,13 +36,8 @@ inline std::vector<std::string> JobSteps(const std::string &queue = "lp") {
             "\x03" "2147483647 dfA007pc1\n"};
 }
 
-inline kvtps::ServerConfig Server(const std::string &name, const std::string &address, uint16_t lprPort = 515) {
-    kvtps::ServerConfig config;
-    config.name = name;
-    config.address = address;
-    config.lprPort = lprPort;
-    return config;
-}
+using kvttest::Eventually;
+using kvttest::Server;
 
 inline std::string Pattern(size_t size, uint32_t seed = 1) {
     std::string bytes(size, '\0');
@@ -109,14 +104,6 @@ inline void SendJob(const std::vector<std::string> &steps, const std::string &ta
     ASSERT_TRUE(client.Send(tail));
 }
 
-inline bool Eventually(const std::function<bool()> &condition) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
 
 inline std::string Join(const std::vector<std::string> &parts) {
     std::string all;

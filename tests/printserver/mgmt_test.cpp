@@ -265,7 +265,7 @@ TEST_P(NetbiosAnswers, EachNameAnswersItsOwnQuery) {
     NbAsker asker("ASKER"), marker("MARKER");
     asker.Ask(c.to, c.command);
     marker.Ask(kNbGroupName, kMgmtSearch);
-    ASSERT_TRUE(Soon([&] { return marker.Answered(); }));
+    ASSERT_TRUE(Eventually([&] { return marker.Answered(); }));
     ASSERT_EQ(asker.Answered(), c.from != nullptr);
     if (c.from == nullptr) return;
     EXPECT_EQ(Text(asker.receive.ncb_callname, 16), Text(kvtnb::MakeName(c.from).data(), 16));
@@ -297,9 +297,9 @@ TEST_F(NetbiosSide, TsharkReadsTheDatagramsOfBothSidesWithTheirNames) {
     {
         NbAsker monitor("001a2b3c4d5e.ER"), port("001a2b3c4d5e.E1");
         monitor.Ask(kNbGroupName, kMgmtSearch);
-        ASSERT_TRUE(Soon([&] { return monitor.Answered(); }));
+        ASSERT_TRUE(Eventually([&] { return monitor.Answered(); }));
         port.Ask("PS1", kMgmtSearch);
-        ASSERT_TRUE(Soon([&] { return port.Answered(); }));
+        ASSERT_TRUE(Eventually([&] { return port.Answered(); }));
     }
     std::string text;
     while (fgets(line, sizeof line, tshark))

@@ -2,12 +2,10 @@
 
 #include <stdlib.h>
 
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "availps.h"
 #include "debuglog.h"
@@ -149,10 +147,5 @@ std::vector<std::string> LogLinesStartingWith(const std::string &prefix) {
 }
 
 size_t LogCount(const std::string &prefix) { return LogLinesStartingWith(prefix).size(); }
-
-bool Eventually(const std::function<bool()> &done) {
-    for (int i = 0; i < 500 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return done();
-}
 
 }  // namespace kvttest

@@ -6,7 +6,6 @@
 #include <windows.h>
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -60,9 +59,5 @@ std::string LastLogLine();
 // The log lines that start with the given prefix, in order, and how many.
 std::vector<std::string> LogLinesStartingWith(const std::string &prefix);
 size_t LogCount(const std::string &prefix);
-
-// Polls until done() holds or five seconds have passed: what the monitor sent
-// last may still be on its way.
-bool Eventually(const std::function<bool()> &done);
 
 }  // namespace kvttest

@@ -2,10 +2,9 @@
 // as the platform writes it in the background, and a wait for what comes.
 #pragma once
 
-#include <chrono>
 #include <cstring>
-#include <thread>
 
+#include "eventually.h"
 #include "kvtnetbios.h"
 #if __has_include("kvtps.h")
 #include "kvtps.h"
@@ -13,11 +12,7 @@
 
 namespace nbtest {
 
-// Polls until done() holds or five seconds have passed.
-inline bool Soon(const std::function<bool()> &done) {
-    for (int i = 0; i < 500 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return done();
-}
+using kvttest::Eventually;
 
 inline UCHAR Code(const NCB &ncb) { return __atomic_load_n(&ncb.ncb_retcode, __ATOMIC_ACQUIRE); }
 

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "availps.h"
+#include "emulated.h"
 #include "kvthost.h"
 #include "kvtps.h"
 #include "monitor.h"
@@ -25,14 +26,6 @@ constexpr DWORD kSentinel = 0xdeadbeef;
 inline const char16_t kPrinter[] = u"Office";
 
 namespace kvttest {
-
-// A print server of the emulator, PS1 at 127.0.0.2 unless told otherwise.
-inline kvtps::ServerConfig Server(const std::string &name = "PS1", const std::string &address = "127.0.0.2") {
-    kvtps::ServerConfig c;
-    c.name = name;
-    c.address = address;
-    return c;
-}
 
 // A value with what set changes in it: With(Server(), [](auto &c) { c.model = 3; }).
 template <typename T, typename F>

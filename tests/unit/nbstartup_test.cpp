@@ -51,7 +51,7 @@ protected:
             if (ncb.ncb_command == NCBDGSEND && ncb.ncb_lana_num == lana && !*sent) {
                 *sent = true;
                 Send(Add("STRANGER", lana), Text(ncb.ncb_name, NCBNAMSZ), data, lana);
-                EXPECT_TRUE(Soon([] { return kvthost::NetbiosPendingReceives() == 0; }));
+                EXPECT_TRUE(Eventually([] { return kvthost::NetbiosPendingReceives() == 0; }));
             }
             return NRC_GOODRET;
         });
@@ -197,7 +197,7 @@ TEST_F(NbStartup, TwoThreadsAtOnceRunOneStartUp) {
     kvthost::SetNetbiosHook([&](const NCB &ncb) -> uint8_t {
         if (ncb.ncb_command == NCBENUM && !second.joinable()) {
             second = std::thread([&] { secondResult = NBStartup(); });
-            EXPECT_TRUE(Soon([] { return LogCount("Entry NBStartup") == 2; }));
+            EXPECT_TRUE(Eventually([] { return LogCount("Entry NBStartup") == 2; }));
         }
         return NRC_GOODRET;
     });

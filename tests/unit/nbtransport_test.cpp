@@ -194,7 +194,7 @@ TEST_F(NbJob, ASearchReplyDuringTheEepromReadCostsOneTry) {
         if (ncb.ncb_command == NCBDGSEND && Text(ncb.ncb_callname, NCBNAMSZ) == "PS1.CFG         " &&
             !std::exchange(*sent, true)) {
             nbtest::Send(nbtest::Add("STRANGER"), Text(ncb.ncb_name, NCBNAMSZ), searchReply);
-            EXPECT_TRUE(nbtest::Soon([] { return kvthost::NetbiosPendingReceives() == 0; }));
+            EXPECT_TRUE(nbtest::Eventually([] { return kvthost::NetbiosPendingReceives() == 0; }));
         }
         return NRC_GOODRET;
     });

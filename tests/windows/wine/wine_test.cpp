@@ -35,11 +35,13 @@
 #include <vector>
 
 #include "expected_log.h"
-#include "kvtps.h"
+#include "emulated.h"
 
 extern char **environ;
 
 namespace {
+
+using kvttest::Server;
 
 constexpr int kRunMs = 60000;  // the longest a harness run may take
 const std::string kMonitorName = "PrintServer Network Port";
@@ -330,13 +332,6 @@ protected:
     void StartServers(const std::vector<kvtps::ServerConfig> &servers) {
         std::string error;
         ASSERT_TRUE(emulator.Start(servers, &error)) << error;
-    }
-
-    static kvtps::ServerConfig Server(const std::string &name, const std::string &address) {
-        kvtps::ServerConfig config;
-        config.name = name;
-        config.address = address;
-        return config;
     }
 
     kvtps::Emulator emulator;
