@@ -63,7 +63,7 @@ protected:
 
     // A command of CUPS's, its output and errors in one text.
     kvttest::ProgramRun Run(std::vector<std::string> args) {
-        kvttest::ProgramRun ran = kvttest::RunProgram(std::move(args), dir_);
+        kvttest::ProgramRun ran = kvttest::RunProgram(std::move(args));
         ran.out += ran.err;
         return ran;
     }

@@ -119,7 +119,7 @@ TEST_F(KvtmonDiscover, OverNetbiosEachServerIsListedOnceAndReadByItsCfgName) {
 
 // The demo runs its own private network inside this test's.
 TEST_F(KvtmonDiscover, TheDemoFindsItsPrintServersAndPrintsToAPortMadeFromWhatItFound) {
-    kvttest::KvtmonRun demo = kvttest::RunProgram({kvttest::KvtmonPath(), "demo"}, dir_, {"KVT_TIMESCALE=0.1"});
+    kvttest::KvtmonRun demo = kvttest::RunProgram({kvttest::KvtmonPath(), "demo"}, {"KVT_TIMESCALE=0.1"});
     EXPECT_EQ(demo.status, 0) << demo.out << demo.err;
     for (const char *line :
          {"  PS2                  127.0.0.3        00-00-7F-00-00-03 0x03  3     4    1    lpt1, lpt2, lpt3",

@@ -15,10 +15,7 @@
 // - GetWindowsDirectoryW gives "C:\windows", in lower case.
 // - RegEnumKeyExW gives sub keys in order of their names without regard to
 //   case, as Windows does, so the monitor's records come in that order.
-#include <fcntl.h>
 #include <netdb.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -34,24 +31,17 @@
 #include <tuple>
 #include <vector>
 
-#include "expected_log.h"
 #include "emulated.h"
-
-extern char **environ;
+#include "expected_log.h"
+#include "run_program.h"
 
 namespace {
 
 using kvttest::Server;
+using kvttest::Slurp;
 
 constexpr int kRunMs = 60000;  // the longest a harness run may take
 const std::string kMonitorName = "PrintServer Network Port";
-
-std::string ReadFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
 
 void WriteFile(const std::string &path, const std::string &bytes) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
@@ -60,7 +50,7 @@ void WriteFile(const std::string &path, const std::string &bytes) {
 // The prefix that the test wine_prefix_made has made.
 const std::string &Prefix() {
     static std::string prefix = [] {
-        std::string text = ReadFile(KVT_WINE_PREFIX_RECORD);
+        std::string text = Slurp(KVT_WINE_PREFIX_RECORD);
         while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
         return text;
     }();
@@ -77,10 +67,7 @@ std::string OnDriveZ(std::string path) {
 }
 
 // What a program printed, and the lines "what: value" of the harness.
-struct Ran {
-    int status = -1;  // exit status; -1 when it was killed or did not end
-    std::string out, err;
-
+struct Ran : kvttest::ProgramRun {
     std::vector<std::string> All(const std::string &what) const {
         std::vector<std::string> values;
         std::istringstream lines(out);
@@ -117,67 +104,17 @@ std::ostream &operator<<(std::ostream &os, const Ran &ran) {
     return os << "status " << ran.status << "\n--- out\n" << ran.out << "--- err\n" << ran.err;
 }
 
-// Runs a program with the environment of Wine's runs and waits for it, at
-// most timeoutMs.  Its output goes to files: Wine's server and services
-// inherit them and outlive the program.
 // The X display of the tests of windows on a display; empty: Wine's null driver.
 std::string gDisplay;
 
+// Runs a program with the environment of Wine's runs and waits for it, at
+// most timeoutMs.
 Ran RunProgram(const std::vector<std::string> &argv, int timeoutMs = kRunMs) {
-    std::vector<std::string> env;
-    for (char **e = environ; *e != nullptr; ++e) {
-        std::string var = *e;
-        std::string name = var.substr(0, var.find('='));
-        if (name != "DISPLAY" && name != "WAYLAND_DISPLAY" && name != "WINEPREFIX" && name != "WINEDEBUG" &&
-            name != "WINEDLLOVERRIDES" && name != "USER")
-            env.push_back(var);
-    }
-    env.push_back("WINEPREFIX=" + Prefix());
-    env.push_back("WINEDEBUG=-all");
-    env.push_back("WINEDLLOVERRIDES=mscoree,mshtml=");
-    env.push_back("USER=guest");
-    if (!gDisplay.empty()) env.push_back("DISPLAY=" + gDisplay);
-
-    // Everything the child needs is made before the fork: the emulator's
-    // threads may hold the allocator's lock at that moment.
-    std::vector<char *> args, envp;
-    for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
-    for (const auto &e : env) envp.push_back(const_cast<char *>(e.c_str()));
-    args.push_back(nullptr);
-    envp.push_back(nullptr);
-    char outPath[] = "/tmp/kvt-wine-out.XXXXXX", errPath[] = "/tmp/kvt-wine-err.XXXXXX";
-    int out = mkstemp(outPath), err = mkstemp(errPath);
-    int devnull = open("/dev/null", O_RDONLY);
     Ran ran;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(devnull, 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        execve(args[0], args.data(), envp.data());
-        _exit(127);
-    }
-    int status = -1;
-    if (pid < 0) ran.err = std::string("fork: ") + std::strerror(errno) + "\n";
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (pid > 0 && waitpid(pid, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-            ran.err = "killed after " + std::to_string(timeoutMs) + " ms\n";
-            status = -1;
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    if (status != -1 && WIFEXITED(status)) ran.status = WEXITSTATUS(status);
-    close(devnull);
-    close(out);
-    close(err);
-    ran.out = ReadFile(outPath);
-    ran.err += ReadFile(errPath);
-    unlink(outPath);
-    unlink(errPath);
+    static_cast<kvttest::ProgramRun &>(ran) = kvttest::RunProgram(
+        argv, {"WINEPREFIX=" + Prefix(), "WINEDEBUG=-all", "WINEDLLOVERRIDES=mscoree,mshtml=", "USER=guest",
+               "WAYLAND_DISPLAY", gDisplay.empty() ? "DISPLAY" : "DISPLAY=" + gDisplay},
+        timeoutMs);
     return ran;
 }
 
@@ -323,7 +260,7 @@ protected:
         return "C:\\kvtjob.bin";
     }
 
-    static std::string Log() { return ReadFile(SystemFolder() + "/KVTLOG"); }
+    static std::string Log() { return Slurp(SystemFolder() + "/KVTLOG"); }
     static bool Stored(const Ran &ran, const std::string &value) {
         auto values = ran.All("value");
         return std::count(values.begin(), values.end(), value) == 1;
@@ -628,9 +565,9 @@ protected:
         std::string xvfb = std::string(KVT_XVFB) + " -displayfd 3 -screen 0 800x600x24 -nolisten tcp 3>" + Prefix() +
                            "/display & echo $! >" + Prefix() + "/xvfb";
         ASSERT_EQ(std::system(xvfb.c_str()), 0);
-        for (int i = 0; i < 200 && ReadFile(Prefix() + "/display").empty(); ++i)
+        for (int i = 0; i < 200 && Slurp(Prefix() + "/display").empty(); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        gDisplay = ":" + std::to_string(std::atoi(ReadFile(Prefix() + "/display").c_str()));
+        gDisplay = ":" + std::to_string(std::atoi(Slurp(Prefix() + "/display").c_str()));
         Driver("x11");
     }
     void TearDown() override {
@@ -651,12 +588,12 @@ protected:
     // Once kvtspool stands at the window, a PNG of it, cut from the display, in
     // screenshots/ of the build tree; then kvtspool goes on.  False after 30 s.
     bool Screenshot(const std::string &which, const std::string &title, const std::string &file) {
-        for (int i = 0; i < 600 && ReadFile(Prefix() + "/drive_c/kvt-ready.txt") != which; ++i)
+        for (int i = 0; i < 600 && Slurp(Prefix() + "/drive_c/kvt-ready.txt") != which; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         std::string shot = "mkdir -p " KVT_WINE_SCREENSHOTS " && export DISPLAY=" + gDisplay + " && set -- $(xwininfo -name '" +
                            title + "' | awk '/Absolute upper-left|Width|Height/ {print $NF}') && " KVT_XWD
                            " -root -silent | " KVT_CONVERT " xwd:- -crop $3x$4+$1+$2 +repage " KVT_WINE_SCREENSHOTS "/" + file;
-        bool taken = ReadFile(Prefix() + "/drive_c/kvt-ready.txt") == which && std::system(shot.c_str()) == 0;
+        bool taken = Slurp(Prefix() + "/drive_c/kvt-ready.txt") == which && std::system(shot.c_str()) == 0;
         WriteFile(Prefix() + "/drive_c/kvt-go.txt", "");
         return taken;
     }
