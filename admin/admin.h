@@ -58,20 +58,24 @@ void CALLBACK MessageTimer(HWND hWnd, UINT uMsg, UINT_PTR idEvent, DWORD dwTime)
 #define IDS_QUEUE_NAME 1154
 #define IDS_LPR_SETTING 1155
 
-/* What dialog 550 works on: the port's queue name (the buffer that
- * GetPrintProtocol fills) and its protocol in the registry scheme. */
+/* What dialog 550 works on, one record per call on its stack: the port's
+ * queue name (the call's copy of what GetPrintProtocol read), its protocol in
+ * the registry scheme, and the notify setting while the dialog stands.  The
+ * dialog keeps the record's address as its own data (DWLP_USER), so two
+ * dialogs that stand at once each read and write only their own. */
 typedef struct _CONFIGRECORD {
     LPWSTR QueueNameBuffer;
     DWORD ConfigProtocol;
+    BYTE NotifyChoice;
 } ConfigRecord;
-
-extern ConfigRecord ConfigData;
-extern BYTE NotifyChoice;
 
 INT_PTR CALLBACK SelectProtocolDlg(HWND hDlg, UINT uMsg, WPARAM wParam, LPARAM lParam);
 
 /* A dialog's title (id 0) or a control's text from the string table. */
 void SetTextFromTable(HWND hDlg, int id, UINT stringId);
+/* The block a dialog keeps as its own data, set at its start-up. */
+void KeepDialogBlock(HWND hDlg, void *pBlock);
+void *DialogBlock(HWND hDlg);
 
 /* ---- adding ports (addport.cpp) ------------------------------------------------- */
 #define IDS_CREATE_REMOTE 820

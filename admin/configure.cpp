@@ -13,12 +13,6 @@
 #include "portstore.h"
 #include "resource.h"
 
-ConfigRecord ConfigData;
-BYTE NotifyChoice;
-
-/* The record of the dialog that stands; kept at its start-up. */
-static ConfigRecord *ConfigDialogRecord;
-
 /* The radio buttons, their protocols, and the bit of SupportProtocol that
  * offers each transport. */
 static const struct {
@@ -39,6 +33,9 @@ void SetTextFromTable(HWND hDlg, int id, UINT stringId) {
     else SetDlgItemTextW(hDlg, id, text);
 }
 
+void KeepDialogBlock(HWND hDlg, void *pBlock) { SetWindowLongPtrW(hDlg, DWLP_USER, (LONG_PTR)pBlock); }
+void *DialogBlock(HWND hDlg) { return (void *)GetWindowLongPtrW(hDlg, DWLP_USER); }
+
 static void InitSelectProtocolDlg(HWND hDlg, ConfigRecord *pRecord) {
     SetForegroundWindow(hDlg);
     SetTextFromTable(hDlg, 0, IDS_SELECT_PROTOCOL);
@@ -47,7 +44,7 @@ static void InitSelectProtocolDlg(HWND hDlg, ConfigRecord *pRecord) {
     SetTextFromTable(hDlg, IDC_LPR_SETTING, IDS_LPR_SETTING);
     SetTextFromTable(hDlg, IDC_QUEUE_LABEL, IDS_QUEUE_NAME);
     SetTextFromTable(hDlg, IDC_CONFIG_OK, IDS_OK);
-    ConfigDialogRecord = pRecord;
+    KeepDialogBlock(hDlg, pRecord);
 
     /* The box holds what the buffer holds: a person sees the limit while
      * typing, and OK never reads more. */
@@ -67,17 +64,18 @@ static void InitSelectProtocolDlg(HWND hDlg, ConfigRecord *pRecord) {
     for (int i = 1; i < PROTOCOL_BUTTONS; ++i)
         if ((SupportProtocol & ProtocolButtons[i].protocol) == 0)
             EnableWindow(GetDlgItem(hDlg, ProtocolButtons[i].id), FALSE);
-    if (NotifyChoice == 1) CheckDlgButton(hDlg, IDC_NOTIFY, BST_CHECKED);
+    if (pRecord->NotifyChoice == 1) CheckDlgButton(hDlg, IDC_NOTIFY, BST_CHECKED);
 }
 
 static void AcceptSelectProtocol(HWND hDlg) {
-    ConfigRecord *pRecord = ConfigDialogRecord;
+    ConfigRecord *pRecord = (ConfigRecord *)DialogBlock(hDlg);
+    if (pRecord == NULL) return;
     for (int i = 0; i < PROTOCOL_BUTTONS; ++i)
         if (IsDlgButtonChecked(hDlg, ProtocolButtons[i].id) == BST_CHECKED)
             pRecord->ConfigProtocol = ProtocolButtons[i].protocol;
     /* A longer text is cut at the buffer's 31 characters. */
     GetDlgItemTextW(hDlg, IDC_QUEUE_NAME, pRecord->QueueNameBuffer, PORT_QUEUE_CHARS);
-    NotifyChoice = IsDlgButtonChecked(hDlg, IDC_NOTIFY) == BST_CHECKED ? 1 : 0;
+    pRecord->NotifyChoice = IsDlgButtonChecked(hDlg, IDC_NOTIFY) == BST_CHECKED ? 1 : 0;
     EndDialog(hDlg, 1);
 }
 
@@ -116,14 +114,15 @@ static LONG OpenConfigKey(LPCWSTR pPortName, PHKEY phKey) {
     return RegOpenKeyW(HKEY_LOCAL_MACHINE, path, phKey);
 }
 
-/* The dialog shows and stores the call's own copy of the queue name, taken
- * under PortListLock right after the lookup: a job start on another thread,
- * whose lookup refreshes QueueNameBuffer, cannot change it, and ConfigData
- * never points into a call that has ended. */
+/* The dialog shows and stores the call's own record: its copy of the queue
+ * name, taken under PortListLock right after the lookup (a job start on
+ * another thread, whose lookup refreshes QueueNameBuffer, cannot change it),
+ * the protocol and the notify setting.  A second configure call while the
+ * dialog stands has a record of its own. */
 extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPortName) {
     WCHAR queueName[QUEUE_NAME_BYTES / sizeof(WCHAR)];
     queueName[0] = 0;
-    ConfigRecord record = {queueName, 0};
+    ConfigRecord record = {queueName, 0, 0};
     DebugLog("\n");
     DebugLog("Entry LocalmonConfigurePort\n");
     if (pName != NULL) LogWideName("Name: %s \t", pName);
@@ -163,11 +162,10 @@ extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPo
     if (RegQueryValueExW(hKey, flagName, NULL, NULL, &notify, &cb) != ERROR_SUCCESS || cb == 0) notify = 0;
     RegCloseKey(hKey);
     IsNOTIFY = notify;
-    NotifyChoice = notify;
+    record.NotifyChoice = notify;
     LogPrintf("IsNotify = %d\n", notify);
 
     record.ConfigProtocol = protocol;
-    ConfigData.ConfigProtocol = protocol;
     if (DialogBoxParamW(DllInstance, MAKEINTRESOURCEW(DLG_SELECT_PROTOCOL), hWnd, SelectProtocolDlg,
                         (LPARAM)&record) == 0) {
         DebugLog("Leave LocalmonConfigurePort - show dialogbox fail\n");
@@ -179,7 +177,6 @@ extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPo
         return FALSE;
     }
     WCHAR valueName[32];
-    ConfigData.ConfigProtocol = record.ConfigProtocol;
     BYTE stored = (BYTE)record.ConfigProtocol;
     LoadStr(IDS_PROTOCOL, valueName, 32);
     RegSetValueExW(hKey, valueName, 0, REG_BINARY, &stored, 1);
@@ -192,8 +189,8 @@ extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPo
         DebugLog("Leave LocalmonConfigurePort - open registry key fail\n");
         return FALSE;
     }
-    IsNOTIFY = NotifyChoice;
-    RegSetValueExW(hKey, flagName, 0, REG_BINARY, &NotifyChoice, 1);
+    IsNOTIFY = record.NotifyChoice;
+    RegSetValueExW(hKey, flagName, 0, REG_BINARY, &record.NotifyChoice, 1);
     RegCloseKey(hKey);
     DebugLog("Leave LocalmonConfigurePort - success\n");
     return TRUE;

@@ -8,7 +8,9 @@
  * Three modes, one per transport, differ in their search, and TCP/IP mode
  * alone fills and reads the queue-name boxes.  A list line is the only link
  * from a selection back to the table: its item data is the length of the
- * name at its start, and the name is looked up in the table.
+ * name at its start, and the name is looked up in the table.  Each dialog
+ * keeps the address of its block as its own data (DWLP_USER), never in a
+ * global, so one dialog never writes into another's block.
  */
 #include <winsock2.h>
 #include <windows.h>
@@ -21,10 +23,6 @@
 #include "discovery.h"
 #include "monitor.h"
 #include "resource.h"
-
-/* The block of the dialog that stands, kept at its start-up. */
-static PortParam *PortNameBlock;
-static PortParam *RemoteServerBlock;
 
 /* The three queue-name boxes, for printer ports 1 to 3. */
 static WCHAR *QueueField(PortParam *pParam, int j) {
@@ -67,22 +65,24 @@ BOOL ParseIPAddress(PortParam *pParam, LPCWSTR pText) {
 /* ---- dialog 300 -------------------------------------------------------------- */
 
 void AcceptRemotePrinter(HWND hDlg) {
+    PortParam *p = (PortParam *)DialogBlock(hDlg);
+    if (p == NULL) return;
     WCHAR name[SERVER_NAME_CHARS], address[IP_TEXT_CHARS];
     GetDlgItemTextW(hDlg, IDC_REMOTE_NAME, name, SERVER_NAME_CHARS);
     _wcsupr(name);
     GetDlgItemTextW(hDlg, IDC_REMOTE_IP, address, IP_TEXT_CHARS);
-    if (!ParseIPAddress(RemoteServerBlock, address)) {
+    if (!ParseIPAddress(p, address)) {
         ShowMessage(hDlg, MB_ICONSTOP, IDS_MESSAGE_CAPTION, IDS_INVALID_IP_ADDRESS, address);
         return;
     }
-    lstrcpynW(RemoteServerBlock->ServerName, name, SERVER_NAME_CHARS);
+    lstrcpynW(p->ServerName, name, SERVER_NAME_CHARS);
     EndDialog(hDlg, 1);
 }
 
 INT_PTR CALLBACK RemotePrinterDlg(HWND hDlg, UINT uMsg, WPARAM wParam, LPARAM lParam) {
     if (uMsg == WM_INITDIALOG) {
         SetForegroundWindow(hDlg);
-        RemoteServerBlock = (PortParam *)lParam;
+        KeepDialogBlock(hDlg, (PortParam *)lParam);
         WCHAR first[32], second[32], title[64];
         wsprintfW(title, TEXT("%s %s"), LoadStr(IDS_CREATE_REMOTE, first, 32), LoadStr(IDS_PRINTSERVER, second, 32));
         SetWindowTextW(hDlg, title);
@@ -128,7 +128,7 @@ static void InitPortNameDlgOf(AddPortMode mode, HWND hDlg, PortParam *pParam) {
                  {IDC_IP_LABEL, IDS_IP_ADDRESS}, {IDC_PRINT_PORT_LABEL, IDS_PRINT_PORT},
                  {IDC_QUEUE_GROUP, IDS_QUEUE_NAME}};
     SetForegroundWindow(hDlg);
-    PortNameBlock = pParam;
+    KeepDialogBlock(hDlg, pParam);
     for (size_t i = 0; i < sizeof texts / sizeof texts[0]; ++i) SetTextFromTable(hDlg, texts[i].id, texts[i].text);
     if (mode != MODE_TCPIP && (SupportProtocol & PROTOCOL_TCPIP) == 0)
         EnableWindow(GetDlgItem(hDlg, IDC_CREATE), FALSE);
@@ -234,7 +234,8 @@ static BOOL ReadPortName(HWND hDlg, WCHAR *pName /* PORT_NAME_CHARS */, BYTE *pL
 }
 
 void AcceptPortName(HWND hDlg) {
-    PortParam *p = PortNameBlock;
+    PortParam *p = (PortParam *)DialogBlock(hDlg);
+    if (p == NULL) return;
     WCHAR name[PORT_NAME_CHARS], address[IP_TEXT_CHARS];
     BYTE lptn;
     if (!ReadPortName(hDlg, name, &lptn, TRUE)) return;
@@ -262,27 +263,23 @@ void AcceptPortName(HWND hDlg) {
 }
 
 /* What the table's record of that name gives a port of IPX or NetBIOS mode:
- * Protocol, IPAddress in host order and NodeID.  FALSE when there is none. */
-static BOOL FoundInTable(LPCWSTR pName, PortParam *pOut) {
+ * Protocol, the address in host order and NodeID; without a record they stay
+ * as they are. */
+static void TakeFromTable(PortParam *p) {
     AvailPSRecord entry;
-    if (!FindAvailPS(pName, &entry)) return FALSE;
-    pOut->Protocol = entry.AutoProtocol == 0 ? PROTOCOL_TCPIP : PROTOCOL_AUTO;
-    pOut->IPAddress = ntohl(entry.IPAddress);
-    memcpy(pOut->NodeID, entry.NodeID, NODE_ID_BYTES);
-    return TRUE;
+    if (!FindAvailPS(p->ServerName, &entry)) return;
+    if (entry.AutoProtocol == 0) p->Protocol = PROTOCOL_TCPIP;
+    p->IPAddress = ntohl(entry.IPAddress);
+    memcpy(p->NodeID, entry.NodeID, NODE_ID_BYTES);
 }
 
 void AcceptPortName2(HWND hDlg) {
-    PortParam *p = PortNameBlock;
+    PortParam *p = (PortParam *)DialogBlock(hDlg);
+    if (p == NULL) return;
     WCHAR name[PORT_NAME_CHARS];
     if (!ReadPortName(hDlg, name, &p->Lptn, FALSE)) return;
     lstrcpynW(p->ServerName, name, SERVER_NAME_CHARS);
-    PortParam found;
-    if (FoundInTable(p->ServerName, &found)) {
-        if (found.Protocol != 0) p->Protocol = found.Protocol;
-        p->IPAddress = found.IPAddress;
-        memcpy(p->NodeID, found.NodeID, NODE_ID_BYTES);
-    }
+    TakeFromTable(p);
     EndDialog(hDlg, 1);
 }
 

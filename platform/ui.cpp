@@ -49,6 +49,7 @@ struct Window {
     std::vector<Window *> controls;
     bool ended = false;
     INT_PTR result = 0;
+    LONG_PTR user = 0;  // DWLP_USER: the procedure's own
     // A box's.
     std::u16string boxText;
     UINT type = 0;
@@ -447,6 +448,34 @@ BOOL WINAPI EnableWindow(HWND window, BOOL enable) {
     BOOL wasDisabled = !w->enabled;
     w->enabled = enable != FALSE;
     return wasDisabled;
+}
+
+// A dialog's own data, DWLP_USER alone: the procedure keeps there what
+// belongs to that dialog, so that two dialogs of one procedure on two threads
+// keep apart.  The result is the value before.
+LONG_PTR WINAPI SetWindowLongPtrW(HWND window, int index, LONG_PTR value) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    Window *w = Find(window);
+    if (w == nullptr) return 0;
+    if (w->kind != Window::Dialog || index != static_cast<int>(DWLP_USER)) {
+        SetLastError(ERROR_INVALID_INDEX);
+        return 0;
+    }
+    LONG_PTR before = w->user;
+    w->user = value;
+    SetLastError(0);
+    return before;
+}
+
+LONG_PTR WINAPI GetWindowLongPtrW(HWND window, int index) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    Window *w = Find(window);
+    if (w == nullptr) return 0;
+    if (w->kind != Window::Dialog || index != static_cast<int>(DWLP_USER)) {
+        SetLastError(ERROR_INVALID_INDEX);
+        return 0;
+    }
+    return w->user;
 }
 
 BOOL WINAPI SetForegroundWindow(HWND window) {

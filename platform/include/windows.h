@@ -115,6 +115,7 @@ typedef UINT_PTR SOCKET;
 #define ERROR_CANCELLED 1223L
 #define ERROR_INVALID_WINDOW_HANDLE 1400L
 #define ERROR_INVALID_HOOK_HANDLE 1404L
+#define ERROR_INVALID_INDEX 1413L
 #define ERROR_CONTROL_ID_NOT_FOUND 1421L
 #define ERROR_INVALID_HOOK_FILTER 1426L
 #define ERROR_RESOURCE_NAME_NOT_FOUND 1814L
@@ -356,6 +357,11 @@ LSTATUS WINAPI RegCloseKey(HKEY hKey);
 #define WH_CBT 5
 #define HCBT_CREATEWND 3
 
+/* A dialog's own data, as the 64-bit dialog manager lays it out. */
+#define DWLP_MSGRESULT 0
+#define DWLP_DLGPROC (DWLP_MSGRESULT + sizeof(LRESULT))
+#define DWLP_USER (DWLP_DLGPROC + sizeof(DLGPROC))
+
 typedef INT_PTR(CALLBACK *DLGPROC)(HWND, UINT, WPARAM, LPARAM);
 typedef LRESULT(CALLBACK *HOOKPROC)(int, WPARAM, LPARAM);
 typedef void(CALLBACK *TIMERPROC)(HWND, UINT, UINT_PTR, DWORD);
@@ -377,6 +383,8 @@ HHOOK WINAPI SetWindowsHookExW(int idHook, HOOKPROC lpfn, HINSTANCE hmod, DWORD 
 BOOL WINAPI UnhookWindowsHookEx(HHOOK hhk);
 UINT_PTR WINAPI SetTimer(HWND hWnd, UINT_PTR nIDEvent, UINT uElapse, TIMERPROC lpTimerFunc);
 BOOL WINAPI KillTimer(HWND hWnd, UINT_PTR uIDEvent);
+LONG_PTR WINAPI SetWindowLongPtrW(HWND hWnd, int nIndex, LONG_PTR dwNewLong);
+LONG_PTR WINAPI GetWindowLongPtrW(HWND hWnd, int nIndex);
 
 /* ---- user32: boxes --------------------------------------------------------- */
 #define MB_OK 0x00000000u

@@ -2,7 +2,11 @@
 // host offers, a person changes it (or not), and OK stores all three values.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
+#include <mutex>
+#include <set>
+#include <thread>
 
 #include "admin.h"
 #include "fixture.h"
@@ -119,6 +123,50 @@ TEST_F(Configure, FailuresStoreNothingThatComesAfterThem) {
         EXPECT_EQ(kvttest::LastLogLine(), "Leave LocalmonConfigurePort - " + c.leave);
         EXPECT_EQ(Stored(), c.stored);
     }
+}
+
+// Two administrators at once, on two spooler threads: both dialogs stand, the
+// second is answered and its call has returned before the first is answered,
+// and each port stores what its own dialog was given.
+TEST_F(Configure, TwoDialogsAtOnceEachStoreTheirOwnAnswers) {
+    Start(true, true, 2, u"qa", 0);
+    const std::u16string secondKey = kvttest::kPortsKey + u"\\PS1\\2";
+    CreateMonitorPortEntry(u"PS1-P2", MonitorName, 0x7F000002, nullptr, nullptr, '2');
+    kvttest::MakePortKeys(u"PS1", u'2', 0x7F000002, 2, u"qb");
+    std::mutex mutex;
+    std::set<HWND> standing;
+    std::atomic<bool> secondReturned{false};
+    kvthost::SetUiDriver([&](HWND d, int) {
+        kvthost::WindowView view;
+        kvthost::ViewWindow(d, &view);
+        bool first = false;
+        for (const kvthost::ControlView &c : view.controls)
+            if (c.id == IDC_QUEUE_NAME) first = c.text == u"qa";
+        size_t stand;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            standing.insert(d);
+            stand = standing.size();
+        }
+        if (stand < 2 || (first && !secondReturned)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            return;
+        }
+        kvthost::Click(d, first ? IDC_NETBEUI : IDC_IPX);
+        Type(d, first ? u"\b\bA1" : u"\b\bB2");
+        kvthost::Click(d, IDC_CONFIG_OK);
+    });
+    std::thread second([&] {
+        EXPECT_TRUE(LocalmonConfigurePort(nullptr, nullptr, const_cast<LPWSTR>(u"PS1-P2")));
+        secondReturned = true;
+    });
+    EXPECT_TRUE(LocalmonConfigurePort(nullptr, nullptr, const_cast<LPWSTR>(u"PS1-P1")));
+    second.join();
+    EXPECT_EQ(Stored(), "3:4 1:A1 3:0 ");
+    auto queue = kvttest::Value(secondKey, u"QueueName");
+    EXPECT_EQ(kvttest::Value(secondKey, u" "), (std::vector<BYTE>{1}));
+    ASSERT_TRUE(queue.has_value());
+    EXPECT_EQ(kvthost::Narrow(reinterpret_cast<const char16_t *>(queue->data())), "B2");
 }
 
 }  // namespace
