@@ -213,16 +213,17 @@ TEST_F(AddPort, DialogTwoHundredShowsTheSelectedServerAndOKTakesWhatItShows) {
                               "|OFF        TCP/IP Disabled |PS1        127.0.0.2 |PS3        127.0.0.3 "
                               "|PSQ        127.0.0.4 |ZERO       Automatic IP -208 -209 -210 -211 -1003 -1004 "
                               "201=LONGNAME123-P1 205=127.0.0.7 1002=qa 1003=qb 1004=qc\n";
-    const std::string q40(40, 't');
+    const std::string q40(40, 't'), longest(47, 'L');  // the longest name a record holds
     const struct {
         Act act;
         std::string shown, ports;
+        std::string created = "ps1";  // typed into dialog 300's name box
     } cases[] = {
         {[](HWND w) {
              kvthost::Click(w, IDC_PORT_OK), kvthost::Click(w, IDC_CREATE), kvthost::Click(w, IDC_CREATE);
              Select(w, "NEW ");
          },
-         " -210 -211 201=NEW-P1 205=10.1.1.1 1002=lpt1", "NEW-P1 10.1.1.1 2 lpt1;"},
+         " -210 -211 201=NEW-P1 205=10.1.1.1 1002=lpt1", "NEW-P1 10.1.1.1 2 lpt1;", "new"},
         {Pick("PS1 ", 3), " -208 -209 -210 -211 -1003 -1004 201=PS1-P1 205=127.0.0.2 1002=qa 1003=qb 1004=qc",
          "PS1-P1 127.0.0.2 0 qa;"},
         {Pick("PS3 ", 2, [](HWND w) { Type(w, IDC_QUEUE1 + 1, "typed"); }),
@@ -239,6 +240,10 @@ TEST_F(AddPort, DialogTwoHundredShowsTheSelectedServerAndOKTakesWhatItShows) {
          "LOW-P1 127.0.0.8 0 ;"},
         {[](HWND w) { kvthost::Click(w, IDC_CREATE), kvthost::Click(w, IDC_CREATE), Select(w, "PS1        1"); },
          " -208 -209 -210 -211 -1003 -1004 201=PS1-P1 205=10.1.1.1 1002=qa 1003=qb 1004=qc", "PS1-P1 10.1.1.1 0 qa;"},
+        // Typed past dialog 300's limit of 47; the Port box holds the name and its suffix whole.
+        {[=](HWND w) { kvthost::Click(w, IDC_CREATE), kvthost::Click(w, IDC_CREATE), Select(w, longest); },
+         " -210 -211 201=" + longest + "-P1 205=10.1.1.1 1002=lpt1", longest + "-P1 10.1.1.1 2 lpt1;",
+         std::string(50, 'l')},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.shown);
@@ -247,7 +252,7 @@ TEST_F(AddPort, DialogTwoHundredShowsTheSelectedServerAndOKTakesWhatItShows) {
         std::vector<std::string> addresses = {"0.0.0.0", "10.1.1.1"};
         person->act = [&](HWND w, const kvthost::WindowView &v) {
             if (v.templateId == DLG_REMOTE_SERVER) {
-                Type(w, IDC_REMOTE_NAME, &c == &cases[0] ? "new" : "ps1");
+                Type(w, IDC_REMOTE_NAME, c.created);
                 Type(w, IDC_REMOTE_IP, addresses.empty() ? "1.2.3" : addresses.front());
                 if (!addresses.empty()) addresses.erase(addresses.begin());
                 kvthost::Click(w, IDC_PORT_OK);
