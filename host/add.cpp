@@ -42,8 +42,9 @@ std::set<std::string> PortNames(const MONITOR *m) {
     return names;
 }
 
-// Lays the list file or the marker file; false with a message.
-bool LayHandOver(const AddAnswers &answers) {
+// Lays the list file or the marker file, into *pLaid when none lay there
+// before; false with a message.
+bool LayHandOver(const AddAnswers &answers, std::string *pLaid) {
     std::string bytes;
     if (answers.list) {
         std::ifstream in(*answers.list, std::ios::binary);
@@ -54,12 +55,29 @@ bool LayHandOver(const AddAnswers &answers) {
         bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
     std::string path = HandOverPath(answers.list ? u"KVTLIST.BIN" : u"KVTJLPR");
+    bool lay = !Lies(path);
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     if (!out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())) || !out.flush()) {
         std::fprintf(stderr, "kvtmon add: cannot write %s\n", path.c_str());
         return false;
     }
+    if (lay) *pLaid = path;
     return true;
+}
+
+// A hand-over file that kvtmon laid and the add did not take (no transport
+// offered, the NetBIOS start-up failed, the monitor not loaded, or a list
+// file that lay there first) would make the next add take its way without
+// being asked: it goes, and kvtmon says so.
+void TakeBackHandOver(const std::string &laid) {
+    if (laid.empty() || !Lies(laid)) return;
+    std::string name = laid.substr(laid.find_last_of('/') + 1);
+    if (std::remove(laid.c_str()) == 0)
+        std::fprintf(stderr, "kvtmon add: the monitor did not take %s; removed it, so the next add does not take it\n",
+                     name.c_str());
+    else
+        std::fprintf(stderr, "kvtmon add: the monitor did not take %s, and it cannot be removed: %s\n", name.c_str(),
+                     laid.c_str());
 }
 
 }  // namespace
@@ -86,7 +104,8 @@ int AddCommand(int argc, char **argv) {
                      "(--server, --lpt, --queue, --create, --cancel, --all, --list); no port made\n");
         return 2;
     }
-    if ((answers.all || answers.list) && !LayHandOver(answers)) return 2;
+    std::string laid;
+    if ((answers.all || answers.list) && !LayHandOver(answers, &laid)) return 2;
     // The monitor's start-up box (with the log on) goes to the same driver.
     if (terminal) UseTerminal();
     else UseAddAnswers(answers);
@@ -107,6 +126,7 @@ int AddCommand(int argc, char **argv) {
     }
     EndTerminal();
     kvthost::SetUiDriver(nullptr);
+    TakeBackHandOver(laid);
     if (m == nullptr) {
         std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
         return 2;

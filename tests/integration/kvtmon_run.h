@@ -42,11 +42,13 @@ protected:
         std::error_code ec;
         std::filesystem::remove_all(dir_, ec);
     }
-    // kvtmon ARGS with KVT_PREFIX=<dir_>/prefix and KVT_TIMESCALE=<timeScale_>.
-    KvtmonRun Kvtmon(std::vector<std::string> args, int killAfterMs = -1) {
+    // kvtmon ARGS with KVT_PREFIX=<dir_>/prefix and KVT_TIMESCALE=<timeScale_>,
+    // and the environment's changes given.
+    KvtmonRun Kvtmon(std::vector<std::string> args, int killAfterMs = -1, std::vector<std::string> env = {}) {
         args.insert(args.begin(), KvtmonPath());
-        return RunProgram(std::move(args), {"KVT_PREFIX=" + dir_ + "/prefix", std::string("KVT_TIMESCALE=") + timeScale_},
-                          killAfterMs);
+        env.push_back("KVT_PREFIX=" + dir_ + "/prefix");
+        env.push_back(std::string("KVT_TIMESCALE=") + timeScale_);
+        return RunProgram(std::move(args), env, killAfterMs);
     }
     void StartServers(const std::vector<kvtps::ServerConfig> &servers) {
         std::string error;

@@ -139,4 +139,41 @@ TEST_F(KvtmonPrint, AMissingPrefixOrAnUnreadableHiveIsNamed) {
     EXPECT_TRUE(kvttest::Holds(run.err, "kvtmon init"));
 }
 
+// A hand-over file that kvtmon add laid and the add did not take goes, and
+// kvtmon says so; the next add then opens its dialog as asked.
+TEST_F(KvtmonPrint, AddTakesBackAHandOverFileTheMonitorLeft) {
+    const std::string folder = dir_ + "/prefix/drive_c/Windows/SysWOW64/", list = dir_ + "/list.bin";
+    std::string record(278, '\0');
+    record.replace(0, 3, "LST"), record[69] = 1, record[77] = 1;
+    std::ofstream(list, std::ios::binary) << record;
+    const std::string hive = Slurp(dir_ + "/prefix/system.reg");
+    const struct {
+        const char *what, *transports;  // "-": no network component at all
+        std::vector<std::string> args, env;
+        bool listFirst;  // a list file lies there before kvtmon add
+        int status;
+        const char *left;  // the file kvtmon says it removed; "" none
+    } cases[] = {
+        {"the monitor not loaded", "tcpip", {"--all"}, {"KVT64_SO=" + dir_ + "/none.so"}, false, 2, "KVTJLPR"},
+        {"no transport offered", "-", {"--list", list}, {}, false, 1, "KVTLIST.BIN"},
+        {"the NetBIOS start-up failed", "netbios", {"--all"}, {}, false, 1, "KVTJLPR"},
+        {"a list file lay there first", "tcpip", {"--all"}, {}, true, 0, "KVTJLPR"},
+        {"taken", "tcpip", {"--list", list}, {}, false, 0, ""},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        if (*c.transports == '-') std::ofstream(dir_ + "/prefix/system.reg", std::ios::binary)
+            << hive.substr(0, hive.find("[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services"));
+        else ASSERT_EQ(Kvtmon({"init", "--transports", c.transports}).status, 0);
+        if (c.listFirst) std::ofstream(folder + "KVTLIST.BIN", std::ios::binary) << record;
+        std::vector<std::string> args = c.args;
+        args.insert(args.begin(), "add");
+        KvtmonRun run = Kvtmon(args, -1, c.env);
+        EXPECT_EQ(run.status, c.status) << run.err;
+        EXPECT_FALSE(std::ifstream(folder + "KVTJLPR").good() || std::ifstream(folder + "KVTLIST.BIN").good());
+        const std::string said = std::string("the monitor did not take ") + c.left + "; removed it";
+        EXPECT_EQ(run.err.find(said) != std::string::npos, *c.left != 0) << run.err;
+    }
+}
+
 }  // namespace
