@@ -196,9 +196,10 @@ extern "C" BOOL WINAPI LocalmonAddPort(LPWSTR pName, HWND hWnd, LPWSTR pMonitorN
     } else {
         DebugLog("Support NETBIOS\n");
         mode = MODE_NETBIOS;
+        const LONG runs = NBStartupRuns();
         if (!bStartup) {
             DebugLog("bStartup = FALSE , call NBStartup again\n");
-            bStartup = NBStartup();
+            bStartup = NBStartupSince(runs);
             if (!bStartup) {
                 SetAddPortBusy(FALSE);
                 DebugLog("Leave LocalmonAddPort - NBStartup fail\n");

@@ -298,7 +298,7 @@ void CreateRemoteServer(HWND hDlg) {
         return;
     }
     EnterCriticalSection(&AvailPSLock);
-    int index = AvailPSNextIndex(block.ServerName);
+    int index = AvailPSNextIndex(TotalPrintServer, block.ServerName);
     if (index >= 0) {
         AvailPSRecord *entry = &AvailPS[index];
         lstrcpynW(entry->Name, block.ServerName, AVAILPS_NAME_CHARS);

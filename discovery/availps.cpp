@@ -17,9 +17,9 @@ CRITICAL_SECTION AvailPSLock;
 static const int ListQueueOffsets[AVAILPS_PRINTER_PORTS] = {LIST_QUEUE_OFFSET, LIST_QUEUE_OFFSET + LIST_QUEUE_BYTES,
                                                             LIST_QUEUE_OFFSET + 2 * LIST_QUEUE_BYTES};
 
-int AvailPSNextIndex(LPCWSTR pName) {
-    int index = TotalPrintServer;
-    if (index >= 0 && index < AVAILPS_RECORDS) return index;
+int AvailPSNextIndex(int count, LPCWSTR pName) {
+    int index = count < 0 ? 0 : count;
+    if (index < AVAILPS_RECORDS) return index;
     LogWideName("AvailPS full, left out: %s\n", pName);
     return -1;
 }
@@ -32,17 +32,36 @@ void AvailPSFromEEPROM(const BYTE *pImage, AvailPSRecord *pEntry) {
     if (pImage[EEPROM_CONFIG_OFFSET] & EEPROM_CONFIG_TCPIP_ENABLED) pEntry->Flags |= PS_FLAG_TCPIP_ENABLED;
 }
 
-AvailPSRecord *AvailPSTakeName(LPCWSTR pName, BYTE autoProtocol, int *pIndex) {
-    for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i)
-        if (lstrcmpW(AvailPS[i].Name, pName) == 0) return NULL;
-    int index = AvailPSNextIndex(pName);
+AvailPSRecord *AvailPSTakeName(AvailPSTable *pTable, LPCWSTR pName, BYTE autoProtocol, int *pIndex) {
+    for (int i = 0; i < pTable->Count && i < AVAILPS_RECORDS; ++i)
+        if (lstrcmpW(pTable->Records[i].Name, pName) == 0) return NULL;
+    int index = AvailPSNextIndex(pTable->Count, pName);
     if (index < 0) return NULL;
-    AvailPSRecord *record = &AvailPS[index];
+    AvailPSRecord *record = &pTable->Records[index];
     lstrcpynW(record->Name, pName, AVAILPS_NAME_CHARS);
     record->AutoProtocol = autoProtocol;
-    TotalPrintServer = index + 1;
+    pTable->Count = index + 1;
     if (pIndex != NULL) *pIndex = index;
     return record;
+}
+
+AvailPSTable *AvailPSBeginSearch(void) {
+    AvailPSTable *table = (AvailPSTable *)LocalAlloc(LMEM_FIXED, sizeof(AvailPSTable));
+    if (table == NULL) return NULL;
+    EnterCriticalSection(&AvailPSLock);
+    memcpy(table->Records, AvailPS, sizeof AvailPS);
+    table->Count = TotalPrintServer;
+    LeaveCriticalSection(&AvailPSLock);
+    return table;
+}
+
+void AvailPSEndSearch(AvailPSTable *pTable) {
+    if (pTable == NULL) return;
+    EnterCriticalSection(&AvailPSLock);
+    memcpy(AvailPS, pTable->Records, sizeof AvailPS);
+    TotalPrintServer = pTable->Count;
+    LeaveCriticalSection(&AvailPSLock);
+    LocalFree(pTable);
 }
 
 int AvailPSCount(void) {
@@ -108,7 +127,7 @@ void AvailPSFromListRecord(const BYTE *pRecord, AvailPSRecord *pEntry) {
 BOOL AddListRecord(const BYTE *pRecord) {
     WCHAR name[AVAILPS_NAME_CHARS];
     WidenText(pRecord + LIST_NAME_OFFSET, LIST_NAME_BYTES, name, AVAILPS_NAME_CHARS);
-    int index = AvailPSNextIndex(name);
+    int index = AvailPSNextIndex(TotalPrintServer, name);
     if (index < 0) return FALSE;
     AvailPSFromListRecord(pRecord, &AvailPS[index]);
     TotalPrintServer = index + 1;

@@ -51,24 +51,36 @@ typedef struct _AVAILPS {
 
 /* The used records are the first TotalPrintServer ones, in the order found.
  * Nothing is ever written at index AVAILPS_RECORDS or beyond: a server found
- * when the table is full is left out (see AvailPSFull). */
+ * when the table is full is left out (see AvailPSNextIndex). */
 extern AvailPSRecord AvailPS[AVAILPS_RECORDS];
 extern int TotalPrintServer;
 
-/* The table's own lock (made at load, re-entrant).  A search or the reading of
- * the list file holds it from its reset of TotalPrintServer to its last record;
- * whoever reads records (a dialog's lookup) holds it while it reads. */
+/* The table's own lock (made at load, re-entrant).  Whoever writes AvailPS or
+ * TotalPrintServer holds it while it writes, whoever reads records while it
+ * reads.  No search holds it over the network: a search fills a table of its
+ * own and takes the lock only to copy AvailPS in and back. */
 extern CRITICAL_SECTION AvailPSLock;
 
-/* The index at which the next record goes: TotalPrintServer, read once, or -1
- * when the table is full (logged, with the server that is left out).  The
- * writer fills the record at that index and then sets TotalPrintServer to the
- * index plus one. */
-int AvailPSNextIndex(LPCWSTR pName);
+/* A table that one search fills: records and count, as AvailPS has them. */
+typedef struct _AVAILPSTABLE {
+    AvailPSRecord Records[AVAILPS_RECORDS];
+    int Count;
+} AvailPSTable;
+
+/* A search's table, a copy of AvailPS and its count taken under the lock;
+ * NULL without memory for it.  AvailPSEndSearch puts the table back into
+ * AvailPS under the lock and frees it (NULL: nothing happens). */
+AvailPSTable *AvailPSBeginSearch(void);
+void AvailPSEndSearch(AvailPSTable *pTable);
+
+/* The index at which the next record goes behind count records, or -1 when
+ * the table is full (logged, with the server that is left out).  The writer
+ * fills the record at that index and then makes the count the index plus one. */
+int AvailPSNextIndex(int count, LPCWSTR pName);
 /* A search's answer from a print server not yet in the table: a record with
- * its name and AutoProtocol, counted in TotalPrintServer; NULL for a name the
- * table holds already, or a full table.  The caller holds AvailPSLock. */
-AvailPSRecord *AvailPSTakeName(LPCWSTR pName, BYTE autoProtocol, int *pIndex);
+ * its name and AutoProtocol, counted in pTable->Count; NULL for a name the
+ * table holds already, or a full table. */
+AvailPSRecord *AvailPSTakeName(AvailPSTable *pTable, LPCWSTR pName, BYTE autoProtocol, int *pIndex);
 
 /* Reads of the table under AvailPSLock, for the dialogs and the silent add:
  * the count; a copy of record index, FALSE when it is no used record; a copy

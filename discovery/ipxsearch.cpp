@@ -17,22 +17,21 @@
 
 static const BYTE BroadcastNode[NODE_ID_BYTES] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 
-BOOL IPXSearchTakeReply(const BYTE *pReply, int cb, const BYTE *senderNode) {
+BOOL IPXSearchTakeReply(AvailPSTable *pTable, const BYTE *pReply, int cb, const BYTE *senderNode) {
     if (cb < IPX_SEARCH_REPLY_MIN || !IsManagementReply(MGMT_CARRIER_IPX, pReply, cb, MGMT_SEARCH)) return FALSE;
     const BYTE *body = pReply + MGMT_IPX_BODY;
     /* Trailing blanks stay: the job start compares the name with its port's. */
     WCHAR name[AVAILPS_NAME_CHARS];
     WidenText(body + SEARCH_NAME_OFFSET, SEARCH_NAME_BYTES, name, AVAILPS_NAME_CHARS);
-    AvailPSRecord *record = AvailPSTakeName(name, body[SEARCH_AUTOPROTOCOL_OFFSET], NULL);
+    AvailPSRecord *record = AvailPSTakeName(pTable, name, body[SEARCH_AUTOPROTOCOL_OFFSET], NULL);
     if (record == NULL) return FALSE;
     memcpy(record->NodeID, senderNode, NODE_ID_BYTES);
     return TRUE;
 }
 
-BOOL IPXSearch(int passes, int readInfo) {
+BOOL IPXSearchInto(AvailPSTable *pTable, int passes, int readInfo) {
     SOCKET s = IPXOpenSocket(TRUE);
     if (s == INVALID_SOCKET) return FALSE;
-    EnterCriticalSection(&AvailPSLock);
     BYTE query[MGMT_QUERY_MAX_BYTES];
     int cbQuery = BuildManagementQuery(MGMT_CARRIER_IPX, MGMT_SEARCH, NULL, query);
     SOCKADDR_IPX to;
@@ -45,26 +44,34 @@ BOOL IPXSearch(int passes, int readInfo) {
             SOCKADDR_IPX from;
             int cb;
             if (!IPXTimedRecv(s, reply, sizeof reply, &cb, &from)) break;
-            IPXSearchTakeReply(reply, cb, (const BYTE *)from.sa_nodenum);
+            IPXSearchTakeReply(pTable, reply, cb, (const BYTE *)from.sa_nodenum);
         }
     }
     closesocket(s);
 
     if (readInfo == 1)
-        for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i) IPXReadInfo(AvailPS[i].NodeID, i);
-    LeaveCriticalSection(&AvailPSLock);
+        for (int i = 0; i < pTable->Count && i < AVAILPS_RECORDS; ++i)
+            IPXReadInfo(pTable->Records[i].NodeID, &pTable->Records[i]);
     return TRUE;
 }
 
-BOOL IPXTakeEEPROM(const BYTE *pReply, int cb, int index) {
-    if (index < 0 || index >= AVAILPS_RECORDS || cb < IPX_EEPROM_REPLY_MIN ||
+BOOL IPXSearch(int passes, int readInfo) {
+    AvailPSTable *table = AvailPSBeginSearch();
+    if (table == NULL) return FALSE;
+    BOOL result = IPXSearchInto(table, passes, readInfo);
+    AvailPSEndSearch(table);
+    return result;
+}
+
+BOOL IPXTakeEEPROM(const BYTE *pReply, int cb, AvailPSRecord *pRecord) {
+    if (cb < IPX_EEPROM_REPLY_MIN ||
         !IsManagementReply(MGMT_CARRIER_IPX, pReply, cb, MGMT_READ_EEPROM))
         return FALSE;
-    AvailPSFromEEPROM(pReply + MGMT_IPX_BODY, &AvailPS[index]);
+    AvailPSFromEEPROM(pReply + MGMT_IPX_BODY, pRecord);
     return TRUE;
 }
 
-BOOL IPXReadInfo(const BYTE *nodeID, int index) {
+BOOL IPXReadInfo(const BYTE *nodeID, AvailPSRecord *pRecord) {
     SOCKET s = IPXOpenSocket(FALSE);
     if (s == INVALID_SOCKET) return FALSE;
     BYTE query[MGMT_QUERY_MAX_BYTES];
@@ -76,7 +83,7 @@ BOOL IPXReadInfo(const BYTE *nodeID, int index) {
         IPXSendStep(s, &to, query, cbQuery);
         int cb;
         /* The sender isn't compared; a stray datagram costs a try. */
-        if (IPXTimedRecv(s, reply, sizeof reply, &cb, NULL) && IPXTakeEEPROM(reply, cb, index)) break;
+        if (IPXTimedRecv(s, reply, sizeof reply, &cb, NULL) && IPXTakeEEPROM(reply, cb, pRecord)) break;
     }
     closesocket(s);
     return TRUE;

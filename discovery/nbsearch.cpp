@@ -25,24 +25,24 @@ void NBCfgName(const BYTE *pShortName, char *pOut) {
     memcpy(pOut + n, ".CFG", 5);
 }
 
-BOOL NBSearchTakeReply(const BYTE *pReply, int cb, char (*cfgNames)[NB_CFG_NAME_BYTES]) {
+BOOL NBSearchTakeReply(AvailPSTable *pTable, const BYTE *pReply, int cb, char (*cfgNames)[NB_CFG_NAME_BYTES]) {
     if (cb < NB_SEARCH_REPLY_MIN || !IsManagementReply(MGMT_CARRIER_NETBIOS, pReply, cb, MGMT_SEARCH)) return FALSE;
     const BYTE *body = pReply + MGMT_NETBIOS_BODY;
     WCHAR name[AVAILPS_NAME_CHARS];
     WidenText(body + SEARCH_NAME_OFFSET, SEARCH_NAME_BYTES, name, AVAILPS_NAME_CHARS);
     int index;
-    if (AvailPSTakeName(name, body[SEARCH_AUTOPROTOCOL_OFFSET], &index) == NULL) return FALSE;
+    if (AvailPSTakeName(pTable, name, body[SEARCH_AUTOPROTOCOL_OFFSET], &index) == NULL) return FALSE;
     NBCfgName(body + SEARCH_SHORT_NAME_OFFSET, cfgNames[index]);
     return TRUE;
 }
 
-BOOL NBTakeEEPROM(const BYTE *pReply, int cb, int index) {
-    if (index < 0 || index >= AVAILPS_RECORDS || cb < NB_EEPROM_REPLY_MIN ||
+BOOL NBTakeEEPROM(const BYTE *pReply, int cb, AvailPSRecord *pRecord) {
+    if (cb < NB_EEPROM_REPLY_MIN ||
         !IsManagementReply(MGMT_CARRIER_NETBIOS, pReply, cb, MGMT_READ_EEPROM))
         return FALSE;
     const BYTE *image = pReply + MGMT_NETBIOS_BODY;
-    memcpy(AvailPS[index].NodeID, image + EEPROM_NODE_OFFSET, NODE_ID_BYTES);
-    AvailPSFromEEPROM(image, &AvailPS[index]);
+    memcpy(pRecord->NodeID, image + EEPROM_NODE_OFFSET, NODE_ID_BYTES);
+    AvailPSFromEEPROM(image, pRecord);
     return TRUE;
 }
 
@@ -90,7 +90,7 @@ static void CancelIfPending(NCB *pReceive) {
     if (NBRetCode(pReceive) == NRC_PENDING) NBCancel(pReceive);
 }
 
-BOOL NBReadEEPROM(const char *name, int index) {
+BOOL NBReadEEPROM(const char *name, AvailPSRecord *pRecord) {
     NCB send, receive;
     BYTE reply[NB_READ_BUFFER];
     Query query;
@@ -103,7 +103,7 @@ BOOL NBReadEEPROM(const char *name, int index) {
         Sleep(NB_SEARCH_WAIT_MS);
         if (NBRetCode(&receive) == NRC_GOODRET) {
             /* A reply of another command, or one too short, costs a try. */
-            if (NBTakeEEPROM(reply, receive.ncb_length, index)) return TRUE;
+            if (NBTakeEEPROM(reply, receive.ncb_length, pRecord)) return TRUE;
             Arm(&receive, reply, sizeof reply);
         }
         SendQuery(&send, &query);
@@ -112,7 +112,7 @@ BOOL NBReadEEPROM(const char *name, int index) {
     return TRUE;
 }
 
-BOOL NBSearch(void) {
+BOOL NBSearchInto(AvailPSTable *pTable) {
     NCB send, receives[NB_SEARCH_RECEIVES];
     BYTE buffers[NB_SEARCH_RECEIVES][NB_SEARCH_BUFFER];
     /* A record that the table held before the search has no entry, and no read. */
@@ -122,7 +122,6 @@ BOOL NBSearch(void) {
     memset(cfgNames, 0, sizeof cfgNames);
     LoadNarrow(IDS_NB_GROUP_NAME, group, sizeof group);
     MakeQuery(&query, group, MGMT_SEARCH);
-    EnterCriticalSection(&AvailPSLock);
     FromWorkingNcb(&send);
     for (int i = 0; i < NB_SEARCH_RECEIVES; ++i) {
         FromWorkingNcb(&receives[i]);
@@ -134,15 +133,22 @@ BOOL NBSearch(void) {
         /* A block that ended in an error takes no further part. */
         for (int i = 0; i < NB_SEARCH_RECEIVES; ++i) {
             if (NBRetCode(&receives[i]) != NRC_GOODRET) continue;
-            NBSearchTakeReply(buffers[i], receives[i].ncb_length, cfgNames);
+            NBSearchTakeReply(pTable, buffers[i], receives[i].ncb_length, cfgNames);
             Arm(&receives[i], buffers[i], NB_SEARCH_BUFFER);
         }
         SendQuery(&send, &query);
     }
     for (int i = 0; i < NB_SEARCH_RECEIVES; ++i) CancelIfPending(&receives[i]);
     Sleep(NB_SEARCH_WAIT_MS);
-    for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i)
-        if (cfgNames[i][0] != 0) NBReadEEPROM(cfgNames[i], i);
-    LeaveCriticalSection(&AvailPSLock);
+    for (int i = 0; i < pTable->Count && i < AVAILPS_RECORDS; ++i)
+        if (cfgNames[i][0] != 0) NBReadEEPROM(cfgNames[i], &pTable->Records[i]);
+    return TRUE;
+}
+
+BOOL NBSearch(void) {
+    AvailPSTable *table = AvailPSBeginSearch();
+    if (table == NULL) return FALSE;
+    NBSearchInto(table);
+    AvailPSEndSearch(table);
     return TRUE;
 }

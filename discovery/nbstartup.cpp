@@ -8,6 +8,7 @@
 #include <windows.h>
 #include <nb30.h>
 
+#include <atomic>
 #include <stdio.h>
 #include <string.h>
 
@@ -21,8 +22,9 @@ NCB WorkingNcb, PortNcb1, PortNcb2, PortNcb3;
 CRITICAL_SECTION NBStartupLock;
 
 /* Start-ups finished so far, and the result of the last: written under the
- * lock; a caller that saw the count change while it waited takes the result. */
-static volatile LONG StartupRuns;
+ * lock, the count last, after bStartup; a caller that took the count before it
+ * tested bStartup and finds it changed takes the result. */
+static std::atomic<LONG> StartupRuns;
 static BOOL StartupResult;
 
 void NBSetName(UCHAR *pField, const char *pText) {
@@ -244,13 +246,14 @@ static BOOL RunStartup(void) {
     return FALSE;
 }
 
-BOOL NBStartup(void) {
-    const LONG runs = StartupRuns;
+LONG NBStartupRuns(void) { return StartupRuns.load(); }
+
+BOOL NBStartupSince(LONG seen) {
     DebugLog("\n");
     DebugLog("Entry NBStartup\n");
     EnterCriticalSection(&NBStartupLock);
-    if (StartupRuns != runs) {
-        /* Another thread's start-up ran while this one waited: its names are
+    if (StartupRuns.load() != seen) {
+        /* Another thread's start-up ran since the caller looked: its names are
          * fresh, and a second reset would take them from under its caller. */
         BOOL result = StartupResult;
         LeaveCriticalSection(&NBStartupLock);
@@ -258,11 +261,14 @@ BOOL NBStartup(void) {
         return result;
     }
     StartupResult = RunStartup();
-    StartupRuns = runs + 1;
+    bStartup = StartupResult;
+    StartupRuns.store(seen + 1);
     BOOL result = StartupResult;
     LeaveCriticalSection(&NBStartupLock);
     return result;
 }
+
+BOOL NBStartup(void) { return NBStartupSince(StartupRuns.load()); }
 
 void CheckNETBIOS(void) {
     /* The template keeps pointing here after the call. */

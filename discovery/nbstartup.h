@@ -32,8 +32,15 @@ extern CRITICAL_SECTION NBStartupLock;
  * when no LANA gives one. */
 BOOL GetUniquename(char *out);
 /* Brings the four templates up; FALSE when no print server answered, or a
- * name could not be added.  Each caller stores the result in bStartup. */
+ * name could not be added.  The result is in bStartup before the start-up
+ * counts as finished; each caller stores it there too. */
 BOOL NBStartup(void);
+/* The start-ups finished so far.  A caller that starts up when bStartup is
+ * FALSE takes this count before it tests bStartup and hands it to
+ * NBStartupSince: a start-up that another thread finished in between is then
+ * taken (its result returned) rather than run again over the names it added. */
+LONG NBStartupRuns(void);
+BOOL NBStartupSince(LONG seen);
 /* Sends through PortNcb1; a stale name number (NRC_ILLNN) starts over. */
 void CheckNETBIOS(void);
 

@@ -82,7 +82,7 @@ BOOL TCPSearchRcv(SOCKET s, char *buffer, int size, struct sockaddr_in *source, 
     return TRUE;
 }
 
-BOOL TCPSearchTakeReply(const BYTE *pReply, int cb) {
+BOOL TCPSearchTakeReply(AvailPSTable *pTable, const BYTE *pReply, int cb) {
     if (cb < TCP_SEARCH_REPLY_MIN || !IsManagementReply(MGMT_CARRIER_UDP, pReply, cb, MGMT_SEARCH)) return FALSE;
     const BYTE *body = pReply + MGMT_UDP_BODY;
     BYTE type = body[SEARCH_TYPE_OFFSET];
@@ -94,17 +94,16 @@ BOOL TCPSearchTakeReply(const BYTE *pReply, int cb) {
     int len = WidenText(body + SEARCH_NAME_OFFSET, SEARCH_NAME_BYTES, name, AVAILPS_NAME_CHARS);
     while (len > 0 && name[len - 1] == ' ') name[--len] = 0;
 
-    AvailPSRecord *record = AvailPSTakeName(name, body[SEARCH_AUTOPROTOCOL_OFFSET], NULL);
+    AvailPSRecord *record = AvailPSTakeName(pTable, name, body[SEARCH_AUTOPROTOCOL_OFFSET], NULL);
     if (record == NULL) return FALSE;
     record->Type = type;
     memcpy(record->NodeID, pReply, NODE_ID_BYTES);
     return TRUE;
 }
 
-BOOL TCPSearch(void) {
+BOOL TCPSearchInto(AvailPSTable *pTable) {
     SOCKET s = OpenSearchSocket();
     if (s == INVALID_SOCKET) return FALSE;
-    EnterCriticalSection(&AvailPSLock);
     BYTE query[MGMT_QUERY_MAX_BYTES];
     BuildManagementQuery(MGMT_CARRIER_UDP, MGMT_SEARCH, NULL, query);
 
@@ -115,34 +114,43 @@ BOOL TCPSearch(void) {
             struct sockaddr_in source;
             int cb;
             if (!TCPSearchRcv(s, reply, sizeof reply, &source, &cb)) break;
-            TCPSearchTakeReply((const BYTE *)reply, cb);
+            TCPSearchTakeReply(pTable, (const BYTE *)reply, cb);
         }
     }
     closesocket(s);
 
-    for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i) TCPReadEEPROM(AvailPS[i].NodeID, i);
-    for (int i = 0; i < TotalPrintServer && i < AVAILPS_RECORDS; ++i) TCPSearchQueueName(AvailPS[i].NodeID, i);
-    LeaveCriticalSection(&AvailPSLock);
+    for (int i = 0; i < pTable->Count && i < AVAILPS_RECORDS; ++i)
+        TCPReadEEPROM(pTable->Records[i].NodeID, &pTable->Records[i]);
+    for (int i = 0; i < pTable->Count && i < AVAILPS_RECORDS; ++i)
+        TCPSearchQueueName(pTable->Records[i].NodeID, &pTable->Records[i]);
     return TRUE;
 }
 
-BOOL TCPTakeEEPROM(const BYTE *pReply, int cb, const BYTE *nodeID, int index) {
-    if (index < 0 || index >= AVAILPS_RECORDS || cb < TCP_EEPROM_REPLY_MIN ||
+BOOL TCPSearch(void) {
+    AvailPSTable *table = AvailPSBeginSearch();
+    if (table == NULL) return FALSE;
+    BOOL result = TCPSearchInto(table);
+    AvailPSEndSearch(table);
+    return result;
+}
+
+BOOL TCPTakeEEPROM(const BYTE *pReply, int cb, const BYTE *nodeID, AvailPSRecord *pRecord) {
+    if (cb < TCP_EEPROM_REPLY_MIN ||
         !IsManagementReply(MGMT_CARRIER_UDP, pReply, cb, MGMT_READ_EEPROM) ||
         memcmp(pReply, nodeID, NODE_ID_BYTES) != 0)
         return FALSE;
     const BYTE *image = pReply + MGMT_UDP_BODY;
-    AvailPSFromEEPROM(image, &AvailPS[index]);
+    AvailPSFromEEPROM(image, pRecord);
     const BYTE *ip = image + EEPROM_IP_OFFSET;
     LogPrintf("IP Address:%d.%d.%d.%d\n", ip[0], ip[1], ip[2], ip[3]);
     LogPrintf("ps.SupportProtocol(1):%d\n", image[EEPROM_SUPPORTPROTOCOL_OFFSET]);
     LogPrintf("ps.Config(4):%d\n", image[EEPROM_CONFIG_OFFSET]);
-    if (AvailPS[index].Flags & PS_FLAG_TCPIP_SUPPORTED) DebugLog("Support TCPIP\n");
-    if (AvailPS[index].Flags & PS_FLAG_TCPIP_ENABLED) DebugLog("TCPIP Enable\n");
+    if (pRecord->Flags & PS_FLAG_TCPIP_SUPPORTED) DebugLog("Support TCPIP\n");
+    if (pRecord->Flags & PS_FLAG_TCPIP_ENABLED) DebugLog("TCPIP Enable\n");
     return TRUE;
 }
 
-BOOL TCPReadEEPROM(const BYTE *nodeID, int index) {
+BOOL TCPReadEEPROM(const BYTE *nodeID, AvailPSRecord *pRecord) {
     DebugLog("[TCPReadEEPROM] Enter\n");
     SOCKET s = OpenSearchSocket();
     if (s == INVALID_SOCKET) return FALSE;
@@ -167,7 +175,7 @@ BOOL TCPReadEEPROM(const BYTE *nodeID, int index) {
         LogPrintf("Receive NodeID:%02X-%02X-%02X-%02X-%02X-%02X\n", from[0], from[1], from[2], from[3], from[4],
                   from[5]);
         /* A stray datagram costs a try, as silence does. */
-        if (TCPTakeEEPROM(from, cb, nodeID, index)) break;
+        if (TCPTakeEEPROM(from, cb, nodeID, pRecord)) break;
         DebugLog("[TC{PReadEEPROM] Received data check error");
     }
     closesocket(s);
@@ -187,8 +195,8 @@ static void LogEightBytes(const char *pText) {
     LogPrintf("\n%02x%02x%02x%02x%02x%02x%02x%02x\n", b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7]);
 }
 
-BOOL TCPTakeQueueNames(const BYTE *pReply, int cb, int index) {
-    if (index < 0 || index >= AVAILPS_RECORDS || cb < TCP_QUEUE_REPLY_MIN ||
+BOOL TCPTakeQueueNames(const BYTE *pReply, int cb, AvailPSRecord *pRecord) {
+    if (cb < TCP_QUEUE_REPLY_MIN ||
         !IsManagementReply(MGMT_CARRIER_UDP, pReply, cb, MGMT_QUEUE_NAMES))
         return FALSE;
     for (int port = 0; port < AVAILPS_PRINTER_PORTS; ++port) {
@@ -206,12 +214,12 @@ BOOL TCPTakeQueueNames(const BYTE *pReply, int cb, int index) {
         }
         len = CutQueueName(text, len);
         if (port == 0) LogEightBytes(text);
-        memcpy(AvailPS[index].QueueName[port].Text, text, (size_t)len + 1);
+        memcpy(pRecord->QueueName[port].Text, text, (size_t)len + 1);
     }
     return TRUE;
 }
 
-BOOL TCPSearchQueueName(const BYTE *nodeID, int index) {
+BOOL TCPSearchQueueName(const BYTE *nodeID, AvailPSRecord *pRecord) {
     DebugLog("enter search Queuename\n");
     SOCKET s = OpenSearchSocket();
     if (s == INVALID_SOCKET) return FALSE;
@@ -229,7 +237,7 @@ BOOL TCPSearchQueueName(const BYTE *nodeID, int index) {
         if (!received) continue;
         DebugLog("enter search Queuename receive ok\n");
         /* The node prefix isn't compared here. */
-        if (TCPTakeQueueNames((const BYTE *)reply, cb, index)) break;
+        if (TCPTakeQueueNames((const BYTE *)reply, cb, pRecord)) break;
     }
     closesocket(s);
     return TRUE;

@@ -100,8 +100,9 @@ static BOOL ClaimPort(PINIPORT pIniPort, LPWSTR pPrinterName, DWORD JobId, DWORD
     DWORD stored = KnownProtocol(pIniPort->PrintProtocol);
     if ((SupportProtocol & PROTOCOL_NETBIOS) && (stored == PROTOCOL_AUTO || stored == PROTOCOL_NETBIOS)) {
         DebugLog("Support NETBIOS\n");
+        const LONG runs = NBStartupRuns();
         if (!bStartup) {
-            bStartup = NBStartup();
+            bStartup = NBStartupSince(runs);
             if (!bStartup) {
                 SetLastError(ERROR_IO_DEVICE);
                 DebugLog("NETBOS startup fail\n");

@@ -175,18 +175,12 @@ static const ChannelTransport IpxChannel = {
     "IPXSebdData = FALSE , sleep %d ms (timeout = %d)\n",
 };
 
-/* The table as a dialog showed it before the job start's searches. */
-typedef struct {
-    AvailPSRecord Records[AVAILPS_RECORDS];
-    int Count;
-} SavedTable;
-
 /* Finds the print server by name, up to five one-pass searches, and takes
  * its node into the record; without a match the stored node stays.  Holds
- * PortListLock throughout, and inside it AvailPSLock.  The table that a
- * search leaves is put back afterwards, so that an add-port dialog that
- * shows it meanwhile keeps what it shows; without memory for the copy the
- * searches run all the same. */
+ * PortListLock throughout.  The searches fill a table of the job start's own,
+ * so that an add-port dialog keeps the table it shows and a search of
+ * AvailPS on another thread never holds this one up; without memory for that
+ * table nothing is searched, and the stored node is used. */
 static void RefreshNode(PINIPORT pIniPort) {
     /* The print server's name: the port name without its "-P1" suffix.  One
      * too long for a record's Name can match no record. */
@@ -198,31 +192,22 @@ static void RefreshNode(PINIPORT pIniPort) {
         name[len] = 0;
     }
 
+    AvailPSTable *table = (AvailPSTable *)LocalAlloc(LMEM_FIXED, sizeof(AvailPSTable));
+    if (table == NULL) return;
     EnterCriticalSection(&PortListLock);
-    EnterCriticalSection(&AvailPSLock);
-    SavedTable *saved = (SavedTable *)LocalAlloc(LMEM_FIXED, sizeof(SavedTable));
-    if (saved != NULL) {
-        memcpy(saved->Records, AvailPS, sizeof AvailPS);
-        saved->Count = TotalPrintServer;
-    }
     for (int search = 0; search < IPX_SEARCHES_AT_JOB_START; ++search) {
-        TotalPrintServer = 0;
-        IPXSearch(1, 0);
+        table->Count = 0;
+        IPXSearchInto(table, 1, 0);
         int found = -1;
-        for (int i = 0; nameFits && found < 0 && i < TotalPrintServer && i < AVAILPS_RECORDS; ++i)
-            if (lstrcmpW(AvailPS[i].Name, name) == 0) found = i;
+        for (int i = 0; nameFits && found < 0 && i < table->Count && i < AVAILPS_RECORDS; ++i)
+            if (lstrcmpW(table->Records[i].Name, name) == 0) found = i;
         if (found >= 0) {
-            memcpy(pIniPort->NodeID, AvailPS[found].NodeID, sizeof pIniPort->NodeID);
+            memcpy(pIniPort->NodeID, table->Records[found].NodeID, sizeof pIniPort->NodeID);
             break;
         }
     }
-    if (saved != NULL) {
-        memcpy(AvailPS, saved->Records, sizeof AvailPS);
-        TotalPrintServer = saved->Count;
-        LocalFree(saved);
-    }
-    LeaveCriticalSection(&AvailPSLock);
     LeaveCriticalSection(&PortListLock);
+    LocalFree(table);
 }
 
 JobStartResult IPXJobStart(PINIPORT pIniPort, BYTE *pConnectOutcome) {

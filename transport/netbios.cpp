@@ -173,9 +173,10 @@ static const ChannelTransport NetbiosChannel = {
 JobStartResult NBJobStart(PINIPORT pIniPort, BYTE *pConnectOutcome) {
     if (SupportProtocol & PROTOCOL_NETBIOS) {
         DebugLog("Support NETBIOS\n");
+        const LONG runs = NBStartupRuns();
         if (!bStartup) {
             DebugLog("bStartup = FALSE , call NBStartup again\n");
-            bStartup = NBStartup();
+            bStartup = NBStartupSince(runs);
             DebugLog(bStartup ? "bStartup = TRUE\n" : "bStartup = FALSE again\n");
         } else {
             DebugLog("bStartup = TRUE\n");

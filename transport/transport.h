@@ -33,8 +33,10 @@ JobStartResult NBJobStart(PINIPORT pIniPort, BYTE *pConnectOutcome);
 WriteResult NBWrite(PINIPORT pIniPort, LPBYTE pBuffer, DWORD cbBuf, LPDWORD pcbWritten);
 void NBJobEnd(PINIPORT pIniPort);
 
-/* NetBIOS start-up (discovery/nbstartup.cpp) */
+/* NetBIOS start-up (discovery/nbstartup.cpp, see nbstartup.h) */
 BOOL NBStartup(void);
+LONG NBStartupRuns(void);
+BOOL NBStartupSince(LONG seen);
 
 /* Dynamic address lookup (transport/dynip.cpp) */
 BOOL IsNullEthernetID(const BYTE *pNodeID);

@@ -1,6 +1,6 @@
 // The calls of libkvtsearch.so beside start-up: the TCP/IP, IPX and NetBIOS
-// searches, as the add-port flow runs them (TotalPrintServer set to 0 first,
-// the table read afterwards), with the records copied into the host's own form.
+// searches, as the add-port flow runs them (from an empty table, read
+// afterwards), with the records copied into the host's own form.
 #include <string.h>
 
 #include "availps.h"
@@ -9,18 +9,15 @@
 #include "monitor.h"
 #include "nbstartup.h"
 
-// Runs the search from an empty table under the table's lock and copies out
-// what it found; -1 when the search could not set up its socket.
-static int SearchAndCopy(BOOL (*search)(void), KvtFoundServer *out, int max) {
-    EnterCriticalSection(&AvailPSLock);
-    TotalPrintServer = 0;
-    if (!search()) {
-        LeaveCriticalSection(&AvailPSLock);
-        return -1;
-    }
-    int found = TotalPrintServer;
+// Runs the search into an empty table of its own and copies out what it
+// found; -1 when the search could not set up its socket or had no table.
+static int SearchAndCopy(BOOL (*search)(AvailPSTable *), KvtFoundServer *out, int max) {
+    AvailPSTable *table = (AvailPSTable *)LocalAlloc(LMEM_FIXED, sizeof(AvailPSTable));
+    if (table == NULL) return -1;
+    table->Count = 0;
+    int found = search(table) ? table->Count : -1;
     for (int i = 0; i < found && i < max; ++i) {
-        const AvailPSRecord &r = AvailPS[i];
+        const AvailPSRecord &r = table->Records[i];
         KvtFoundServer &s = out[i];
         memset(&s, 0, sizeof s);
         static_assert(sizeof s.name == sizeof r.Name, "names have one size");
@@ -37,21 +34,22 @@ static int SearchAndCopy(BOOL (*search)(void), KvtFoundServer *out, int max) {
             s.queues[q][KVT_SEARCH_QUEUE_BYTES - 1] = 0;
         }
     }
-    LeaveCriticalSection(&AvailPSLock);
+    LocalFree(table);
     return found;
 }
 
 // The IPX dialogs' search: three passes, then every server's EEPROM image.
-static BOOL IpxDialogSearch(void) { return IPXSearch(3, 1); }
+static BOOL IpxDialogSearch(AvailPSTable *table) { return IPXSearchInto(table, 3, 1); }
 
 // The NetBIOS dialogs' search, after the start-up that finds the working
 // LANA; without one there is no Name0 to ask from, and nothing is found.
-static BOOL NetbiosDialogSearch(void) {
-    if (!bStartup) bStartup = NBStartup();
-    return !bStartup || NBSearch();
+static BOOL NetbiosDialogSearch(AvailPSTable *table) {
+    const LONG runs = NBStartupRuns();
+    if (!bStartup) bStartup = NBStartupSince(runs);
+    return !bStartup || NBSearchInto(table);
 }
 
-extern "C" int KvtSearchTcpip(KvtFoundServer *out, int max) { return SearchAndCopy(TCPSearch, out, max); }
+extern "C" int KvtSearchTcpip(KvtFoundServer *out, int max) { return SearchAndCopy(TCPSearchInto, out, max); }
 
 extern "C" int KvtSearchIpx(KvtFoundServer *out, int max) { return SearchAndCopy(IpxDialogSearch, out, max); }
 

@@ -18,19 +18,26 @@ namespace kvtfuzz {
     std::abort();
 }
 
+// The table a search fills (the searches' own, as each search has one) and
+// the monitor's AvailPS (which the list file fills).
+inline AvailPSTable Table;
+
 inline void ClearTable() {
+    std::memset(&Table, 0, sizeof Table);
     std::memset(AvailPS, 0, sizeof AvailPS);
     TotalPrintServer = 0;
 }
 
-// Distinct names "#0", "#1", ... in the first count records.
+// Distinct names "#0", "#1", ... in the first count records of both.
 inline void FillTable(int count) {
     for (int i = 0; i < count && i < AVAILPS_RECORDS; ++i) {
-        AvailPS[i].Name[0] = '#';
-        AvailPS[i].Name[1] = static_cast<WCHAR>('0' + i / 10);
-        AvailPS[i].Name[2] = static_cast<WCHAR>('0' + i % 10);
-        AvailPS[i].Name[3] = 0;
-        TotalPrintServer = i + 1;
+        for (WCHAR *name : {Table.Records[i].Name, AvailPS[i].Name}) {
+            name[0] = '#';
+            name[1] = static_cast<WCHAR>('0' + i / 10);
+            name[2] = static_cast<WCHAR>('0' + i % 10);
+            name[3] = 0;
+        }
+        Table.Count = TotalPrintServer = i + 1;
     }
 }
 
@@ -40,10 +47,12 @@ inline int NameLength(const WCHAR *name, int room) {
     Broken("a name without its terminator");
 }
 
-// The count in range and every used name terminated inside its record.
+// In both tables, the count in range and every used name terminated inside its record.
 inline void CheckTable() {
     if (TotalPrintServer < 0 || TotalPrintServer > AVAILPS_RECORDS) Broken("TotalPrintServer out of range");
+    if (Table.Count < 0 || Table.Count > AVAILPS_RECORDS) Broken("a search's count out of range");
     for (int i = 0; i < TotalPrintServer; ++i) NameLength(AvailPS[i].Name, AVAILPS_NAME_CHARS);
+    for (int i = 0; i < Table.Count; ++i) NameLength(Table.Records[i].Name, AVAILPS_NAME_CHARS);
 }
 
 // Cuts the input into pieces: two bytes of length (at most maxPiece), then

@@ -11,18 +11,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 2) return 0;
     ClearTable();
     FillTable(data[0] % (AVAILPS_RECORDS + 1));
-    const int index = data[1];
+    const int index = data[1] % AVAILPS_RECORDS;
     static char cfgNames[AVAILPS_RECORDS][NB_CFG_NAME_BYTES];
     std::memset(cfgNames, 0, sizeof cfgNames);
     Pieces pieces(data + 2, size - 2);
     std::vector<uint8_t> piece;
     while (pieces.Next(&piece, NB_READ_BUFFER)) {
         Exact reply(piece);
-        const int count = TotalPrintServer;
-        BOOL taken = NBSearchTakeReply(reply.bytes, reply.size < NB_SEARCH_BUFFER ? reply.size : NB_SEARCH_BUFFER,
+        const int count = Table.Count;
+        BOOL taken = NBSearchTakeReply(&Table, reply.bytes, reply.size < NB_SEARCH_BUFFER ? reply.size : NB_SEARCH_BUFFER,
                                        cfgNames);
         CheckTable();
-        if (taken != (TotalPrintServer == count + 1) || (!taken && TotalPrintServer != count))
+        if (taken != (Table.Count == count + 1) || (!taken && Table.Count != count))
             Broken("a record added without TRUE, or TRUE without a record");
         if (taken) {
             const char *cfg = cfgNames[count];
@@ -30,9 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             if (n == NB_CFG_NAME_BYTES || n < 4 || std::memcmp(cfg + n - 4, ".CFG", 4) != 0)
                 Broken("a .CFG name without its ending or terminator");
             for (int k = 0; k < count; ++k)
-                if (lstrcmpW(AvailPS[k].Name, AvailPS[count].Name) == 0) Broken("a name listed twice");
+                if (lstrcmpW(Table.Records[k].Name, Table.Records[count].Name) == 0) Broken("a name listed twice");
         }
-        if (NBTakeEEPROM(reply.bytes, reply.size, index) && index >= AVAILPS_RECORDS) Broken("a record past the table");
+        NBTakeEEPROM(reply.bytes, reply.size, &Table.Records[index]);
         CheckTable();
     }
     return 0;

@@ -7,15 +7,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     using namespace kvtfuzz;
     if (size < 1) return 0;
     ClearTable();
-    const int index = data[0];
-    if (index < AVAILPS_RECORDS) std::memset(AvailPS[index].QueueName, 'z', sizeof AvailPS[index].QueueName);
+    const int index = data[0] % AVAILPS_RECORDS;
+    std::memset(Table.Records[index].QueueName, 'z', sizeof Table.Records[index].QueueName);
     std::vector<uint8_t> piece(data + 1, data + size);
     Exact reply(piece);
-    BOOL taken = TCPTakeQueueNames(reply.bytes, reply.size, index);
+    BOOL taken = TCPTakeQueueNames(reply.bytes, reply.size, &Table.Records[index]);
     CheckTable();
     if (taken) {
-        if (index >= AVAILPS_RECORDS) Broken("a record past the table");
-        for (const QueueSlot &slot : AvailPS[index].QueueName)
+        for (const QueueSlot &slot : Table.Records[index].QueueName)
             if (std::memchr(slot.Text, 0, QUEUE_BODY_TEXT_BYTES - 1) == nullptr) Broken("a queue name too long");
     }
     return 0;

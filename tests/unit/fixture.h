@@ -91,9 +91,14 @@ inline Bytes QueueReply(const Bytes &node, const std::string &q1, const std::str
 inline const BYTE *Data(const Bytes &b) { return reinterpret_cast<const BYTE *>(b.data()); }
 inline int Size(const Bytes &b) { return static_cast<int>(b.size()); }
 
-inline std::string NameOf(int index) { return kvthost::Narrow(AvailPS[index].Name); }
+// A record's name and node, of AvailPS unless another table is named.
+inline std::string NameOf(int index, const AvailPSRecord *records = AvailPS) {
+    return kvthost::Narrow(records[index].Name);
+}
 
-inline Bytes NodeOf(int index) { return Bytes(reinterpret_cast<const char *>(AvailPS[index].NodeID), 6); }
+inline Bytes NodeOf(int index, const AvailPSRecord *records = AvailPS) {
+    return Bytes(reinterpret_cast<const char *>(records[index].NodeID), 6);
+}
 
 // Returns once the emulator has handled every datagram sent to it so far: a
 // marker goes behind them (a datagram too short to be a query), and the

@@ -209,4 +209,21 @@ TEST_F(NbStartup, TwoThreadsAtOnceRunOneStartUp) {
     EXPECT_EQ(Calls(NCBRESET, 0).size(), 2u) << "the resets of one start-up";
 }
 
+// A caller that took the count of start-ups and then found bStartup FALSE,
+// while another thread's start-up finished in between (before that thread
+// could store its result), takes that start-up's result and resets nothing;
+// the start-up stored its result in bStartup before it counted as finished.
+TEST_F(NbStartup, ACallerThatLookedBeforeAnotherStartUpFinishedTakesIt) {
+    Start({Lana(0)});
+    const LONG seen = NBStartupRuns();
+    ASSERT_FALSE(bStartup);
+    EXPECT_TRUE(NBStartup());
+    EXPECT_TRUE(bStartup) << "stored by the start-up itself";
+    EXPECT_EQ(NBStartupRuns(), seen + 1);
+    kvthost::RecordNetbiosCalls(true);
+    EXPECT_TRUE(NBStartupSince(seen));
+    EXPECT_TRUE(Calls(NCBRESET, 0).empty());
+    EXPECT_EQ(LastLogLine(), "Leave NBStartup - done by another thread (TRUE)");
+}
+
 }  // namespace

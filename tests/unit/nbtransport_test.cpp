@@ -6,6 +6,9 @@
 // kind: integration_tests KvtmonDiscover.OverNetbios...).
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "availps.h"
 #include "channel.h"
 #include "discovery.h"
@@ -206,6 +209,41 @@ TEST_F(NbJob, ASearchReplyDuringTheEepromReadCostsOneTry) {
     const BYTE node[6] = {0, 0, 0x7F, 0, 0, 2};
     EXPECT_EQ(std::memcmp(AvailPS[0].NodeID, node, 6), 0);
     EXPECT_EQ(kvthost::NetbiosPendingReceives(), 0u);
+}
+
+// A NetBIOS search holds no lock that a job start or the port list needs: while
+// it waits on a server's read, an IPX job start (which searches under the port
+// list's lock) connects, and the ports are listed at once.
+TEST_F(JobTest, ANetbiosSearchHoldsUpNeitherAnIpxJobStartNorTheListOfPorts) {
+    PINIPORT port = StartPort({.tcpip = false, .ipx = true, .netbios = true, .timeScale = 0.5}, PROTOCOL_IPX);
+    StartServers({Server("PS1")});
+    ASSERT_TRUE(bStartup = NBStartup());
+    std::atomic<bool> reading{false}, release{false}, started{false}, startDone{false};
+    kvthost::SetNetbiosHook([&](const NCB &ncb) -> uint8_t {
+        if (ncb.ncb_command == NCBDGSEND && Text(ncb.ncb_callname, NCBNAMSZ).rfind("PS1.CFG", 0) == 0 &&
+            !reading.exchange(true))
+            while (!release) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return NRC_GOODRET;
+    });
+    std::thread search([] { NBSearch(); });
+    ASSERT_TRUE(Eventually([&] { return reading.load(); }));
+    std::thread job([&] { started = StartDoc(port), startDone = true; });
+    const bool inTime = Eventually([&] { return startDone.load(); }, 20);
+    EXPECT_TRUE(inTime) << "the job start waits for the search";
+    if (inTime) {  // else the port list's lock is held until the search ends
+        DWORD needed = 0, returned = 0, before = GetTickCount();
+        EXPECT_FALSE(LocalmonEnumPorts(nullptr, 1, nullptr, 0, &needed, &returned));
+        EXPECT_LT(GetTickCount() - before, 100u);
+        EXPECT_GT(needed, 0u);
+    }
+    release = true;
+    search.join();
+    job.join();
+    kvthost::SetNetbiosHook(nullptr);
+    EXPECT_TRUE(started.load());
+    if (started) {
+        EXPECT_TRUE(LocalmonEndDocPort(port));
+    }
 }
 
 }  // namespace

@@ -15,10 +15,12 @@ namespace {
 const Bytes kNodeA = Node(0x00, 0x40, 0x26, 0x00, 0x00, 0x0A);
 const Bytes kNodeB = Node(0x00, 0x40, 0x26, 0x00, 0x00, 0x0B);
 
-// The monitor started over a fresh host, its table empty.
+// The monitor started over a fresh host, its table empty, and an empty
+// table of a search's own for what each stage takes.
 class Discovery : public MonitorTest {
 protected:
     void SetUp() override { StartHost({.timeScale = 0.2}); }
+    AvailPSTable t{};
 };
 
 // ---- what the search takes from a reply ---------------------------------------------------
@@ -36,36 +38,36 @@ TEST_F(SearchReplies, ANameAlreadyListedKeepsItsFirstNodeAndTrailingBlanksGo) {
                    {kNodeB, "ps1", true},   {kNodeA, "Office  PS   ", true}, {kNodeB, "Office  PS", false},
                    {kNodeA, "   ", true},   {kNodeB, "", false},          {kNodeB, std::string(50, 'x'), true}};
     for (const auto &r : replies)
-        EXPECT_EQ(TCPSearchTakeReply(Data(SearchReply(r.node, r.name)), 76), r.taken) << r.name;
-    ASSERT_EQ(TotalPrintServer, 5);
+        EXPECT_EQ(TCPSearchTakeReply(&t, Data(SearchReply(r.node, r.name)), 76), r.taken) << r.name;
+    ASSERT_EQ(t.Count, 5);
     const std::string names[] = {"PS1", "ps1", "Office  PS", "", std::string(47, 'x')};
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(NameOf(i), names[i]);
-    EXPECT_EQ(NodeOf(0), kNodeA);
-    EXPECT_EQ(NodeOf(1), kNodeB);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(NameOf(i, t.Records), names[i]);
+    EXPECT_EQ(NodeOf(0, t.Records), kNodeA);
+    EXPECT_EQ(NodeOf(1, t.Records), kNodeB);
 }
 
 // Only Type 0 and 4 reach the table; another command, a query's head or a
 // reply without AutoProtocol is dropped.
 TEST_F(SearchReplies, OnlyType0And4ReachTheTableAndOtherRepliesAreDropped) {
     for (uint8_t type : {0, 4, 1, 2, 5, 0xFF})
-        TCPSearchTakeReply(Data(SearchReply(kNodeA, "T" + std::to_string(type), type, type == 0 ? 0 : 1)), 76);
-    ASSERT_EQ(TotalPrintServer, 2);
-    EXPECT_TRUE(NameOf(0) == "T0" && AvailPS[0].Type == 0 && AvailPS[0].AutoProtocol == 0);
-    EXPECT_TRUE(NameOf(1) == "T4" && AvailPS[1].Type == 4 && AvailPS[1].AutoProtocol == 1);
+        TCPSearchTakeReply(&t, Data(SearchReply(kNodeA, "T" + std::to_string(type), type, type == 0 ? 0 : 1)), 76);
+    ASSERT_EQ(t.Count, 2);
+    EXPECT_TRUE(NameOf(0, t.Records) == "T0" && t.Records[0].Type == 0 && t.Records[0].AutoProtocol == 0);
+    EXPECT_TRUE(NameOf(1, t.Records) == "T4" && t.Records[1].Type == 4 && t.Records[1].AutoProtocol == 1);
     Bytes reply = SearchReply(kNodeA, "PS1"), other = reply, query = reply;
     other[7] = 0x05, query[6] = 0x00;
-    EXPECT_FALSE(TCPSearchTakeReply(Data(reply), 70)) << "AutoProtocol not in it";
-    EXPECT_FALSE(TCPSearchTakeReply(Data(other), 76));
-    EXPECT_FALSE(TCPSearchTakeReply(Data(query), 76));
-    EXPECT_EQ(TotalPrintServer, 2);
-    EXPECT_TRUE(TCPSearchTakeReply(Data(reply), 71)) << "everything read is there";
+    EXPECT_FALSE(TCPSearchTakeReply(&t, Data(reply), 70)) << "AutoProtocol not in it";
+    EXPECT_FALSE(TCPSearchTakeReply(&t, Data(other), 76));
+    EXPECT_FALSE(TCPSearchTakeReply(&t, Data(query), 76));
+    EXPECT_EQ(t.Count, 2);
+    EXPECT_TRUE(TCPSearchTakeReply(&t, Data(reply), 71)) << "everything read is there";
 }
 
 TEST_F(SearchReplies, TheHundredAndFirstServerIsLeftOut) {
-    for (int i = 1; i <= 101; ++i) TCPSearchTakeReply(Data(SearchReply(kNodeA, "S" + std::to_string(i))), 76);
-    EXPECT_EQ(TotalPrintServer, AVAILPS_RECORDS);
-    EXPECT_EQ(NameOf(99), "S100");
-    EXPECT_FALSE(TCPSearchTakeReply(Data(SearchReply(kNodeA, "S1")), 76)) << "a duplicate, not a 101st";
+    for (int i = 1; i <= 101; ++i) TCPSearchTakeReply(&t, Data(SearchReply(kNodeA, "S" + std::to_string(i))), 76);
+    EXPECT_EQ(t.Count, AVAILPS_RECORDS);
+    EXPECT_EQ(NameOf(99, t.Records), "S100");
+    EXPECT_FALSE(TCPSearchTakeReply(&t, Data(SearchReply(kNodeA, "S1")), 76)) << "a duplicate, not a 101st";
     EXPECT_EQ(LogLinesStartingWith("AvailPS full"), std::vector<std::string>{"AvailPS full, left out: S101"});
 }
 
@@ -78,49 +80,48 @@ using EepromReplies = Discovery;
 // another node, cut short or for no record fills nothing.
 TEST_F(EepromReplies, OnlyAWholeImageFromItsNodeFillsModelAddressAndBothFlags) {
     const Bytes ip("\x0A\x00\x00\x07", 4), good = EepromReply(kNodeA, 0x83, 0x04, 0x01, ip);
-    AvailPS[3].Flags = 0xFF;
-    EXPECT_TRUE(TCPTakeEEPROM(Data(good), 522, Data(kNodeA), 3));
-    EXPECT_EQ(AvailPS[3].ModelType, 0x83);
-    EXPECT_EQ(Bytes(reinterpret_cast<char *>(&AvailPS[3].IPAddress), 4), ip);
-    EXPECT_EQ(AvailPS[3].Flags, PS_FLAG_TCPIP_SUPPORTED | PS_FLAG_TCPIP_ENABLED);
+    t.Records[3].Flags = 0xFF;
+    EXPECT_TRUE(TCPTakeEEPROM(Data(good), 522, Data(kNodeA), &t.Records[3]));
+    EXPECT_EQ(t.Records[3].ModelType, 0x83);
+    EXPECT_EQ(Bytes(reinterpret_cast<char *>(&t.Records[3].IPAddress), 4), ip);
+    EXPECT_EQ(t.Records[3].Flags, PS_FLAG_TCPIP_SUPPORTED | PS_FLAG_TCPIP_ENABLED);
     EXPECT_EQ(LogLinesStartingWith("IP Address:"), std::vector<std::string>{"IP Address:10.0.0.7"});
     for (const char *line : {"ps.SupportProtocol(1):1", "ps.Config(4):4", "Support TCPIP", "TCPIP Enable"})
         EXPECT_EQ(LogCount(line), 1u) << line;
-    EXPECT_TRUE(TCPTakeEEPROM(Data(EepromReply(kNodeA, 1, 0xFB, 0xFE, Bytes(4, '\0'))), 522, Data(kNodeA), 3));
-    EXPECT_EQ(AvailPS[3].Flags, 0);
+    EXPECT_TRUE(TCPTakeEEPROM(Data(EepromReply(kNodeA, 1, 0xFB, 0xFE, Bytes(4, '\0'))), 522, Data(kNodeA), &t.Records[3]));
+    EXPECT_EQ(t.Records[3].Flags, 0);
 
-    AvailPS[0].ModelType = 0x42;
-    EXPECT_FALSE(TCPTakeEEPROM(Data(EepromReply(kNodeB, 3, 4, 1, Bytes(4, '\x01'))), 522, Data(kNodeA), 0));
-    EXPECT_FALSE(TCPTakeEEPROM(Data(good), 511, Data(kNodeA), 0)) << "the address's last byte missing";
-    EXPECT_FALSE(TCPTakeEEPROM(Data(good), 522, Data(kNodeA), AVAILPS_RECORDS)) << "no such record";
-    EXPECT_EQ(AvailPS[0].ModelType, 0x42);
-    EXPECT_TRUE(TCPTakeEEPROM(Data(good), 512, Data(kNodeA), 0));
+    t.Records[0].ModelType = 0x42;
+    EXPECT_FALSE(TCPTakeEEPROM(Data(EepromReply(kNodeB, 3, 4, 1, Bytes(4, '\x01'))), 522, Data(kNodeA), &t.Records[0]));
+    EXPECT_FALSE(TCPTakeEEPROM(Data(good), 511, Data(kNodeA), &t.Records[0])) << "the address's last byte missing";
+    EXPECT_EQ(t.Records[0].ModelType, 0x42);
+    EXPECT_TRUE(TCPTakeEEPROM(Data(good), 512, Data(kNodeA), &t.Records[0]));
 }
 
 // ---- queue names ------------------------------------------------------------------------------
 
 TEST_F(Discovery, QueueNamesAreCutByTwoBytesAndOneBlank) {
     const Bytes reply = QueueReply(kNodeB, "abcdefgh", "abcdef xy", "abcdef  xy");
-    EXPECT_TRUE(TCPTakeQueueNames(Data(reply), 203, 5)) << "the node isn't compared";
-    EXPECT_STREQ(AvailPS[5].QueueName[0].Text, "abcdef");
-    EXPECT_STREQ(AvailPS[5].QueueName[1].Text, "abcdef");
-    EXPECT_STREQ(AvailPS[5].QueueName[2].Text, "abcdef ");
+    EXPECT_TRUE(TCPTakeQueueNames(Data(reply), 203, &t.Records[5])) << "the node isn't compared";
+    EXPECT_STREQ(t.Records[5].QueueName[0].Text, "abcdef");
+    EXPECT_STREQ(t.Records[5].QueueName[1].Text, "abcdef");
+    EXPECT_STREQ(t.Records[5].QueueName[2].Text, "abcdef ");
     EXPECT_EQ(LogLinesStartingWith("show search Qname"), std::vector<std::string>{"show search Qname sizeof of wcslen 8"});
     EXPECT_EQ(LogCount("6162636465666768"), 1u) << "port 1's first eight bytes before the cut";
     EXPECT_EQ(LogCount("6162636465660068"), 1u) << "and after it: the cut writes one terminator";
 
     // Texts of fewer than two bytes become empty; a text filling its field has no terminator.
-    std::memset(AvailPS[5].QueueName, 'z', sizeof AvailPS[5].QueueName);
-    EXPECT_TRUE(TCPTakeQueueNames(Data(QueueReply(kNodeB, "a", "", std::string(63, 'q'))), 203, 5));
-    EXPECT_STREQ(AvailPS[5].QueueName[0].Text, "");
-    EXPECT_STREQ(AvailPS[5].QueueName[1].Text, "");
-    EXPECT_EQ(std::string(AvailPS[5].QueueName[2].Text), std::string(61, 'q'));
-    EXPECT_EQ(AvailPS[5].QueueName[2].Text[62], 'z') << "nothing written past the cut text";
+    std::memset(t.Records[5].QueueName, 'z', sizeof t.Records[5].QueueName);
+    EXPECT_TRUE(TCPTakeQueueNames(Data(QueueReply(kNodeB, "a", "", std::string(63, 'q'))), 203, &t.Records[5]));
+    EXPECT_STREQ(t.Records[5].QueueName[0].Text, "");
+    EXPECT_STREQ(t.Records[5].QueueName[1].Text, "");
+    EXPECT_EQ(std::string(t.Records[5].QueueName[2].Text), std::string(61, 'q'));
+    EXPECT_EQ(t.Records[5].QueueName[2].Text[62], 'z') << "nothing written past the cut text";
 
-    EXPECT_FALSE(TCPTakeQueueNames(Data(reply), 202, 5)) << "port 3's field cut off";
+    EXPECT_FALSE(TCPTakeQueueNames(Data(reply), 202, &t.Records[5])) << "port 3's field cut off";
     Bytes status = reply;
     status[7] = 0x05;
-    EXPECT_FALSE(TCPTakeQueueNames(Data(status), 203, 5));
+    EXPECT_FALSE(TCPTakeQueueNames(Data(status), 203, &t.Records[5]));
 }
 
 // ---- whole searches ----------------------------------------------------------------------------
