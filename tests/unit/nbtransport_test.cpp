@@ -48,7 +48,9 @@ protected:
 // Each operation with its own receive: a reply ends it at the first send;
 // silence costs 21 sends (6 for a hang-up) and a cancel; a busy answer then
 // silence is busy; sends the NetBIOS layer refuses go again at once, 20 times.
-// Periods of 25 ms at the least, so that a reply is not late on a loaded machine.
+// The channel is opened at the monitor's own pace, and the case's pace set
+// only once the server has answered every connect, so that no reply to it can
+// come late into the frame's exchange.
 TEST_F(NbJob, OneFrameAgainstARepliesSilenceBusyAndRefusals) {
     const struct {
         const char *name;
@@ -69,9 +71,14 @@ TEST_F(NbJob, OneFrameAgainstARepliesSilenceBusyAndRefusals) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        Start("PS1", c.scale);
+        Start("PS1", 1.0);
         const BYTE channel = NBConnect(&PortNcb1, "PS1", 1);
         ASSERT_TRUE(channel >= 1 && channel <= 254);
+        ASSERT_TRUE(Eventually([&] {
+            const kvtps::ChannelCounters seen = emulator.NetbiosCounters("PS1").channel;
+            return seen.connects == FrameSends().size() && seen.replies == seen.connects;
+        }));
+        kvthost::SetTimeScale(c.scale);
         ASSERT_TRUE(emulator.SetNetbiosFaults("PS1", With(kvtps::NbFaults(), [&](auto &nb) {
                                                   nb.channel.silent = c.silent, nb.channel.busyAnswers = c.busy;
                                               })));
