@@ -153,19 +153,6 @@ TEST_F(Management, RepliesCarryEachFieldWhereTheMonitorReadsIt) {
     EXPECT_EQ(status.substr(68, 4), Raw("\x7F\x00\x00\x02")) << "its address, not the EEPROM's";
 }
 
-// What the other knobs do to a reply is held through the monitor, by the
-// tests of its searches and of its status lookup (tests/unit).
-TEST_F(Management, AQueryNotAmongItsAnswersGoesUnansweredAndIsCounted) {
-    Start({Server("PS1", "127.0.0.2")});
-    MgmtFaults f;
-    f.answers = kAnswerSearch | kAnswerStatus;
-    ASSERT_TRUE(emulator.SetManagementFaults("PS1", f));
-    asker.Send(kNode2, kMgmtReadEeprom);
-    EXPECT_TRUE(asker.Replies(100).empty());
-    EXPECT_EQ(emulator.ManagementCounters("PS1").unanswered, 1u);
-    EXPECT_EQ(asker.OnlyReply(kMgmtStatus, kNode2).substr(0, 10), Head(kNode2, kMgmtStatus));
-}
-
 TEST_F(Management, ANewAddressMovesTheListenerAndTheStatusButNotTheNode) {
     Start({Server("PS1", "127.0.0.2")});
     std::string error;

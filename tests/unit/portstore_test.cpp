@@ -120,31 +120,6 @@ TEST_F(PortTree, EachLookupLeavesItsQueueNameInTheBuffer) {
     EXPECT_EQ(LogCount("Leave GetPrintProtocol - not a port name of the tree"), 1u);
 }
 
-// Every name of the tree comes from the string table: with another text for
-// string 1107 ("Ports") the ports live, are found and go under that key.
-TEST_F(PortTree, TheTreesNamesComeFromTheStringTable) {
-    std::vector<kvthost::StringResource> strings(kvt_module_resources.strings,
-                                                 kvt_module_resources.strings + kvt_module_resources.stringCount);
-    for (auto &s : strings)
-        if (s.id == IDS_PORTS) s.text = u"Gates";
-    const kvthost::ResourceTable renamed = {kvt_module_resources.moduleName, strings.data(), strings.size()};
-    StartHost({}, [&] { kvthost::RegisterModule(DllInstance, &renamed); });
-    PortParam p = Param(u"PS9", '1', 0x0A000009, 4);
-    CreatePortRegistry(&p);
-    const std::u16string gates = kMonitorKey + u"\\Gates\\PS9";
-    EXPECT_TRUE(KeyExists(gates));
-    EXPECT_EQ(GetPrintProtocol(u"PS9-P1"), 4u);
-    char queue[QUEUE_NAME_BYTES];
-    EXPECT_TRUE(GetPrintQueueName(u"PS9-P1", queue));
-    EXPECT_STREQ(queue, "q-one");
-    ResetMonitor();
-    InitializePrintMonitor(nullptr);
-    EXPECT_EQ(PortNames(), std::vector<std::string>{"PS9-P1"});
-    DeletePortRegistry(u"PS9-P1");
-    EXPECT_FALSE(KeyExists(gates));
-    kvthost::RegisterModule(DllInstance, &kvt_module_resources);
-}
-
 TEST_F(PortTree, AServerNameTooLongForTheBufferEndsTheEnumeration) {
     StartHost({}, [] {
         MakePortKeys(u"Alpha", u'1', 1, 0, nullptr);
