@@ -48,13 +48,23 @@ struct Receive {
     WORD length;
 };
 
+// A number once given to a name: the name's again whenever it is added, so
+// that an old template's number never names another name, until 253 names
+// have had one; then a new name takes the number given up longest ago.
+struct Numbered {
+    Name name;
+    UCHAR number;
+    uint64_t givenUp;  // when the name was last deleted or reset away; 0: never
+};
+
 struct Lana {
     UCHAR number = 0;
     kvtnb::Node address{};
     bool leadsNowhere = false;
     bool reset = false;  // NCBRESET has been issued: the LANA may be used
     std::vector<HeldName> names;
-    UCHAR nextNumber = kFirstNameNumber;
+    std::vector<Numbered> numbered;
+    uint64_t givenUp = 0;           // the count of names given up so far
     std::vector<Receive> receives;  // pending, oldest first
 };
 
@@ -230,11 +240,18 @@ UCHAR Enumerate(NetbiosState &nb, NCB *ncb) {
     return NRC_GOODRET;
 }
 
-// Names and pending commands of this process on the LANA are gone; the
-// numbers go on from where they were, so an old number stays unknown.
+// The name's number is no longer held.
+void GiveUp(Lana &lana, UCHAR number) {
+    for (Numbered &n : lana.numbered)
+        if (n.number == number) n.givenUp = ++lana.givenUp;
+}
+
+// Names and pending commands of this process on the LANA are gone; an old
+// number stays unknown until its own name is added again.
 UCHAR Reset(NetbiosState &nb, Lana &lana) {
     if (!lana.leadsNowhere && !OpenSocketLocked(nb)) return NRC_SYSTEM;
     EndReceives(nb, lana, NRC_CMDCAN, [](const Receive &) { return true; });
+    for (const HeldName &held : lana.names) GiveUp(lana, held.number);
     lana.names.clear();
     lana.reset = true;
     return NRC_GOODRET;
@@ -271,11 +288,19 @@ UCHAR AddName(Lana &lana, NCB *ncb) {
     for (const HeldName &held : lana.names)
         if (SameName(ncb->ncb_name, held.name)) return NRC_DUPNAME;
     if (lana.names.size() >= kMaxNames) return NRC_NAMTFUL;
-    while (FindName(lana, lana.nextNumber) != nullptr)
-        lana.nextNumber = lana.nextNumber == kLastNameNumber ? kFirstNameNumber : lana.nextNumber + 1;
-    const UCHAR number = lana.nextNumber;
-    lana.nextNumber = number == kLastNameNumber ? kFirstNameNumber : number + 1;
-    lana.names.push_back({NameOf(ncb->ncb_name), number});
+    const Name name = NameOf(ncb->ncb_name);
+    auto own = std::find_if(lana.numbered.begin(), lana.numbered.end(), [&](const Numbered &n) { return n.name == name; });
+    if (own == lana.numbered.end() && lana.numbered.size() < kMaxNames) {
+        lana.numbered.push_back({name, static_cast<UCHAR>(kFirstNameNumber + lana.numbered.size()), 0});
+        own = lana.numbered.end() - 1;
+    } else if (own == lana.numbered.end()) {  // every number has had a name: the one given up longest ago
+        for (auto n = lana.numbered.begin(); n != lana.numbered.end(); ++n)
+            if (FindName(lana, n->number) == nullptr && (own == lana.numbered.end() || n->givenUp < own->givenUp))
+                own = n;
+        own->name = name;
+    }
+    const UCHAR number = own->number;
+    lana.names.push_back({name, number});
     ncb->ncb_num = number;
     return NRC_GOODRET;
 }
@@ -287,6 +312,7 @@ UCHAR DeleteName(NetbiosState &nb, Lana &lana, NCB *ncb) {
     if (it == lana.names.end()) return NRC_NOWILD;
     const UCHAR number = it->number;
     lana.names.erase(it);
+    GiveUp(lana, number);
     EndReceives(nb, lana, NRC_NAMERR, [&](const Receive &r) { return r.num == number; });
     return NRC_GOODRET;
 }
@@ -327,10 +353,9 @@ bool Pending(const NetbiosState &nb, const NCB *ncb) {
 }
 
 // Queues the receive; NRC_PENDING when it is pending.
-UCHAR SubmitReceive(NetbiosState &nb, Lana &lana, NCB *ncb) {
+UCHAR SubmitReceive(Lana &lana, NCB *ncb) {
     if (FindName(lana, ncb->ncb_num) == nullptr) return NRC_ILLNN;
     if (ncb->ncb_length > 0 && ncb->ncb_buffer == nullptr) return NRC_BUFLEN;
-    if (Pending(nb, ncb)) return NRC_ILLCMD;  // a block can't be pending twice
     ncb->ncb_cmd_cplt = NRC_PENDING;
     __atomic_store_n(&ncb->ncb_retcode, NRC_PENDING, __ATOMIC_RELEASE);
     lana.receives.push_back({ncb, ncb->ncb_num, ncb->ncb_buffer, ncb->ncb_length});
@@ -361,7 +386,7 @@ UCHAR Run(NetbiosState &nb, NCB *ncb) {
     case NCBADDNAME: return AddName(*lana, ncb);
     case NCBDELNAME: return DeleteName(nb, *lana, ncb);
     case NCBDGSEND: return SendDatagram(nb, *lana, ncb);
-    case NCBDGRECV: return SubmitReceive(nb, *lana, ncb);
+    case NCBDGRECV: return SubmitReceive(*lana, ncb);
     case NCBCANCEL: return Cancel(nb, *lana, ncb);
     default: return NRC_ILLCMD;
     }
@@ -432,6 +457,9 @@ extern "C" UCHAR WINAPI Netbios(PNCB ncb) {
     // The hook runs outside the lock: it may send, or wait for a delivery.
     UCHAR result = hook ? hook(*ncb) : NRC_GOODRET;
     std::unique_lock<std::mutex> guard(nb.lock);
+    // A block still pending is the platform's: it is refused, and nothing of
+    // it is written, so its receive ends as it would have.
+    if (Pending(nb, ncb)) return NRC_ILLCMD;
     if (result == NRC_GOODRET) result = Run(nb, ncb);
     Record(nb, ncb, result);
     if (result == NRC_PENDING) {
