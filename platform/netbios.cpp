@@ -1,5 +1,5 @@
 // Netbios for POSIX hosts.  The LANAs of this host (one by default, whose
-// adapter address is the host's node), the names this process holds on each
+// adapter address is this process's own), the names this process holds on each
 // with their numbers, and datagrams as RFC 1002 packets, broadcast to UDP port
 // 138 as a B node sends them.  Each process has one socket, bound to
 // 0.0.0.0:138 beside every other process's (SO_REUSEPORT: a broadcast reaches
@@ -93,9 +93,10 @@ NetbiosState &State() {
     return *state;
 }
 
-kvtnb::Node NodeOf(uint32_t address) {
-    return {0, 0, static_cast<uint8_t>(address >> 24), static_cast<uint8_t>(address >> 16),
-            static_cast<uint8_t>(address >> 8), static_cast<uint8_t>(address)};
+kvtnb::Node OwnNode(uint32_t address, pid_t pid) {
+    const uint32_t p = static_cast<uint32_t>(pid);
+    return {0x02, static_cast<uint8_t>(address), static_cast<uint8_t>(p >> 24), static_cast<uint8_t>(p >> 16),
+            static_cast<uint8_t>(p >> 8), static_cast<uint8_t>(p)};
 }
 
 // The address this host broadcasts from: the source that a datagram socket
@@ -125,7 +126,7 @@ void SetLanasLocked(NetbiosState &nb, const std::vector<kvthost::NetbiosLana> &g
     for (const auto &g : list) {
         Lana lana;
         lana.number = g.number;
-        lana.address = g.address ? *g.address : NodeOf(nb.hostAddress);
+        lana.address = g.address ? *g.address : OwnNode(nb.hostAddress, nb.pid);
         lana.leadsNowhere = g.leadsNowhere;
         nb.lanas.push_back(std::move(lana));
     }
@@ -416,6 +417,8 @@ void SetNetbiosLanas(const std::vector<NetbiosLana> &lanas) {
     SetLanasLocked(nb, lanas);
     nb.heard.clear();
 }
+
+kvtnb::Node NetbiosAdapterAddress() { return OwnNode(BroadcastSource(), getpid()); }
 
 size_t NetbiosPendingReceives() {
     NetbiosState &nb = State();

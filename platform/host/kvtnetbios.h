@@ -59,13 +59,18 @@ bool DecodeDatagram(const uint8_t *packet, size_t size, Datagram *datagram);
 namespace kvthost {
 
 // A LANA of this host.  The default is one, LANA 0, whose adapter address is
-// the host's node: 00-00-a-b-c-d for the IPv4 address a.b.c.d from which the
-// host broadcasts (127.0.0.1 on the private network).
+// this process's own (NetbiosAdapterAddress), as each machine has its own: two
+// processes that load the monitor make different names, and neither receives
+// what is sent to the other's.
 struct NetbiosLana {
     uint8_t number = 0;
-    std::optional<kvtnb::Node> address;  // none: the host's node
+    std::optional<kvtnb::Node> address;  // none: the process's own
     bool leadsNowhere = false;           // its datagrams reach no one, and none arrive
 };
+// This process's adapter address, the same for its whole life: 02-d-p-p-p-p,
+// a locally administered address of the last byte d of the host's IPv4 address
+// and the four bytes of the process id (most significant first).
+kvtnb::Node NetbiosAdapterAddress();
 // Gives this process's NetBIOS these LANAs, in NCBENUM's order (an empty list
 // restores the default), and forgets every name and pending receive without
 // writing to their control blocks: for a test's fresh start.

@@ -2,6 +2,7 @@
 // transport, a job that cannot go out, command lines that make no sense; and
 // kvtmon ports, delete and log on the tree and log the jobs left.
 #include <filesystem>
+#include <thread>
 
 #include "kvtmon_run.h"
 
@@ -92,6 +93,31 @@ TEST_F(KvtmonPrint, AJobGoesByIpxOrNetbiosWhileInitOffersThem) {
     EXPECT_TRUE(kvttest::Holds(run.err, "1117 (ERROR_IO_DEVICE)"));
     EXPECT_EQ(emulator_.IpxJobs("PS9").size(), 1u);
     for (const char *list : {"tcpip,appletalk", ""}) EXPECT_EQ(Kvtmon({"init", "--transports", list}).status, 2);
+}
+
+// Two processes print over NetBIOS at once to port 1 of two print servers that
+// lose every fourth data frame, as two machines would: each holds names of its
+// own, so neither takes the other's replies for its own, and each lost frame
+// goes again until its own server has it: each job arrives whole.
+TEST_F(KvtmonPrint, TwoProcessesPrintOverNetbiosAtOnce) {
+    auto lossy = [](const char *name, const char *address) {
+        kvtps::ServerConfig c = kvttest::Server(name, address);
+        c.netbios.channel.dropDataEvery = 4;
+        return c;
+    };
+    StartServers({lossy("PS9", "127.0.0.9"), lossy("PS8", "127.0.0.8")});
+    const std::string other = dir_ + "/other.prn";
+    std::ofstream(other, std::ios::binary) << std::string(100000, 'o') << "end of the other";
+    KvtmonRun a;
+    std::thread thread([&] { a = Print({"PS8-P1", other, "--server", "127.0.0.8", "--protocol", "4"}); });
+    KvtmonRun b = Print({"PS9-P1", job_, "--server", "127.0.0.9", "--protocol", "4"});
+    thread.join();
+    ASSERT_TRUE(a.status == 0 && b.status == 0) << a.err << b.err;
+    for (const auto &[server, file] : {std::pair{"PS8", other}, std::pair{"PS9", job_}}) {
+        const std::vector<kvtps::ChannelJob> jobs = emulator_.NetbiosJobs(server);
+        ASSERT_EQ(jobs.size(), 1u) << server;
+        EXPECT_TRUE(jobs[0].data == Slurp(file) && jobs[0].hungUp) << server << ": " << jobs[0].data.size();
+    }
 }
 
 TEST_F(KvtmonPrint, PortsListsWhatTheTreeHoldsAndDeleteRemovesIt) {

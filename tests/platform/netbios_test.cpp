@@ -3,6 +3,8 @@
 // end with a reset.  (The names of two processes on one host, each getting what
 // is sent to its own: kvtmon's NetBIOS jobs and searches to kvtps in the test
 // program, in the integration tests.)
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "netbios_calls.h"
@@ -59,7 +61,10 @@ TEST_F(Netbios0, EachCommandAnswersWithItsCode) {
     EXPECT_EQ(Call(NCBRESET, 7), NRC_BRIDGE);
     UCHAR status[600];
     EXPECT_EQ(Call(NCBASTAT, 0, 0, "*", status, sizeof status), NRC_GOODRET);
-    EXPECT_EQ(Text(status, 6), Text("\0\0\x7F\0\0\x01", 6)) << "the host's node: 127.0.0.1 on the private network";
+    const uint32_t pid = static_cast<uint32_t>(getpid());
+    const std::string own = Text("\x02\x01", 2) + char(pid >> 24) + char(pid >> 16) + char(pid >> 8) + char(pid);
+    EXPECT_EQ(Text(status, 6), own) << "this process's own: 127.0.0.1's last byte and the process id";
+    EXPECT_EQ(Text(kvthost::NetbiosAdapterAddress().data(), 6), own);
 }
 
 // A pending block submitted again is refused and stays pending; a cancelled

@@ -68,7 +68,8 @@ const char kIpxJob[] =
 
 // ---- over NetBIOS, on a host with all three transports ---------------------------------
 
-// A port that may go by NetBIOS brings the monitor's names up before the busy test.
+// A port that may go by NetBIOS brings the monitor's names up before the busy
+// test; "00007f000001" stands for this process's adapter address.
 const char kNbStartUp[] =
     "Support NETBIOS\n\n\n\nEntry NBStartup\n\n\n\nEntry GetUniquename\n\nLeave GetUniquename - success\n\n"
     "Name0 = 00007f000001.ER\n\nAdd name0 success\n\nSend data to Lana[0] success\r\n\n"
@@ -128,7 +129,10 @@ TEST_F(JobTest, TheLogOfAJobIsTheWholePath) {
         kvthost::SetNetbiosHook(nullptr);
         // The job start as JobStart() has it on a host with TCP/IP alone.
         const std::string all = c.netbios ? "7" : c.ipx ? "3" : "2", stored(1, c.protocol);
-        const std::string nbStartUp = c.netbios ? kNbStartUp : "";
+        const kvtnb::Node n = kvthost::NetbiosAdapterAddress();
+        char adapter[13];
+        std::snprintf(adapter, sizeof adapter, "%02x%02x%02x%02x%02x%02x", n[0], n[1], n[2], n[3], n[4], n[5]);
+        const std::string nbStartUp = c.netbios ? Changed(kNbStartUp, {{"00007f000001", adapter}}) : "";
         const std::string start =
             Changed(JobStart(), {{"GetProtocol - protocol = 2", "GetProtocol - protocol = " + all},
                                  {"Get protocol: 02", "Get protocol: 0" + all},
