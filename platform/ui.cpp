@@ -168,13 +168,57 @@ std::u16string EditText(const Window *w, std::u16string text) {
     return text;
 }
 
+// The order in which Windows' list box sorts, as CompareString's word sort
+// without regard to case gives it, measured under Wine for printable ASCII
+// (one character each, sorted by lstrcmpiW):
+//   ' - space ! " # $ % & ( ) * , . / : ; ? @ [ \ ] ^ _ ` { | } ~ + < = > 0-9 A-Z
+// with each letter equal to its small one.  Hyphen and apostrophe weigh
+// nothing at first: "PS31-P1" comes before "PS3-P1" (PS31P1 before PS3P1, a
+// digit before a letter).  Only between texts otherwise equal do they count:
+// a text without them first ("coop", "co-op"), then the one whose first such
+// mark stands later ("ab-c", "a-bc"), an apostrophe before a hyphen at one
+// place ("a'b", "a-b"), fewer before more ("-a", "--a").
+int SortWeight(char16_t c) {
+    static const char16_t kOrder[] = u" !\"#$%&()*,./:;?@[\\]^_`{|}~+<=>0123456789abcdefghijklmnopqrstuvwxyz";
+    if (c >= u'A' && c <= u'Z') c = static_cast<char16_t>(c + 32);
+    for (size_t i = 0; kOrder[i] != 0; ++i)
+        if (kOrder[i] == c) return static_cast<int>(i);
+    return 0x100 + c;  // beyond ASCII: after the letters, by code
+}
+
+bool Light(char16_t c) { return c == u'-' || c == u'\''; }
+
+int ListOrder(const char16_t *a, const char16_t *b) {
+    const char16_t *x = a, *y = b;
+    for (;;) {
+        while (Light(*x)) ++x;
+        while (Light(*y)) ++y;
+        if (*x == 0 || *y == 0) {
+            if (*x != *y) return *x == 0 ? -1 : 1;
+            break;
+        }
+        int d = SortWeight(*x++) - SortWeight(*y++);
+        if (d != 0) return d < 0 ? -1 : 1;
+    }
+    // Equal but for the light marks: each mark as (its place among the others, kind).
+    size_t at = 0, bt = 0;
+    for (;;) {
+        while (*a != 0 && !Light(*a)) ++a, ++at;
+        while (*b != 0 && !Light(*b)) ++b, ++bt;
+        if (*a == 0 || *b == 0) return *a == *b ? 0 : (*a == 0 ? -1 : 1);
+        if (at != bt) return at > bt ? -1 : 1;
+        if (*a != *b) return *a == u'\'' ? -1 : 1;
+        ++a, ++b;
+    }
+}
+
 // Where a sorted list puts a new line: the binary search of Windows' list box,
-// without regard to case; a line equal to one there goes before it.
+// in its order; a line equal to one there goes before it.
 size_t SortedPlace(const std::vector<Line> &lines, const char16_t *text) {
     size_t min = 0, max = lines.size();
     while (min != max) {
         size_t index = (min + max) / 2;
-        int order = lstrcmpiW(lines[index].text.c_str(), text);
+        int order = ListOrder(lines[index].text.c_str(), text);
         if (order == 0) return index;
         if (order > 0) max = index;
         else min = index + 1;

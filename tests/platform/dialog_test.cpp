@@ -75,6 +75,18 @@ TEST(DialogEngine, ASortedListGivesWindowsIndexesAndItemDataFollowsItsLine) {
         // A list without selection takes none, from the program or a person.
         Send(d, 11, LB_ADDSTRING, 0, u"report");
         EXPECT_EQ(Send(d, 11, LB_SETCURSEL, 0) + kvthost::SelectLine(d, 11, 0), LB_ERR);
+        // The order of lstrcmpiW under Wine for these texts: hyphens and
+        // apostrophes count only between texts otherwise equal.
+        for (const char16_t *text : {u"PS3-P1", u"co-op", u"PS1", u"PS-1", u"PS31-P1", u"a-b", u"coop", u"PS_1", u"a'b",
+                                     u"ab", u"PS 1", u"-a", u"--a", u"a", u"ab-c", u"a-bc", u"PS10", u"PS9"})
+            Send(d, 11, LB_ADDSTRING, 0, text);
+        std::u16string order;
+        for (WPARAM i = 0; i < 19; ++i) {
+            char16_t text[16] = u"?";
+            Send(d, 11, LB_GETTEXT, i, text);
+            order += text + std::u16string(u"|");
+        }
+        EXPECT_EQ(order, u"a|-a|--a|ab|a'b|a-b|ab-c|a-bc|coop|co-op|PS 1|PS_1|PS1|PS-1|PS10|PS31-P1|PS3-P1|PS9|report|");
         EXPECT_TRUE(kvthost::SelectLine(d, 10, 4));
         EXPECT_EQ(gMessages.back(), Command(d, 10, LBN_SELCHANGE));
     });

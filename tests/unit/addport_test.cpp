@@ -110,7 +110,7 @@ struct AddPort : MonitorTest {
             return c;
         };
         std::vector<kvtps::ServerConfig> s = {server("PS1", "127.0.0.2", 1, 4), server("PS3", "127.0.0.3", 3, 0),
-                                              server("PSQ", "127.0.0.4", 3, 4), server("ZERO", "127.0.0.5", 2, 4),
+                                              server("PS31", "127.0.0.4", 3, 4), server("ZERO", "127.0.0.5", 2, 4),
                                               server("OFF", "127.0.0.6", 1, 0), server("LONGNAME123", "127.0.0.7", 1, 4),
                                               server("low", "127.0.0.8", 1, 4), server("NONE", "127.0.0.9", 4, 4)};
         s[3].eepromAddress = "0.0.0.0";
@@ -211,7 +211,7 @@ TEST_F(AddPort, AnExistingPortOfAnyCaseStaysAsItIsAndASecondAddWaits) {
 TEST_F(AddPort, DialogTwoHundredShowsTheSelectedServerAndOKTakesWhatItShows) {
     const std::string lines = "[200] |LONGNAME123 127.0.0.7 |low        127.0.0.8 |NONE       127.0.0.9 "
                               "|OFF        TCP/IP Disabled |PS1        127.0.0.2 |PS3        127.0.0.3 "
-                              "|PSQ        127.0.0.4 |ZERO       Automatic IP -208 -209 -210 -211 -1003 -1004 "
+                              "|PS31       127.0.0.4 |ZERO       Automatic IP -208 -209 -210 -211 -1003 -1004 "
                               "201=LONGNAME123-P1 205=127.0.0.7 1002=qa 1003=qb 1004=qc\n";
     const std::string q40(40, 't'), longest(47, 'L');  // the longest name a record holds
     const struct {
@@ -228,10 +228,10 @@ TEST_F(AddPort, DialogTwoHundredShowsTheSelectedServerAndOKTakesWhatItShows) {
          "PS1-P1 127.0.0.2 0 qa;"},
         {Pick("PS3 ", 2, [](HWND w) { Type(w, IDC_QUEUE1 + 1, "typed"); }),
          " -210 -211 201=PS3-P2 205=127.0.0.3 1002=lpt1 1003=typed 1004=lpt3", "PS3-P2 127.0.0.3 0 lpt2;"},
-        {Pick("PSQ ", 2, [=](HWND w) { Type(w, IDC_QUEUE1 + 1, q40); }),
-         " -210 -211 201=PSQ-P2 205=127.0.0.4 1002=qa 1003=" + q40 + " 1004=qc", "PSQ-P2 127.0.0.4 0 " + q40.substr(9) + ";"},
-        {Pick("PSQ ", 1, [](HWND w) { Type(w, IDC_QUEUE1 + 1, "typed"), kvthost::Click(w, IDC_LPT1 + 1); }),
-         " -210 -211 201=PSQ-P2 205=127.0.0.4 1002=qa 1003=qb 1004=qc", "PSQ-P2 127.0.0.4 0 qb;"},
+        {Pick("PS31 ", 2, [=](HWND w) { Type(w, IDC_QUEUE1 + 1, q40); }),
+         " -210 -211 201=PS31-P2 205=127.0.0.4 1002=qa 1003=" + q40 + " 1004=qc", "PS31-P2 127.0.0.4 0 " + q40.substr(9) + ";"},
+        {Pick("PS31 ", 1, [](HWND w) { Type(w, IDC_QUEUE1 + 1, "typed"), kvthost::Click(w, IDC_LPT1 + 1); }),
+         " -210 -211 201=PS31-P2 205=127.0.0.4 1002=qa 1003=qb 1004=qc", "PS31-P2 127.0.0.4 0 qb;"},
         {Pick("ZERO ", 2), " -210 -211 201=ZERO-P2 205=0.0.0.0 1002=qa 1003=qb 1004=qc", "ZERO-P2 0.0.0.0 0 qb;"},
         {Pick("OFF "), " -208 -209 -210 -211 -1003 -1004 201=OFF-P1 205=0.0.0.0 1002=lpt1", "OFF-P1 0.0.0.0 0 lpt1;"},
         {Pick("LONGNAME123 "), " -208 -209 -210 -211 -1003 -1004 201=LONGNAME123-P1 205=127.0.0.7 1002=qa 1003=qb 1004=qc",
@@ -300,16 +300,17 @@ TEST_F(AddPort, TheIPXAndNetBIOSModesKeepTheCaseAndTakeNoQueueNames) {
 }
 
 // Dialog 250 makes every printer port of every print server found, lists
-// each, sorted, and makes again only what is missing.
+// each, sorted as Windows sorts (PS31-P1 before PS3-P1), and makes again only
+// what is missing.
 TEST_F(AddPort, DialogTwoFiftyMakesEveryPrinterPortFoundOnce) {
     StartServers();
     const std::string tcpLines =
         "|LONGNAME123-P1 127.0.0.7|low-P1        127.0.0.8|OFF-P1        127.0.0.6|PS1-P1        127.0.0.2"
-        "|PS3-P1        127.0.0.3|PS3-P2        127.0.0.3|PS3-P3        127.0.0.3|PSQ-P1        127.0.0.4"
-        "|PSQ-P2        127.0.0.4|PSQ-P3        127.0.0.4|ZERO-P1       Automatic IP|ZERO-P2       Automatic IP";
+        "|PS31-P1       127.0.0.4|PS31-P2       127.0.0.4|PS31-P3       127.0.0.4|PS3-P1        127.0.0.3"
+        "|PS3-P2        127.0.0.3|PS3-P3        127.0.0.3|ZERO-P1       Automatic IP|ZERO-P2       Automatic IP";
     const std::string tcpPorts =
         "PS1-P1 127.0.0.2 0 qa;PS3-P1 127.0.0.3 0 lpt1;PS3-P2 127.0.0.3 0 lpt2;PS3-P3 127.0.0.3 0 lpt3;"
-        "PSQ-P1 127.0.0.4 0 qa;PSQ-P2 127.0.0.4 0 qb;PSQ-P3 127.0.0.4 0 qc;ZERO-P1 0.0.0.0 0 qa;"
+        "PS31-P1 127.0.0.4 0 qa;PS31-P2 127.0.0.4 0 qb;PS31-P3 127.0.0.4 0 qc;ZERO-P1 0.0.0.0 0 qa;"
         "ZERO-P2 0.0.0.0 0 qb;OFF-P1 127.0.0.6 0 lpt1;LONGNAME123-P1 127.0.0.7 0 qa;low-P1 127.0.0.8 2 qa;";
     std::string lines;
     auto run = [&] {

@@ -645,10 +645,13 @@ TEST_F(OnADisplay, AddPortShowsDialog200AndMakesThePortAPersonChose) {
 }
 
 // The list file's way makes its ports with no dialog; the marker file's way
-// shows dialog 250 and makes every port found.  Each file is gone after.
+// shows dialog 250, sorted by Windows' list box (PS31-P1 before PS3-P1, as
+// the engine on Linux sorts it too), and makes every port found.  Each file
+// is gone after.
 TEST_F(UnderWine, AddPortTakesTheListFileAndTheMarkerFile) {
     ASSERT_NO_FATAL_FAILURE(Install({"debug=0"}));
-    ASSERT_NO_FATAL_FAILURE(StartServers({Server("PS1", "127.0.0.2")}));
+    ASSERT_NO_FATAL_FAILURE(
+        StartServers({Server("PS1", "127.0.0.2"), Server("PS3", "127.0.0.3"), Server("PS31", "127.0.0.4")}));
     const std::string folder = Prefix() + "/drive_c/windows/syswow64/";
     std::string record(278, '\0');
     record.replace(0, 3, "LST");
@@ -666,8 +669,8 @@ TEST_F(UnderWine, AddPortTakesTheListFileAndTheMarkerFile) {
     WriteFile(folder + "KVTJLPR", "");
     ran = Spool({"add", "-", "1", "-"});
     EXPECT_EQ(ran.Result("AddPort"), "1") << ran;
-    EXPECT_EQ(ran.One("listed"), "PS1-P1        127.0.0.2") << ran;
-    EXPECT_EQ(ran.One("ports"), "LST-P1 PS1-P1") << ran;
+    EXPECT_EQ(ran.One("listed"), "PS1-P1        127.0.0.2 | PS31-P1       127.0.0.4 | PS3-P1        127.0.0.3") << ran;
+    EXPECT_EQ(ran.One("ports"), "LST-P1 PS1-P1 PS3-P1 PS31-P1") << ran;
     EXPECT_FALSE(std::ifstream(folder + "KVTJLPR").good());
 }
 
