@@ -27,7 +27,6 @@ using kvthost::WindowView;
 
 bool gStarted = false;
 volatile std::sig_atomic_t gSignal = 0;
-std::map<HWND, int> gFocus;       // the focused control of each dialog
 std::map<std::pair<HWND, int>, int> gListTop;  // the first line each list shows
 size_t gForegroundSeen = 0;
 
@@ -108,14 +107,16 @@ const ControlView *Find(const WindowView &v, int id) {
     return nullptr;
 }
 
+// The dialog's focused control, as the platform keeps it (so that the dialog
+// hears of each move); where it has none that may have it, the first stop.
 int Focus(const WindowView &v) {
+    const int focus = kvthost::FocusedControl(v.window);
+    const ControlView *c = Find(v, focus);
+    if (c != nullptr && TakesFocus(*c)) return focus;
     std::vector<int> stops = TabStops(v);
-    auto it = gFocus.find(v.window);
-    if (it != gFocus.end()) {
-        const ControlView *c = Find(v, it->second);
-        if (c != nullptr && TakesFocus(*c)) return it->second;
-    }
-    return gFocus[v.window] = stops.empty() ? 0 : stops.front();
+    if (stops.empty()) return 0;
+    kvthost::FocusControl(v.window, stops.front());
+    return stops.front();
 }
 
 void MoveFocus(const WindowView &v, int step) {
@@ -135,7 +136,7 @@ void MoveFocus(const WindowView &v, int step) {
     }
     long at = it == stops.end() ? 0 : it - stops.begin();
     long n = static_cast<long>(stops.size());
-    gFocus[v.window] = stops[static_cast<size_t>(((at + step) % n + n) % n)];
+    kvthost::FocusControl(v.window, stops[static_cast<size_t>(((at + step) % n + n) % n)]);
 }
 
 // The next enabled radio button of the focused one's group, clicked.
@@ -149,9 +150,7 @@ bool MoveInRadioGroup(const WindowView &v, int step) {
             if (IsRadio(v.controls[k]) && v.controls[k].enabled) radios.push_back(v.controls[k].id);
         long at = std::find(radios.begin(), radios.end(), focus) - radios.begin();
         long n = static_cast<long>(radios.size());
-        int next = radios[static_cast<size_t>(((at + step) % n + n) % n)];
-        gFocus[v.window] = next;
-        kvthost::Click(v.window, next);
+        kvthost::Click(v.window, radios[static_cast<size_t>(((at + step) % n + n) % n)]);  // the focus with it
         return true;
     }
     return false;

@@ -50,6 +50,7 @@ struct Window {
     bool ended = false;
     INT_PTR result = 0;
     LONG_PTR user = 0;  // DWLP_USER: the procedure's own
+    Window *focus = nullptr;  // the control with the keyboard focus
     // A box's.
     std::u16string boxText;
     UINT type = 0;
@@ -287,6 +288,38 @@ void SendCommand(HWND dialog, int id, WORD code, HWND control) {
     if (proc != nullptr) proc(dialog, WM_COMMAND, MAKEWPARAM(id, code), reinterpret_cast<LPARAM>(control));
 }
 
+// What a list or edit box tells its dialog as it gains or loses the focus; 0
+// for the others (a button tells only with BS_NOTIFY, which no dialog has).
+WORD FocusCode(const Window *c, bool gains) {
+    if (IsKind(c, u"LISTBOX")) return gains ? LBN_SETFOCUS : LBN_KILLFOCUS;
+    if (IsKind(c, u"EDIT")) return gains ? EN_SETFOCUS : EN_KILLFOCUS;
+    return 0;
+}
+
+// Gives the dialog's focus to its control id, one of the class kind (any but
+// a label or a group box when nullptr) that takes input; the control losing it
+// tells first.  Not locked.
+bool MoveFocus(HWND dialog, int id, const char16_t *kind = nullptr) {
+    HWND lost = nullptr, gained = nullptr;
+    int lostId = 0;
+    WORD lostCode = 0, gainedCode = 0;
+    {
+        std::lock_guard<std::mutex> lock(gMutex);
+        Window *d = Find(dialog);
+        Window *to = d != nullptr && d->kind == Window::Dialog ? FindControl(dialog, id) : nullptr;
+        if (to == nullptr || !TakesInput(to) || (kind != nullptr && !IsKind(to, kind)) || IsKind(to, u"STATIC") ||
+            (IsKind(to, u"BUTTON") && ButtonType(to) == BS_GROUPBOX))
+            return false;
+        if (d->focus == to) return true;
+        if (d->focus != nullptr) lost = HandleOf(d->focus), lostId = d->focus->id, lostCode = FocusCode(d->focus, false);
+        d->focus = to;
+        gained = HandleOf(to), gainedCode = FocusCode(to, true);
+    }
+    if (lostCode != 0) SendCommand(dialog, lostId, lostCode, lost);
+    if (gainedCode != 0) SendCommand(dialog, id, gainedCode, gained);
+    return true;
+}
+
 // Fires the calling thread's due timers; a timer that has missed turns fires
 // once and keeps its beat.
 void RunTimers() {
@@ -399,12 +432,24 @@ INT_PTR WINAPI DialogBoxParamW(HINSTANCE instance, LPCWSTR name, HWND owner, DLG
 
     // The focus goes to the first control that takes the Tab key.
     HWND focus = nullptr;
+    int focusId = 0;
     {
         std::lock_guard<std::mutex> lock(gMutex);
         for (Window *c : dialog->controls)
-            if (focus == nullptr && (c->style & WS_TABSTOP) != 0 && TakesInput(c)) focus = HandleOf(c);
+            if (focus == nullptr && (c->style & WS_TABSTOP) != 0 && TakesInput(c)) focus = HandleOf(c), focusId = c->id;
     }
-    proc(handle, WM_INITDIALOG, reinterpret_cast<WPARAM>(focus), param);
+    // TRUE: the focus goes where wParam says, as Windows' dialog manager puts
+    // it; into a radio group at its checked button, as the Tab key goes there.
+    if (proc(handle, WM_INITDIALOG, reinterpret_cast<WPARAM>(focus), param) && focus != nullptr) {
+        {
+            std::lock_guard<std::mutex> lock(gMutex);
+            Window *c = Find(focus);
+            if (c != nullptr && IsKind(c, u"BUTTON") && ButtonType(c) == BS_AUTORADIOBUTTON)
+                for (Window *other : RadioGroup(c))
+                    if (other->check == BST_CHECKED && TakesInput(other)) focusId = other->id;
+        }
+        MoveFocus(handle, focusId);
+    }
     ModalLoop(handle, driver, [&] {
         std::lock_guard<std::mutex> lock(gMutex);
         return dialog->ended;
@@ -659,6 +704,7 @@ std::vector<HWND> ThreadWindows() {
 
 bool Click(HWND dialog, int id) {
     HWND control;
+    if (!MoveFocus(dialog, id, u"BUTTON")) return false;
     {
         std::lock_guard<std::mutex> lock(gMutex);
         Window *c = FindControl(dialog, id);
@@ -677,6 +723,7 @@ bool Click(HWND dialog, int id) {
 
 bool TypeKey(HWND dialog, int id, char16_t key) {
     HWND control;
+    if (!MoveFocus(dialog, id, u"EDIT")) return false;
     {
         std::lock_guard<std::mutex> lock(gMutex);
         Window *c = FindControl(dialog, id);
@@ -698,6 +745,7 @@ bool TypeKey(HWND dialog, int id, char16_t key) {
 bool SelectLine(HWND dialog, int id, int index) {
     HWND control;
     bool notify;
+    if (!MoveFocus(dialog, id, u"LISTBOX")) return false;
     {
         std::lock_guard<std::mutex> lock(gMutex);
         Window *c = FindControl(dialog, id);
@@ -711,6 +759,14 @@ bool SelectLine(HWND dialog, int id, int index) {
     if (notify) SendCommand(dialog, id, LBN_SELCHANGE, control);
     return true;
 }
+
+int FocusedControl(HWND dialog) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    Window *d = Find(dialog);
+    return d != nullptr && d->focus != nullptr ? d->focus->id : 0;
+}
+
+bool FocusControl(HWND dialog, int id) { return MoveFocus(dialog, id); }
 
 bool Command(HWND dialog, int id) {
     {

@@ -167,13 +167,21 @@ bool ViewWindow(HWND window, WindowView *view);
 std::vector<HWND> ThreadWindows();
 
 // Input as a person gives it, on the window's own thread.  It goes through the
-// control as on Windows: a radio button checks itself and clears the others of
-// its group, an edit box keeps to its limit and its case, the procedure hears
-// of it by WM_COMMAND.  A control that is disabled, or can take no input,
-// takes none: false.
+// control as on Windows: the control takes the focus first, as under a mouse
+// click; a radio button checks itself and clears the others of its group, an
+// edit box keeps to its limit and its case, the procedure hears of it by
+// WM_COMMAND.  A control that is disabled, or can take no input, takes none:
+// false.
 bool Click(HWND dialog, int id);                 // a button, radio button or check box
 bool TypeKey(HWND dialog, int id, char16_t key); // at the end of an edit box's text; 8 erases
 bool SelectLine(HWND dialog, int id, int index); // a line of a list box
+// The keyboard focus of a dialog, as Windows' dialog manager keeps it: after
+// WM_INITDIALOG returns TRUE, the first control with WS_TABSTOP that takes
+// input.  A move tells the procedure as Windows' controls do, by WM_COMMAND:
+// the list or edit box losing the focus first (LBN_KILLFOCUS, EN_KILLFOCUS),
+// then the one gaining it (LBN_SETFOCUS, EN_SETFOCUS); buttons tell nothing.
+int FocusedControl(HWND dialog);      // its id; 0: none
+bool FocusControl(HWND dialog, int id);  // false for a control that takes no input
 bool AnswerBox(HWND box, int result);            // IDOK, IDCANCEL... of the box's buttons
 // A command that comes from no control, as Windows' dialog manager makes
 // IDCANCEL of the Esc key: WM_COMMAND with the id, BN_CLICKED and no window.

@@ -28,10 +28,11 @@ protected:
         std::system(("tmux -L kvt-" + std::to_string(getpid()) + " " + command + " >" + dir_ + "/tmux 2>&1").c_str());
         return kvttest::Slurp(dir_ + "/tmux");
     }
-    // A terminal of 80x24 running `kvtmon configure PS9-P1`, then saying how it ended.
-    void StartTerminal() {
+    // A terminal of 80x24 running `kvtmon configure PS9-P1` (or another command),
+    // then saying how it ended.
+    void StartTerminal(const std::string &command = "configure PS9-P1") {
         Tmux("-f /dev/null -u new-session -d -x 80 -y 24 'LANG=C.UTF-8 KVT_PREFIX=" + dir_ + "/prefix " +
-             kvttest::KvtmonPath() + " configure PS9-P1; echo EXIT=$?; sleep 60'");
+             kvttest::KvtmonPath() + " " + command + "; echo EXIT=$?; sleep 60'");
     }
     // The screen once it shows the text; a failure after 20 seconds.
     std::string WaitFor(const std::string &text) {
@@ -81,6 +82,24 @@ TEST_F(KvtmonConfigure, APersonAtTheTerminalChoosesTypesAndPressesOK) {
     Tmux("send-keys Enter");
     screen = WaitFor("PS9-P1: transport automatic (0), queue name \"raw\", notice after each job on\nEXIT=0");
     EXPECT_EQ(screen.find("Select Protocol"), std::string::npos) << "the terminal is given back";
+}
+
+// In the add dialog, tabbing back into the list of print servers puts the
+// choice back on LPT1, as the list's focus notice does on Windows.
+TEST_F(KvtmonConfigure, TabbingIntoTheAddDialogsListPutsThePortBackOnLpt1) {
+    kvtps::ServerConfig server = kvttest::Server("PS7", "127.0.0.7");
+    server.model = 3;
+    StartServers({server});
+    StartTerminal("add");
+    WaitFor("PS7 ");
+    Tmux("send-keys Down");
+    WaitFor("PS7-P1");
+    Tmux("send-keys Tab Right");
+    WaitFor("PS7-P2");
+    Tmux("send-keys BTab");
+    WaitFor("PS7-P1");
+    Tmux("send-keys Enter");
+    WaitFor("added PS7-P1\nEXIT=0");
 }
 
 TEST_F(KvtmonConfigure, CtrlCLeavesTheDialogAndStoresNothing) {

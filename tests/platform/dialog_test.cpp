@@ -1,6 +1,6 @@
 // The dialog engine on its own: a sorted list, radio groups, edit boxes and
-// disabled controls as Windows has them, the messages a procedure gets, and
-// how a dialog ends.
+// disabled controls as Windows has them, the focus and what its moves tell,
+// the messages a procedure gets, and how a dialog ends.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -89,6 +89,25 @@ TEST(DialogEngine, ASortedListGivesWindowsIndexesAndItemDataFollowsItsLine) {
         EXPECT_EQ(order, u"a|-a|--a|ab|a'b|a-b|ab-c|a-bc|coop|co-op|PS 1|PS_1|PS1|PS-1|PS10|PS31-P1|PS3-P1|PS9|report|");
         EXPECT_TRUE(kvthost::SelectLine(d, 10, 4));
         EXPECT_EQ(gMessages.back(), Command(d, 10, LBN_SELCHANGE));
+    });
+}
+
+// The focus as Windows moves it: to the first tab stop once WM_INITDIALOG has
+// returned TRUE, then to each control a person uses; a list or edit box losing
+// it tells first, then the one gaining it; buttons tell nothing.
+TEST(DialogEngine, TheFocusMovesWithInputAndListAndEditBoxesTellOfIt) {
+    RunDialog([](HWND d) {
+        EXPECT_EQ(kvthost::FocusedControl(d), 10);
+        EXPECT_EQ(gMessages.back(), Command(d, 10, LBN_SETFOCUS));
+        gMessages.clear();
+        kvthost::TypeKey(d, 40, u'x');
+        kvthost::Click(d, 20);
+        EXPECT_FALSE(kvthost::FocusControl(d, 41)) << "disabled";
+        EXPECT_TRUE(kvthost::FocusControl(d, 10));
+        EXPECT_TRUE(kvthost::FocusControl(d, 10));
+        EXPECT_EQ(gMessages, (std::vector<Message>{Command(d, 10, LBN_KILLFOCUS), Command(d, 40, EN_SETFOCUS),
+                                                   Command(d, 40, EN_CHANGE), Command(d, 40, EN_KILLFOCUS),
+                                                   Command(d, 20, BN_CLICKED), Command(d, 10, LBN_SETFOCUS)}));
     });
 }
 

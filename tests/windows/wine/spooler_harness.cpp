@@ -541,9 +541,12 @@ int Configure(wchar_t *port, int click, const wchar_t *text, bool pause) {
 // The monitor's AddPort, with a person at its dialogs on a second thread.
 // Dialog 250 is read ("listed") and Continue pressed.  In dialog 200 the
 // line of gServer is selected, LPT gLpt clicked, its queue box emptied and
-// gText typed, what the dialog shows printed ("shown"), OK pressed.
+// gText typed; with gTab the Tab key is then pressed (WM_NEXTDLGCTL, what the
+// dialog manager does with it) until the list has the focus ("focus"); what
+// the dialog shows is printed ("shown"), OK pressed.
 std::wstring gServer;
 int gLpt;
+bool gTab = false;
 
 std::string Lines(HWND dialog, int id) {
     std::string lines;
@@ -573,6 +576,16 @@ DWORD WINAPI AnswerAdd(void *) {
     SendMessageW(GetDlgItem(dialog, 206 + gLpt), BM_CLICK, 0, 0);
     SendDlgItemMessageW(dialog, 1001 + gLpt, EM_SETSEL, 0, -1);
     for (wchar_t c : L"\b" + gText) SendDlgItemMessageW(dialog, 1001 + gLpt, WM_CHAR, c, 0);
+    if (gTab) {
+        const HWND list = GetDlgItem(dialog, 203);
+        GUITHREADINFO info{};
+        info.cbSize = sizeof info;
+        for (int i = 0; i < 20 && !(GetGUIThreadInfo(GetWindowThreadProcessId(dialog, nullptr), &info) &&
+                                    info.hwndFocus == list);
+             ++i)
+            SendMessageW(dialog, WM_NEXTDLGCTL, 0, FALSE);
+        Say("focus", info.hwndFocus == list ? "the list" : "elsewhere");
+    }
     std::string shown;
     for (int id : {201, 205, 1002, 1003, 1004}) {
         wchar_t text[64] = L"";
@@ -587,7 +600,7 @@ DWORD WINAPI AnswerAdd(void *) {
 
 int Add(int argc, wchar_t **argv) {
     gServer = argv[2], gLpt = _wtoi(argv[3]), gText = argv[4], gPressDialogs = false;
-    gPause = argc > 5 && std::wstring(argv[5]) == L"pause";
+    for (int i = 5; i < argc; ++i) gPause = gPause || std::wstring(argv[i]) == L"pause", gTab = gTab || std::wstring(argv[i]) == L"tab";
     if (!LoadMonitor()) return 1;
     HANDLE thread = CreateThread(nullptr, 0, AnswerAdd, nullptr, 0, nullptr);
     SetLastError(kSentinel);

@@ -644,6 +644,19 @@ TEST_F(OnADisplay, AddPortShowsDialog200AndMakesThePortAPersonChose) {
     EXPECT_EQ(ran.One("ports"), "PS2-P2 PS1-P1 PS2-P1 PS2-P3") << ran;
 }
 
+// In dialog 200, Tab pressed after LPT2 until the list has the focus: the
+// list's focus notice puts the port back on LPT1, as the engine does on Linux.
+TEST_F(UnderWine, TabbingIntoDialog200sListPutsThePortBackOnLpt1) {
+    ASSERT_NO_FATAL_FAILURE(Install({"debug=0"}));
+    kvtps::ServerConfig ps2 = Server("PS2", "127.0.0.3");
+    ps2.model = 3;
+    ASSERT_NO_FATAL_FAILURE(StartServers({ps2}));
+    Ran ran = Spool({"add", "PS2", "2", "lp2", "tab"});
+    EXPECT_EQ(ran.One("focus"), "the list") << ran;
+    EXPECT_EQ(ran.One("shown").substr(0, 16), "PS2-P1 127.0.0.3") << ran;
+    EXPECT_EQ(ran.One("ports"), "PS2-P1") << ran;
+}
+
 // The list file's way makes its ports with no dialog; the marker file's way
 // shows dialog 250, sorted by Windows' list box (PS31-P1 before PS3-P1, as
 // the engine on Linux sorts it too), and makes every port found.  Each file
