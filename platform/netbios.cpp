@@ -23,6 +23,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "clock_internal.h"
 #include "kvtnetbios.h"
 
 namespace {
@@ -33,6 +34,10 @@ constexpr UCHAR kFirstNameNumber = 2;  // 1 is the adapter's permanent name on W
 constexpr UCHAR kLastNameNumber = 254;
 constexpr size_t kMaxNames = kLastNameNumber - kFirstNameNumber + 1;
 constexpr size_t kMaxHeardNames = 256;  // names heard as the source of a datagram
+// How long an add waits for another station to defend the name: one request,
+// not RFC 1001's three of 250 ms, since the stations here are processes of one
+// host, whose answer comes at once; the start-up's four names cost 100 ms.
+constexpr int64_t kRegistrationWaitMs = 25;
 
 struct HeldName {
     Name name;
@@ -76,6 +81,7 @@ struct NetbiosState {
     std::vector<Lana> lanas;
     uint32_t hostAddress = INADDR_LOOPBACK;  // host order
     int fd = -1;
+    int nameFd = -1;  // UDP 137: the registrations of others' names, to answer
     uint16_t nextId = 1;
     std::vector<Name> heard;  // names that stations use as their own: unique
     bool recording = false;
@@ -212,25 +218,116 @@ void ReadLoop(NetbiosState *nb, int fd) {
     }
 }
 
-// The process's socket and its reading thread, made at the first reset.
-bool OpenSocketLocked(NetbiosState &nb) {
-    if (nb.fd >= 0) return true;
+// A registration of a name that this process holds, from another station:
+// the negative response goes back to the asker, as the holder defends a
+// unique name.  Every name of the platform is unique.
+void DefendLoop(NetbiosState *nb, int fd) {
+    std::vector<uint8_t> packet(1024);
+    for (;;) {
+        sockaddr_in from{};
+        socklen_t size = sizeof from;
+        ssize_t n = recvfrom(fd, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&from), &size);
+        kvtnb::Registration r;
+        if (n <= 0 || !kvtnb::DecodeRegistration(packet.data(), static_cast<size_t>(n), &r) || r.response) continue;
+        bool held = false;
+        {
+            std::lock_guard<std::mutex> guard(nb->lock);
+            for (const Lana &lana : nb->lanas)
+                for (const HeldName &h : lana.names) held = held || (!lana.leadsNowhere && h.name == r.name);
+            r.address = nb->hostAddress;
+        }
+        if (!held) continue;
+        r.response = true;
+        const std::string answer = kvtnb::EncodeRegistration(r);
+        sendto(fd, answer.data(), answer.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr *>(&from), sizeof from);
+    }
+}
+
+// A datagram socket on port (any port: 0), which may broadcast; -1 on failure.
+int OpenUdp(uint16_t port) {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     int on = 1;
     sockaddr_in any{};
     any.sin_family = AF_INET;
-    any.sin_port = htons(kvtnb::kDatagramPort);
+    any.sin_port = htons(port);
     any.sin_addr.s_addr = htonl(INADDR_ANY);
     if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on) != 0 ||
         setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0 ||
         bind(fd, reinterpret_cast<sockaddr *>(&any), sizeof any) != 0) {
         if (fd >= 0) close(fd);
-        return false;
+        return -1;
     }
+    return fd;
+}
+
+// The process's sockets and their reading threads, made at the first reset:
+// datagrams on port 138; registrations on 137, where a host that lets no one
+// else use it leaves the names undefended.
+bool OpenSocketLocked(NetbiosState &nb) {
+    if (nb.fd >= 0) return true;
+    int fd = OpenUdp(kvtnb::kDatagramPort);
+    if (fd < 0) return false;
     nb.fd = fd;
     std::thread(ReadLoop, &nb, fd).detach();
+    nb.nameFd = OpenUdp(kvtnb::kNamePort);
+    if (nb.nameFd >= 0) std::thread(DefendLoop, &nb, nb.nameFd).detach();
     return true;
+}
+
+// Whether another station holds the unique name that this process is about to
+// add: one registration broadcast, and a negative response within
+// kRegistrationWaitMs (of the monitor's time) says so.  Not locked.
+bool HeldElsewhere(const kvtnb::Name &name, uint16_t id, uint32_t address) {
+    int fd = OpenUdp(0);
+    if (fd < 0) return false;
+    kvtnb::Registration r;
+    r.id = id, r.name = name, r.address = address;
+    const std::string request = kvtnb::EncodeRegistration(r);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(kvtnb::kNamePort);
+    to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
+    bool held = false;
+    if (sendto(fd, request.data(), request.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr *>(&to), sizeof to) ==
+        static_cast<ssize_t>(request.size())) {
+        const int64_t end = KvtRealNowNs() + KvtScaledWaitNs(kRegistrationWaitMs * 1000000LL);
+        std::vector<uint8_t> packet(1024);
+        for (int64_t left; !held && (left = end - KvtRealNowNs()) > 0;) {
+            pollfd p{fd, POLLIN, 0};
+            if (poll(&p, 1, static_cast<int>((left + 999999) / 1000000)) != 1) continue;
+            ssize_t n = recv(fd, packet.data(), packet.size(), 0);
+            kvtnb::Registration answer;
+            held = n > 0 && kvtnb::DecodeRegistration(packet.data(), static_cast<size_t>(n), &answer) &&
+                   answer.response && answer.id == id && answer.name == name;
+        }
+    }
+    close(fd);
+    return held;
+}
+
+// NCBADDNAME of a name that this process holds on no LANA, on one that leads
+// somewhere: NRC_INUSE when another station defends it, else NRC_GOODRET and
+// the command goes on.  The lock is not held over the wait.
+UCHAR Register(NetbiosState &nb, const NCB *ncb) {
+    kvtnb::Name name;
+    uint16_t id;
+    uint32_t address;
+    {
+        std::lock_guard<std::mutex> guard(nb.lock);
+        Lana *lana = FindLana(nb, ncb->ncb_lana_num);
+        if (lana == nullptr || !lana->reset || lana->leadsNowhere || nb.nameFd < 0 || ncb->ncb_name[0] == 0 ||
+            ncb->ncb_name[0] == '*')
+            return NRC_GOODRET;
+        name = NameOf(ncb->ncb_name);
+        // This process's own on some LANA: no one else may hold it, and this
+        // process would answer its own request (on this LANA NRC_DUPNAME follows).
+        for (const Lana &any : nb.lanas)
+            for (const HeldName &held : any.names)
+                if (held.name == name) return NRC_GOODRET;
+        id = nb.nextId++, address = nb.hostAddress;
+    }
+    return HeldElsewhere(name, id, address) ? NRC_INUSE : NRC_GOODRET;
 }
 
 UCHAR Enumerate(NetbiosState &nb, NCB *ncb) {
@@ -459,6 +556,7 @@ extern "C" UCHAR WINAPI Netbios(PNCB ncb) {
     }
     // The hook runs outside the lock: it may send, or wait for a delivery.
     UCHAR result = hook ? hook(*ncb) : NRC_GOODRET;
+    if (result == NRC_GOODRET && (ncb->ncb_command & ~ASYNCH) == NCBADDNAME) result = Register(nb, ncb);
     std::unique_lock<std::mutex> guard(nb.lock);
     // A block still pending is the platform's: it is refused, and nothing of
     // it is written, so its receive ends as it would have.

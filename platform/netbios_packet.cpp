@@ -104,4 +104,60 @@ bool DecodeDatagram(const uint8_t *p, size_t size, Datagram *d) {
     return true;
 }
 
+// ---- name registration (RFC 1002 sections 4.2.2 and 4.2.5) --------------------------
+//
+//   0  NAME_TRN_ID
+//   2  flags: R 0x8000, OPCODE (bits 11-14) 5, AA 0x0400, RD 0x0100, RA 0x0080,
+//      B 0x0010, RCODE (bits 0-3)
+//   4  QDCOUNT, ANCOUNT, NSCOUNT, ARCOUNT
+//   12 a request: the question (name, NB 0x0020, IN 0x0001), then the record
+//      of the name as a pointer to the question (0xC00C), NB, IN, TTL, RDLENGTH 6,
+//      NB_FLAGS and NB_ADDRESS; a response: the record, its name written out.
+namespace {
+
+constexpr uint16_t kRequestFlags = 0x2910;   // registration, RD, B
+constexpr uint16_t kNegativeFlags = 0xAD86;  // R, registration, AA, RD, RA, RCODE ACT_ERR
+constexpr size_t kRequestBytes = 68, kResponseBytes = 62;
+
+void PutRecordTail(std::string &out, uint32_t address) {
+    Put16(out, 0x0020), Put16(out, 0x0001);  // NB, IN
+    Put16(out, 0), Put16(out, 0);            // TTL
+    Put16(out, 6), Put16(out, 0);            // RDLENGTH, NB_FLAGS: unique, B node
+    Put16(out, static_cast<uint16_t>(address >> 16)), Put16(out, static_cast<uint16_t>(address & 0xFFFF));
+}
+
+}  // namespace
+
+std::string EncodeRegistration(const Registration &r) {
+    std::string out;
+    Put16(out, r.id);
+    Put16(out, r.response ? kNegativeFlags : kRequestFlags);
+    for (uint16_t count : {uint16_t(r.response ? 0 : 1), uint16_t(r.response ? 1 : 0), uint16_t(0),
+                           uint16_t(r.response ? 0 : 1)})
+        Put16(out, count);
+    out += EncodeName(r.name);
+    if (!r.response) Put16(out, 0x0020), Put16(out, 0x0001), Put16(out, 0xC00C);
+    PutRecordTail(out, r.address);
+    return out;
+}
+
+bool DecodeRegistration(const uint8_t *p, size_t size, Registration *r) {
+    if (p == nullptr || (size != kRequestBytes && size != kResponseBytes)) return false;
+    const bool response = size == kResponseBytes;
+    if (Get16(p + 2) != (response ? kNegativeFlags : kRequestFlags) || Get16(p + 4) != (response ? 0 : 1) ||
+        Get16(p + 6) != (response ? 1 : 0) || Get16(p + 8) != 0 || Get16(p + 10) != (response ? 0 : 1))
+        return false;
+    Registration out;
+    if (!DecodeName(p + 12, size - 12, &out.name)) return false;
+    const uint8_t *record = p + 12 + kEncodedNameBytes + (response ? 0 : 6);
+    if ((!response && (Get16(p + 46) != 0x0020 || Get16(p + 48) != 0x0001 || Get16(p + 50) != 0xC00C)) ||
+        Get16(record) != 0x0020 || Get16(record + 2) != 0x0001 || Get16(record + 8) != 6)
+        return false;
+    out.id = Get16(p);
+    out.response = response;
+    out.address = static_cast<uint32_t>(Get16(record + 12)) << 16 | Get16(record + 14);
+    *r = out;
+    return true;
+}
+
 }  // namespace kvtnb

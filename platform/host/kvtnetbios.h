@@ -54,6 +54,22 @@ std::string EncodeDatagram(const Datagram &datagram);
 // that agrees with the packet.  Never reads beyond size.
 bool DecodeDatagram(const uint8_t *packet, size_t size, Datagram *datagram);
 
+// A unique name's registration as a B node makes it, broadcast to UDP port 137,
+// and the negative response (ACT_ERR) with which the station that holds the
+// name already defends it, sent back to the asker.
+constexpr uint16_t kNamePort = 137;
+struct Registration {
+    uint16_t id = 0;
+    bool response = false;  // the negative response, or the request
+    Name name{};
+    uint32_t address = 0;   // host byte order
+};
+std::string EncodeRegistration(const Registration &registration);
+// False for anything but a registration request of one unique name (its
+// record naming the question's name by pointer) or a negative response to one,
+// exactly as long as those are.  Never reads beyond size.
+bool DecodeRegistration(const uint8_t *packet, size_t size, Registration *registration);
+
 }  // namespace kvtnb
 
 namespace kvthost {

@@ -3,10 +3,12 @@
 // end with a reset.  (The names of two processes on one host, each getting what
 // is sent to its own: kvtmon's NetBIOS jobs and searches to kvtps in the test
 // program, in the integration tests.)
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "kvthost.h"
 #include "netbios_calls.h"
 
 namespace {
@@ -88,6 +90,29 @@ TEST_F(Netbios0, ReceivesCompleteOrAreCancelled) {
     EXPECT_EQ(Text(c, 16), std::string(16, '\xEE'));
 }
 
+// A unique name that another process holds is defended as RFC 1001 has it:
+// the add answers NRC_INUSE; once that process has gone the name may be added.
+TEST_F(Netbios0, ANameAnotherProcessHoldsIsDefended) {
+    int ready[2], done[2];
+    ASSERT_TRUE(pipe(ready) == 0 && pipe(done) == 0);
+    const pid_t child = fork();
+    if (child == 0) {  // a process of its own NetBIOS: it holds the name until the parent lets go
+        close(done[1]);
+        char c = Call(NCBRESET) == NRC_GOODRET && Add("DEFENDED") >= 2 ? 'y' : 'n';
+        if (write(ready[1], &c, 1) != 1 || read(done[0], &c, 1) < 0) _exit(1);
+        _exit(0);
+    }
+    char c = 0;
+    close(done[0]);
+    ASSERT_TRUE(read(ready[0], &c, 1) == 1 && c == 'y');
+    kvthost::SetTimeScale(20);  // a wait of half a second for the other's answer
+    EXPECT_EQ(Call(NCBADDNAME, 0, 0, "DEFENDED"), NRC_INUSE);
+    close(done[1]);
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_GE(Add("DEFENDED"), 2) << "no one defends it any more";
+    kvthost::SetTimeScale(1);
+}
+
 // A name keeps its number for the life of the process, however often it, or
 // another, is added and deleted.
 TEST_F(Netbios0, AResetDropsNamesAndEndsPendingReceives) {
@@ -101,7 +126,9 @@ TEST_F(Netbios0, AResetDropsNamesAndEndsPendingReceives) {
     EXPECT_EQ(Call(NCBRESET), NRC_GOODRET);
     EXPECT_EQ(Code(onA), NRC_CMDCAN);
     EXPECT_EQ(kvthost::NetbiosPendingReceives(), 0u);
+    kvthost::SetTimeScale(0.01);  // each add asks the network first
     for (int i = 0; i < 300; ++i) EXPECT_TRUE(Add("GAMMA") > b && Call(NCBDELNAME, 0, 0, "GAMMA") == NRC_GOODRET);
+    kvthost::SetTimeScale(1);
     EXPECT_EQ(Send(a, "ALPHA", "x"), NRC_ILLNN) << "the name number is stale, and no other name's";
     EXPECT_EQ(Add("ALPHA"), a) << "its own number again";
 }
