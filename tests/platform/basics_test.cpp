@@ -126,13 +126,6 @@ TEST(WinsockStartup, CallsBeforeStartupFailAndCleanupClosesSockets) {
     EXPECT_EQ(WSACleanup(), 0);
 }
 
-TEST(WinsockErrors, LastErrorIsTheThreadsOwn) {
-    WSASetLastError(WSAECONNREFUSED);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(WSAECONNREFUSED));
-    SetLastError(ERROR_ACCESS_DENIED);
-    EXPECT_EQ(WSAGetLastError(), ERROR_ACCESS_DENIED);
-}
-
 TEST(WinsockFdSet, AddsOnceUpToSixtyFourAndClearsInOrder) {
     fd_set set;
     FD_ZERO(&set);

@@ -153,20 +153,6 @@ TEST_F(Management, RepliesCarryEachFieldWhereTheMonitorReadsIt) {
     EXPECT_EQ(status.substr(68, 4), Raw("\x7F\x00\x00\x02")) << "its address, not the EEPROM's";
 }
 
-TEST_F(Management, ANewAddressMovesTheListenerAndTheStatusButNotTheNode) {
-    Start({Server("PS1", "127.0.0.2")});
-    std::string error;
-    ASSERT_TRUE(emulator.SetAddress("PS1", "127.0.0.7", &error)) << error;
-    EXPECT_EQ(emulator.Address("PS1"), "127.0.0.7");
-    EXPECT_EQ(emulator.Node("PS1"), kNode2);
-    EXPECT_EQ(asker.OnlyReply(kMgmtStatus, kNode2).substr(68, 4), Raw("\x7F\x00\x00\x07"));
-    EXPECT_EQ(asker.OnlyReply(kMgmtReadEeprom, kNode2).substr(508, 4), Raw("\x7F\x00\x00\x07"));
-    LprClient client;
-    EXPECT_EQ(client.Connect("127.0.0.2"), ECONNREFUSED);
-    EXPECT_FALSE(emulator.SetAddress("PS1", "127.0.0.256", &error));
-    EXPECT_EQ(error, "bad IPv4 address '127.0.0.256'");
-}
-
 TEST_F(Management, EmulatorsShareThePortAndServersMayShareAName) {
     ServerConfig a = Server("A", "127.0.0.2"), b = Server("B", "127.0.0.3"), quiet = Server("Q", "127.0.0.4");
     a.deviceName = b.deviceName = "Twin";
