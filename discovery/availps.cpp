@@ -55,6 +55,8 @@ AvailPSTable *AvailPSBeginSearch(void) {
     return table;
 }
 
+AvailPSTable *AvailPSNewTable(void) { return (AvailPSTable *)LocalAlloc(LPTR, sizeof(AvailPSTable)); }
+
 void AvailPSEndSearch(AvailPSTable *pTable) {
     if (pTable == NULL) return;
     EnterCriticalSection(&AvailPSLock);

@@ -71,6 +71,9 @@ typedef struct _AVAILPSTABLE {
  * NULL without memory for it.  AvailPSEndSearch puts the table back into
  * AvailPS under the lock and frees it (NULL: nothing happens). */
 AvailPSTable *AvailPSBeginSearch(void);
+/* An empty, zeroed table for a search that never touches AvailPS (free it
+ * with LocalFree); NULL without memory. */
+AvailPSTable *AvailPSNewTable(void);
 void AvailPSEndSearch(AvailPSTable *pTable);
 
 /* The index at which the next record goes behind count records, or -1 when

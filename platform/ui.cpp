@@ -541,30 +541,32 @@ BOOL WINAPI EnableWindow(HWND window, BOOL enable) {
 
 // A dialog's own data, DWLP_USER alone: the procedure keeps there what
 // belongs to that dialog, so that two dialogs of one procedure on two threads
-// keep apart.  The result is the value before.
-LONG_PTR WINAPI SetWindowLongPtrW(HWND window, int index, LONG_PTR value) {
-    std::lock_guard<std::mutex> lock(gMutex);
+// keep apart.  The slot, or nullptr with the error set.  Locked.
+static LONG_PTR *UserSlot(HWND window, int index) {
     Window *w = Find(window);
-    if (w == nullptr) return 0;
+    if (w == nullptr) return nullptr;
     if (w->kind != Window::Dialog || index != static_cast<int>(DWLP_USER)) {
         SetLastError(ERROR_INVALID_INDEX);
-        return 0;
+        return nullptr;
     }
-    LONG_PTR before = w->user;
-    w->user = value;
+    return &w->user;
+}
+
+// The result is the value before.
+LONG_PTR WINAPI SetWindowLongPtrW(HWND window, int index, LONG_PTR value) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    LONG_PTR *slot = UserSlot(window, index);
+    if (slot == nullptr) return 0;
+    LONG_PTR before = *slot;
+    *slot = value;
     SetLastError(0);
     return before;
 }
 
 LONG_PTR WINAPI GetWindowLongPtrW(HWND window, int index) {
     std::lock_guard<std::mutex> lock(gMutex);
-    Window *w = Find(window);
-    if (w == nullptr) return 0;
-    if (w->kind != Window::Dialog || index != static_cast<int>(DWLP_USER)) {
-        SetLastError(ERROR_INVALID_INDEX);
-        return 0;
-    }
-    return w->user;
+    LONG_PTR *slot = UserSlot(window, index);
+    return slot != nullptr ? *slot : 0;
 }
 
 BOOL WINAPI SetForegroundWindow(HWND window) {

@@ -192,7 +192,7 @@ static void RefreshNode(PINIPORT pIniPort) {
         name[len] = 0;
     }
 
-    AvailPSTable *table = (AvailPSTable *)LocalAlloc(LPTR, sizeof(AvailPSTable));
+    AvailPSTable *table = AvailPSNewTable();
     if (table == NULL) return;
     EnterCriticalSection(&PortListLock);
     for (int search = 0; search < IPX_SEARCHES_AT_JOB_START; ++search) {

@@ -12,7 +12,7 @@
 // Runs the search into an empty, zeroed table of its own and copies out what it
 // found; -1 when the search could not set up its socket or had no table.
 static int SearchAndCopy(BOOL (*search)(AvailPSTable *), KvtFoundServer *out, int max) {
-    AvailPSTable *table = (AvailPSTable *)LocalAlloc(LPTR, sizeof(AvailPSTable));
+    AvailPSTable *table = AvailPSNewTable();
     if (table == NULL) return -1;
     table->Count = 0;
     int found = search(table) ? table->Count : -1;
