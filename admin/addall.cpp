@@ -15,6 +15,11 @@
 #include "monitor.h"
 #include "resource.h"
 
+void QueueNameFromSlot(WCHAR *pField, const QueueSlot *pSlot, BOOL wide) {
+    if (wide) lstrcpynW(pField, pSlot->Wide, PORT_QUEUE_CHARS);
+    else WidenText((const BYTE *)pSlot->Text, AVAILPS_QUEUE_TEXT_BYTES, pField, PORT_QUEUE_CHARS);
+}
+
 static void InitAddPortDlgOf(AddPortMode mode, HWND hDlg) {
     SetForegroundWindow(hDlg);
     SetTextFromTable(hDlg, 0, IDS_ADD_PORT);

@@ -34,21 +34,13 @@ static BOOL ClaimAddPort(void) {
     return free;
 }
 
-/* Opens <Windows folder>\SysWOW64 and the file name of string nameId, to be
- * deleted when the handle closes; INVALID_HANDLE_VALUE when it can't be
- * opened, for whatever reason. */
-static HANDLE OpenHandOverFile(UINT nameId, DWORD access) {
+HANDLE OpenHandOverFile(UINT nameId, DWORD access) {
     WCHAR path[WINDOWS_FOLDER_CHARS + 64], name[32];
     UINT len = GetWindowsDirectoryW(path, WINDOWS_FOLDER_CHARS);
     if (len == 0 || len >= WINDOWS_FOLDER_CHARS) return INVALID_HANDLE_VALUE;
     lstrcatW(path, TEXT("\\SysWOW64"));
     lstrcatW(path, LoadStr(nameId, name, 32));
     return CreateFileW(path, access, FILE_SHARE_READ, NULL, OPEN_EXISTING, HANDOVER_FLAGS, NULL);
-}
-
-void QueueNameFromSlot(WCHAR *pField, const QueueSlot *pSlot, BOOL wide) {
-    if (wide) lstrcpynW(pField, pSlot->Wide, PORT_QUEUE_CHARS);
-    else WidenText((const BYTE *)pSlot->Text, AVAILPS_QUEUE_TEXT_BYTES, pField, PORT_QUEUE_CHARS);
 }
 
 BOOL CreateNewPort(LPCWSTR pName, const PortParam *pParam) {
@@ -135,15 +127,6 @@ BOOL LocalmonAddPort2(LPWSTR pName, HWND hWnd, LPWSTR pMonitorName) {
     SetLastError(ERROR_CANCELLED);
     DebugLog("Leave LocalmonAddPort2 - ERROR_CANCELLED\n");
     return FALSE;
-}
-
-/* The full port name of a block: "%s-%c%c", P and the digit up to "3", C and
- * the digit less 3 above. */
-static void FullPortName(WCHAR *pOut /* PORT_NAME_CHARS */, const PortParam *pParam) {
-    WCHAR server[SERVER_NAME_CHARS];
-    lstrcpynW(server, pParam->ServerName, SERVER_NAME_CHARS);
-    BOOL printer = pParam->Lptn <= '3';
-    wsprintfW(pOut, TEXT("%s-%c%c"), server, printer ? 'P' : 'C', printer ? pParam->Lptn : pParam->Lptn - 3);
 }
 
 extern "C" BOOL WINAPI LocalmonAddPort(LPWSTR pName, HWND hWnd, LPWSTR pMonitorName) {

@@ -18,6 +18,7 @@
 #define IDS_TOO_MANY 836
 #define IDS_NO_ZERO_ADDRESS 837
 #define IDS_ADD_PORT_BUSY 838
+#define IDS_DELETE_PORT 1170     /* the UI library's question before a delete */
 
 #define MESSAGE_TEXT_BYTES 2048       /* the formatted text: 1024 wide characters */
 #define MESSAGE_FORMAT_CHARS 240      /* room for the text's format */
@@ -70,6 +71,11 @@ typedef struct _CONFIGRECORD {
 } ConfigRecord;
 
 INT_PTR CALLBACK SelectProtocolDlg(HWND hDlg, UINT uMsg, WPARAM wParam, LPARAM lParam);
+/* What dialog 550 opens on, read into a record whose QueueNameBuffer has
+ * room for PORT_QUEUE_CHARS, and the store of a record (configport.cpp):
+ * NULL, or the end of the log line that says why not. */
+const char *PortConfigRead(LPCWSTR pPortName, ConfigRecord *pRecord);
+const char *PortConfigStore(LPCWSTR pPortName, const ConfigRecord *pRecord);
 
 /* A dialog's title (id 0) or a control's text from the string table. */
 void SetTextFromTable(HWND hDlg, int id, UINT stringId);
@@ -100,6 +106,12 @@ void *DialogBlock(HWND hDlg);
 BOOL LocalmonAddPort2(LPWSTR pName, HWND hWnd, LPWSTR pMonitorName);
 BOOL LocalmonAddPort3(LPWSTR pName, HWND hWnd, LPWSTR pMonitorName);
 BOOL AddPortFromFile(void);
+/* Opens <Windows folder>\SysWOW64 and the file name of string nameId (the
+ * list file or the marker file), to be deleted when the handle closes;
+ * INVALID_HANDLE_VALUE when it can't be opened, for whatever reason. */
+HANDLE OpenHandOverFile(UINT nameId, DWORD access);
+/* The full port name of a block: <server>-P<digit> up to "3", -C<digit - 3> above. */
+void FullPortName(WCHAR *pOut /* PORT_NAME_CHARS */, const PortParam *pParam);
 /* Sets or clears AddPortBusy under PortListLock. */
 void SetAddPortBusy(BOOL busy);
 /* Makes port pName from the block unless the list has a port of that name:

@@ -1,9 +1,8 @@
 /*
- * Port configuration: dialog 550 sets a port's transport and LPR queue name,
- * and for the whole monitor the notice after each job.  The choices go to the
- * registry only after the dialog has ended, in this order: protocol, queue
- * name, notify setting.  Nothing in the port record changes: the job flow
- * reads the port's protocol and queue name at every job start.
+ * Dialog 550: a port's transport and LPR queue name, and for the whole
+ * monitor the notice after each job.  The dialog works on the caller's
+ * ConfigRecord alone; the monitor's ConfigurePort (configport.cpp) and the UI
+ * library's ConfigurePortUI read and store it.
  */
 #include <windows.h>
 
@@ -93,105 +92,4 @@ INT_PTR CALLBACK SelectProtocolDlg(HWND hDlg, UINT uMsg, WPARAM wParam, LPARAM l
     default:
         return FALSE;
     }
-}
-
-/* Opens <root>\<MonitorName>, and below it, when pBelow is given, the path
- * Ports\<server>\<digit> of a port name: its server is the name less its last
- * three characters, its digit the last character. */
-static LONG OpenConfigKey(LPCWSTR pPortName, PHKEY phKey) {
-    WCHAR root[128], path[400];
-    LoadStr(IDS_MONITORS_ROOT, root, 128);
-    if (pPortName == NULL) {
-        wsprintfW(path, TEXT("%s\\%s"), root, MonitorName);
-    } else {
-        int len = lstrlenW(pPortName);
-        if (len < 4 || len - 3 >= SERVER_NAME_CHARS) return ERROR_INVALID_NAME;
-        WCHAR ports[16], server[SERVER_NAME_CHARS], digit[2] = {pPortName[len - 1], 0};
-        LoadStr(IDS_PORTS, ports, 16);
-        lstrcpynW(server, pPortName, len - 3 + 1);
-        wsprintfW(path, TEXT("%s\\%s\\%s\\%s\\%s"), root, MonitorName, ports, server, digit);
-    }
-    return RegOpenKeyW(HKEY_LOCAL_MACHINE, path, phKey);
-}
-
-/* The dialog shows and stores the call's own record: its copy of the queue
- * name, taken under PortListLock right after the lookup (a job start on
- * another thread, whose lookup refreshes QueueNameBuffer, cannot change it),
- * the protocol and the notify setting.  A second configure call while the
- * dialog stands has a record of its own. */
-extern "C" BOOL WINAPI LocalmonConfigurePort(LPWSTR pName, HWND hWnd, LPWSTR pPortName) {
-    WCHAR queueName[QUEUE_NAME_BYTES / sizeof(WCHAR)];
-    queueName[0] = 0;
-    ConfigRecord record = {queueName, 0, 0};
-    DebugLog("\n");
-    DebugLog("Entry LocalmonConfigurePort\n");
-    if (pName != NULL) LogWideName("Name: %s \t", pName);
-    else DebugLog("Name: NULL\t");
-    if (pPortName != NULL) LogWideName("PortName: %s \n", pPortName);
-    else DebugLog("PortName: NULL\n");
-
-    SupportProtocol = GetProtocol();
-    if (SupportProtocol == 0) {
-        DebugLog("Leave LocalmonConfigurePort - PC no support any protocol\n");
-        return FALSE;
-    }
-    EnterCriticalSection(&PortListLock);
-    if (FindPortFromList(pPortName) == NULL) {
-        LeaveCriticalSection(&PortListLock);
-        DebugLog("Leave LocalmonConfigurePort - no any printserver port find\n");
-        return FALSE;
-    }
-    DebugLog("FindPortFromList ok\n");
-    LeaveCriticalSection(&PortListLock);
-
-    EnterCriticalSection(&PortListLock);
-    DWORD protocol = GetPrintProtocol(pPortName);
-    lstrcpynW(queueName, QueueNameBuffer, PORT_QUEUE_CHARS);
-    LeaveCriticalSection(&PortListLock);
-    LogPrintf("PrintMethod = %d\n", (int)protocol);
-
-    WCHAR flagName[32];
-    HKEY hKey;
-    if (OpenConfigKey(NULL, &hKey) != ERROR_SUCCESS) {
-        DebugLog("Leave LocalmonConfigurePort - Open registry key fail\n");
-        return FALSE;
-    }
-    LoadStr(IDS_ISNOTIFY, flagName, 32);
-    BYTE notify = 0;
-    DWORD cb = 1;
-    if (RegQueryValueExW(hKey, flagName, NULL, NULL, &notify, &cb) != ERROR_SUCCESS || cb == 0) notify = 0;
-    RegCloseKey(hKey);
-    IsNOTIFY = notify;
-    record.NotifyChoice = notify;
-    LogPrintf("IsNotify = %d\n", notify);
-
-    record.ConfigProtocol = protocol;
-    if (DialogBoxParamW(DllInstance, MAKEINTRESOURCEW(DLG_SELECT_PROTOCOL), hWnd, SelectProtocolDlg,
-                        (LPARAM)&record) == 0) {
-        DebugLog("Leave LocalmonConfigurePort - show dialogbox fail\n");
-        return FALSE;
-    }
-
-    if (OpenConfigKey(pPortName, &hKey) != ERROR_SUCCESS) {
-        DebugLog("Leave LocalmonConfigurePort - open registry key fail\n");
-        return FALSE;
-    }
-    WCHAR valueName[32];
-    BYTE stored = (BYTE)record.ConfigProtocol;
-    LoadStr(IDS_PROTOCOL, valueName, 32);
-    RegSetValueExW(hKey, valueName, 0, REG_BINARY, &stored, 1);
-    LoadStr(IDS_QUEUENAME, valueName, 32);
-    RegSetValueExW(hKey, valueName, 0, REG_SZ, (const BYTE *)record.QueueNameBuffer,
-                   (DWORD)(lstrlenW(record.QueueNameBuffer) + 1) * sizeof(WCHAR));
-    RegCloseKey(hKey);
-
-    if (OpenConfigKey(NULL, &hKey) != ERROR_SUCCESS) {
-        DebugLog("Leave LocalmonConfigurePort - open registry key fail\n");
-        return FALSE;
-    }
-    IsNOTIFY = record.NotifyChoice;
-    RegSetValueExW(hKey, flagName, 0, REG_BINARY, &record.NotifyChoice, 1);
-    RegCloseKey(hKey);
-    DebugLog("Leave LocalmonConfigurePort - success\n");
-    return TRUE;
 }

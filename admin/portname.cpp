@@ -62,6 +62,13 @@ BOOL ParseIPAddress(PortParam *pParam, LPCWSTR pText) {
     return valid;
 }
 
+void FullPortName(WCHAR *pOut /* PORT_NAME_CHARS */, const PortParam *pParam) {
+    WCHAR server[SERVER_NAME_CHARS];
+    lstrcpynW(server, pParam->ServerName, SERVER_NAME_CHARS);
+    BOOL printer = pParam->Lptn <= '3';
+    wsprintfW(pOut, TEXT("%s-%c%c"), server, printer ? 'P' : 'C', printer ? pParam->Lptn : pParam->Lptn - 3);
+}
+
 /* ---- dialog 300 -------------------------------------------------------------- */
 
 void AcceptRemotePrinter(HWND hDlg) {

@@ -13,3 +13,19 @@ set_target_properties(KVT64 PROPERTIES PREFIX "" OUTPUT_NAME KVT64 SUFFIX ".DLL"
 # No C++ runtime DLLs to ship beside the monitor.
 target_link_options(KVT64 PRIVATE -static -static-libgcc -static-libstdc++)
 target_link_libraries(KVT64 PRIVATE ws2_32 netapi32 winspool advapi32 user32 kernel32)
+
+# KVT64UI.DLL: the monitor's dialogs in the administrator's process, from the
+# same dialog procedures and resources, reaching the monitor through XcvData.
+add_library(KVT64UI SHARED
+            ${CMAKE_SOURCE_DIR}/monui/monui.cpp
+            ${CMAKE_SOURCE_DIR}/admin/configure.cpp
+            ${CMAKE_SOURCE_DIR}/admin/portname.cpp
+            ${CMAKE_SOURCE_DIR}/admin/addall.cpp
+            ${CMAKE_SOURCE_DIR}/admin/message.cpp
+            ${CMAKE_SOURCE_DIR}/discovery/availps.cpp
+            ${CMAKE_SOURCE_DIR}/resources/kvt64.rc
+            ${CMAKE_SOURCE_DIR}/monui/kvt64ui.def)
+target_include_directories(KVT64UI PRIVATE ${KVT_MONITOR_INCLUDES})
+set_target_properties(KVT64UI PROPERTIES PREFIX "" OUTPUT_NAME KVT64UI SUFFIX ".DLL")
+target_link_options(KVT64UI PRIVATE -static -static-libgcc -static-libstdc++)
+target_link_libraries(KVT64UI PRIVATE winspool ws2_32 user32 kernel32)

@@ -22,7 +22,8 @@ const char kUsage[] =
     "       kvtmon add --list FILE    the ports of a list file (kvtmon listfile), silently\n"
     "  without options the search's dialog opens in the terminal; options answer it and\n"
     "  need no terminal: --server picks that print server's line, --lpt its printer port,\n"
-    "  --queue types queue name K, --create adds a print server through dialog 300 first\n";
+    "  --queue types queue name K, --create adds a print server through dialog 300 first\n"
+    "  --legacy calls the monitor's own AddPort rather than its UI library\n";
 
 // The hand-over files, where the monitor looks for them.
 std::string HandOverPath(const char16_t *name) {
@@ -83,6 +84,7 @@ void TakeBackHandOver(const std::string &laid) {
 }  // namespace
 
 int AddCommand(int argc, char **argv) {
+    TakeLegacyOption(&argc, argv);
     AddAnswers answers;
     std::string error;
     for (int i = 0; i < argc; ++i)
@@ -116,11 +118,30 @@ int AddCommand(int argc, char **argv) {
     if (m != nullptr) {
         before = PortNames(m);
         std::u16string monitorName = MonitorNameFromProfile();
+        // As the client side of the spooler: the UI library, when the
+        // monitor names one, with the administrator's desktop as its owner.
+        const MONITORUI *ui = gLegacyEntries ? nullptr : LoadMonitorUI(m, &error);
+        if (!gLegacyEntries && ui == nullptr && kvthost::HasXcvMonitor()) {
+            EndTerminal();
+            kvthost::SetUiDriver(nullptr);
+            TakeBackHandOver(laid);
+            std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
+            return 2;
+        }
         {
             kvthost::RegistryBatch batch;  // the ports made reach the hive together, or none
             SetLastError(0);
-            result = m->pfnAddPort(nullptr, nullptr, monitorName.data());
-            lastError = GetLastError();
+            if (ui != nullptr) {
+                PWSTR made = nullptr;
+                result = ui->pfnAddPortUI(nullptr, GetDesktopWindow(), monitorName.c_str(), &made);
+                lastError = GetLastError();
+                LocalFree(made);
+                // A person's Cancel (or a port that exists) is no refusal.
+                if (!result && lastError == ERROR_CANCELLED) result = TRUE;
+            } else {
+                result = m->pfnAddPort(nullptr, nullptr, monitorName.data());
+                lastError = GetLastError();
+            }
         }
         after = PortNames(m);
     }

@@ -254,20 +254,33 @@ int PortsCommand(int argc, char **argv) {
 }
 
 int DeleteCommand(int argc, char **argv) {
+    TakeLegacyOption(&argc, argv);
     std::vector<std::string> positional;
     if (!SplitArgs("delete", argc, argv, {}, &positional) || positional.size() != 1) {
-        std::fprintf(stderr, "usage: kvtmon delete PORT\n");
+        std::fprintf(stderr, "usage: kvtmon delete PORT [--legacy]\n");
         return 2;
     }
     const MONITOR *m = StartMonitorQuietly();
     if (m == nullptr) return 2;
+    std::string error;
+    const MONITORUI *ui = gLegacyEntries ? nullptr : LoadMonitorUI(m, &error);
+    if (ui == nullptr && !gLegacyEntries && kvthost::HasXcvMonitor()) {
+        std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
+        return 2;
+    }
+    // The command line is the administrator's answer to the UI library's
+    // question before the delete.
+    kvthost::SetMessageBoxHandler([](HWND, const std::u16string &, const std::u16string &, unsigned type) {
+        return (type & 0xF) == MB_YESNO ? IDYES : IDOK;
+    });
     std::u16string port = kvthost::Widen(positional[0]);
     SetLastError(0);
     BOOL deleted;
     DWORD e;
     {
         kvthost::RegistryBatch batch;  // the port's keys leave the hive together, or none
-        deleted = m->pfnDeletePort(nullptr, nullptr, port.data());
+        deleted = ui != nullptr ? ui->pfnDeletePortUI(nullptr, GetDesktopWindow(), port.c_str())
+                                : m->pfnDeletePort(nullptr, nullptr, port.data());
         e = GetLastError();
     }
     if (!deleted) {

@@ -15,7 +15,8 @@ namespace {
 const char kUsage[] =
     "usage: kvtmon configure PORT [--protocol auto|ipx|tcpip|netbeui] [--queue TEXT] [--notify on|off]\n"
     "  without options the dialog opens in the terminal; options answer it (what is not\n"
-    "  given keeps what the dialog shows) and need no terminal\n";
+    "  given keeps what the dialog shows) and need no terminal; --legacy calls the\n"
+    "  monitor's own ConfigurePort rather than its UI library\n";
 
 // The port as the monitor lists it, in its own spelling; "" when it has none.
 std::string ListedPort(const MONITOR *m, const std::string &name) {
@@ -57,6 +58,7 @@ void PrintStored(const std::string &port) {
 }  // namespace
 
 int ConfigureCommand(int argc, char **argv) {
+    TakeLegacyOption(&argc, argv);
     ConfigureAnswers answers;
     std::string error;
     for (int i = 0; i < argc; ++i)
@@ -84,7 +86,11 @@ int ConfigureCommand(int argc, char **argv) {
     if (!port.empty()) {
         std::u16string name = kvthost::Widen(port);
         kvthost::RegistryBatch batch;  // the choices reach the hive together, or none
-        configured = m->pfnConfigurePort(nullptr, nullptr, name.data());
+        const MONITORUI *ui = gLegacyEntries ? nullptr : LoadMonitorUI(m, &error);
+        if (ui != nullptr) configured = ui->pfnConfigurePortUI(nullptr, GetDesktopWindow(), name.c_str());
+        else if (gLegacyEntries || !kvthost::HasXcvMonitor())
+            configured = m->pfnConfigurePort(nullptr, nullptr, name.data());
+        else std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
     }
     EndTerminal();
     kvthost::SetUiDriver(nullptr);

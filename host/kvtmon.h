@@ -18,6 +18,18 @@ namespace kvtmon {
 // calls InitializePrintMonitor.  NULL with a message when it can't.
 const MONITOR *LoadMonitor(std::string *error);
 
+// The monitor's UI library, found as the client side of Windows' spooler
+// finds it: the monitor names it (XcvData "MonitorUI" on ",XcvMonitor NAME"),
+// and it is loaded from the monitor's folder.  The platform's OpenPrinterW
+// then reaches this monitor's transceive entries.  NULL with a message when
+// the monitor offers none.
+const MONITORUI *LoadMonitorUI(const MONITOR *m, std::string *error);
+// --legacy: add, configure and delete call the monitor's own entries (its
+// dialogs in this process, as the spooler of old showed them) rather than
+// the UI library.  Takes the option out of the arguments.
+extern bool gLegacyEntries;
+bool TakeLegacyOption(int *argc, char **argv);
+
 // The name of a Win32 error number ("ERROR_IO_DEVICE"), or "" when unknown.
 const char *ErrorName(DWORD error);
 std::string DescribeError(DWORD error);  // "1117 (ERROR_IO_DEVICE)"

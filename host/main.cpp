@@ -23,6 +23,8 @@ void Usage(FILE *out) {
                  "  listfile make DESCRIPTION FILE | show FILE\n"
                  "                                 write a list file from a description, or show one\n"
                  "  delete PORT                    delete a port from the list and the registry\n"
+                 "  (add, configure and delete go through the monitor's UI library, as Windows'\n"
+                 "   spooler does; --legacy calls the monitor's own entries)\n"
                  "  log [--follow]                 show the diagnostic log\n"
                  "  print PORT FILE... [options]   print files through the monitor (kvtmon print --help)\n"
                  "  discover [--transport tcpip|ipx|netbios] [--json] [--debug]\n"

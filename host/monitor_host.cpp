@@ -62,6 +62,59 @@ const MONITOR *LoadMonitor(std::string *error) {
     return &table->Monitor;
 }
 
+const MONITORUI *LoadMonitorUI(const MONITOR *m, std::string *error) {
+    std::u16string name = MonitorNameFromProfile();
+    kvthost::SetXcvMonitor(name, m);
+    if (!kvthost::HasXcvMonitor()) {
+        *error = "the monitor has no transceive entries";
+        return nullptr;
+    }
+    std::u16string object = u",XcvMonitor " + name;
+    PRINTER_DEFAULTSW defaults = {nullptr, nullptr, SERVER_ACCESS_ENUMERATE};
+    HANDLE h = nullptr;
+    if (!OpenPrinterW(object.data(), &h, &defaults)) {
+        *error = "the monitor refused a transceive handle: error " + DescribeError(GetLastError());
+        return nullptr;
+    }
+    char16_t file[260] = {};
+    DWORD needed = 0, status = 0;
+    XcvDataW(h, u"MonitorUI", nullptr, 0, reinterpret_cast<BYTE *>(file), sizeof file - 2, &needed, &status);
+    ClosePrinter(h);
+    if (status != ERROR_SUCCESS || file[0] == 0) {
+        *error = "the monitor names no UI library: error " + DescribeError(status);
+        return nullptr;
+    }
+    // Beside the monitor, as Windows finds it in the system folder.
+    const char *env = std::getenv("KVT64_SO");
+    std::string dir = env != nullptr && *env != 0 ? env : ProgramDirectory() + "/libkvt64.so";
+    dir = dir.find('/') == std::string::npos ? "." : dir.substr(0, dir.rfind('/'));
+    std::string path = dir + "/" + kvthost::Narrow(file);
+    void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+        *error = std::string("cannot load the monitor's UI library: ") + dlerror();
+        return nullptr;
+    }
+    auto init = reinterpret_cast<PMONITORUI (*)()>(dlsym(library, "InitializePrintMonitorUI"));
+    const MONITORUI *ui = init != nullptr ? init() : nullptr;
+    if (ui == nullptr || ui->dwMonitorUISize < sizeof(MONITORUI)) {
+        *error = path + " gave no UI table";
+        return nullptr;
+    }
+    return ui;
+}
+
+bool gLegacyEntries = false;
+
+bool TakeLegacyOption(int *argc, char **argv) {
+    int kept = 0;
+    for (int i = 0; i < *argc; ++i) {
+        if (std::strcmp(argv[i], "--legacy") == 0) gLegacyEntries = true;
+        else argv[kept++] = argv[i];
+    }
+    *argc = kept;
+    return gLegacyEntries;
+}
+
 const char *ErrorName(DWORD error) {
     switch (error) {
     case 0: return "ERROR_SUCCESS";
@@ -77,6 +130,7 @@ const char *ErrorName(DWORD error) {
     case 124: return "ERROR_INVALID_LEVEL";
     case 170: return "ERROR_BUSY";
     case 1012: return "ERROR_CANTREAD";
+    case 1223: return "ERROR_CANCELLED";
     case 1117: return "ERROR_IO_DEVICE";
     case 1796: return "ERROR_UNKNOWN_PORT";
     case 1801: return "ERROR_INVALID_PRINTER_NAME";

@@ -17,6 +17,7 @@
 #include "nbstartup.h"
 #include "portstore.h"
 #include "resource.h"
+#include "xcv.h"
 
 HINSTANCE DllInstance;
 DWORD MessageTlsSlot;
@@ -52,9 +53,9 @@ static MONITOREX MonitorTable = {
         LocalmonDeletePort,
         LocalmonGetPrinterDataFromPort,
         LocalmonSetPortTimeOuts,
-        NULL, /* no transceive entries */
-        NULL,
-        NULL,
+        LocalmonXcvOpenPort,
+        LocalmonXcvDataPort,
+        LocalmonXcvClosePort,
     },
 };
 

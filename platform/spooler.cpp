@@ -1,8 +1,10 @@
 // The spooler's services to a monitor, over a job table that the host fills:
 // printers, jobs with their document, owner and status bits, and a record of
 // every call the monitor makes on them.
+#include <winsock2.h>
 #include <windows.h>
 #include <winspool.h>
+#include <winsplp.h>
 
 #include <algorithm>
 #include <cstring>
@@ -23,6 +25,7 @@ struct Printer {
 };
 struct PrinterHandle {
     std::u16string printer;
+    HANDLE xcv = nullptr;  // a transceive handle of the monitor: ",XcvMonitor" or ",XcvPort"
 };
 
 std::recursive_mutex gMutex;
@@ -35,6 +38,33 @@ constexpr size_t kCallsKept = 4096;
 std::deque<kvthost::SpoolerCall> gCalls;
 std::function<void(const char *, DWORD, int)> gHook;
 int gHookCalls = 0;
+std::u16string gXcvMonitorName;
+const MONITOR *gXcvMonitor = nullptr;
+
+// ",XcvMonitor NAME" or ",XcvPort PORT", after "\\SERVER\" when SERVER is
+// this machine: the monitor's object (empty for the monitor), false for any
+// other name.
+bool XcvObject(const char16_t *name, std::u16string *object) {
+    std::u16string n(name);
+    if (n.rfind(u"\\\\", 0) == 0) {
+        size_t end = n.find(u'\\', 2);
+        if (end == std::u16string::npos) return false;
+        std::u16string server = n.substr(2, end - 2);
+        char host[256] = {};
+        gethostname(host, sizeof host - 1);
+        if (_wcsicmp(server.c_str(), kvthost::Widen(host).c_str()) != 0 && _wcsicmp(server.c_str(), u"localhost") != 0)
+            return false;
+        n = n.substr(end + 1);
+    }
+    const std::u16string monitor = u",XcvMonitor ", port = u",XcvPort ";
+    if (n.rfind(monitor, 0) == 0) {
+        object->clear();
+        return gXcvMonitor != nullptr && n.substr(monitor.size()) == gXcvMonitorName;
+    }
+    if (n.rfind(port, 0) != 0 || n.size() == port.size()) return false;
+    *object = n.substr(port.size());
+    return gXcvMonitor != nullptr;
+}
 
 kvthost::JobSpec *FindJob(const std::u16string &printer, DWORD jobId) {
     for (auto &j : gJobs)
@@ -67,8 +97,26 @@ void RunHook(std::unique_lock<std::recursive_mutex> &lock, const char *fn, DWORD
 
 extern "C" {
 
-BOOL WINAPI OpenPrinterW(LPWSTR name, LPHANDLE handle, LPPRINTER_DEFAULTSW) {
-    std::lock_guard<std::recursive_mutex> lock(gMutex);
+BOOL WINAPI OpenPrinterW(LPWSTR name, LPHANDLE handle, LPPRINTER_DEFAULTSW defaults) {
+    std::unique_lock<std::recursive_mutex> lock(gMutex);
+    std::u16string object;
+    if (name != nullptr && (name[0] == u',' || name[0] == u'\\')) {
+        // The monitor's transceive entries, called without the table's lock.
+        const MONITOR *monitor = gXcvMonitor;
+        if (handle == nullptr || !XcvObject(name, &object)) {
+            SetLastError(handle == nullptr ? ERROR_INVALID_PARAMETER : ERROR_INVALID_PRINTER_NAME);
+            return FALSE;
+        }
+        lock.unlock();
+        ACCESS_MASK granted = defaults != nullptr ? defaults->DesiredAccess : SERVER_ACCESS_ENUMERATE;
+        HANDLE xcv = nullptr;
+        if (!monitor->pfnXcvOpenPort(object.c_str(), granted, &xcv)) return FALSE;
+        lock.lock();
+        auto *h = new PrinterHandle{name, xcv};
+        gHandles.insert(h);
+        *handle = h;
+        return TRUE;
+    }
     bool known = false;
     if (name != nullptr)
         for (const auto &p : gPrinters)
@@ -95,7 +143,27 @@ BOOL WINAPI ClosePrinter(HANDLE handle) {
         return FALSE;
     }
     gHandles.erase(h);
+    HANDLE xcv = h->xcv;
     delete h;
+    const MONITOR *monitor = gXcvMonitor;
+    lock.unlock();
+    if (xcv != nullptr && monitor != nullptr) return monitor->pfnXcvClosePort(xcv);
+    return TRUE;
+}
+
+BOOL WINAPI XcvDataW(HANDLE handle, LPCWSTR dataName, PBYTE input, DWORD cbInput, PBYTE output, DWORD cbOutput,
+                     PDWORD needed, PDWORD status) {
+    std::unique_lock<std::recursive_mutex> lock(gMutex);
+    PrinterHandle *h = Resolve(handle);
+    const MONITOR *monitor = gXcvMonitor;
+    if (h == nullptr || h->xcv == nullptr || monitor == nullptr || status == nullptr) {
+        SetLastError(h == nullptr || h->xcv == nullptr ? ERROR_INVALID_HANDLE : ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    HANDLE xcv = h->xcv;
+    lock.unlock();
+    DWORD unused = 0;
+    *status = monitor->pfnXcvDataPort(xcv, dataName, input, cbInput, output, cbOutput, needed ? needed : &unused);
     return TRUE;
 }
 
@@ -211,6 +279,20 @@ DWORD JobStatus(const std::u16string &printer, DWORD jobId) {
     std::lock_guard<std::recursive_mutex> lock(gMutex);
     JobSpec *job = FindJob(printer, jobId);
     return job != nullptr ? job->status : 0;
+}
+
+void SetXcvMonitor(const std::u16string &name, const MONITOR *monitor) {
+    std::lock_guard<std::recursive_mutex> lock(gMutex);
+    gXcvMonitorName = name;
+    gXcvMonitor = monitor != nullptr && monitor->pfnXcvOpenPort != nullptr && monitor->pfnXcvDataPort != nullptr &&
+                          monitor->pfnXcvClosePort != nullptr
+                      ? monitor
+                      : nullptr;
+}
+
+bool HasXcvMonitor() {
+    std::lock_guard<std::recursive_mutex> lock(gMutex);
+    return gXcvMonitor != nullptr;
 }
 
 void ResetSpooler() {

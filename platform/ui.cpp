@@ -569,6 +569,11 @@ LONG_PTR WINAPI GetWindowLongPtrW(HWND window, int index) {
     return slot != nullptr ? *slot : 0;
 }
 
+// The desktop: a handle that names no window the platform makes (theirs
+// begin above it), so that a UI library given it as its owner shows its
+// dialogs, as over Windows' desktop.
+HWND WINAPI GetDesktopWindow(void) { return reinterpret_cast<HWND>(static_cast<uintptr_t>(0x10000)); }
+
 BOOL WINAPI SetForegroundWindow(HWND window) {
     std::lock_guard<std::mutex> lock(gMutex);
     if (Find(window) == nullptr) return FALSE;

@@ -19,5 +19,10 @@ static const kvthost::DialogItem kDialogs[] = {
 #include "dialogs.inc"
 };
 
+// The module these resources belong to: the monitor, or its UI library.
+#ifndef KVT_MODULE_FILE
+#define KVT_MODULE_FILE u"KVT64.DLL"
+#endif
+
 extern const kvthost::ResourceTable kvt_module_resources = {
-    u"KVT64.DLL", kStrings, sizeof kStrings / sizeof kStrings[0], kDialogs, sizeof kDialogs / sizeof kDialogs[0]};
+    KVT_MODULE_FILE, kStrings, sizeof kStrings / sizeof kStrings[0], kDialogs, sizeof kDialogs / sizeof kDialogs[0]};

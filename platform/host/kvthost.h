@@ -4,6 +4,7 @@
 #pragma once
 
 #include <windows.h>
+#include <winsplp.h>
 
 #include <cstdint>
 #include <functional>
@@ -100,6 +101,13 @@ void AddJob(const JobSpec &job);
 bool SetJobStatus(const std::u16string &printer, DWORD jobId, DWORD status);
 DWORD JobStatus(const std::u16string &printer, DWORD jobId);
 void ResetSpooler();  // no printers, no jobs, no calls recorded
+// The monitor that OpenPrinterW's ",XcvMonitor NAME" and ",XcvPort PORT"
+// reach, as the spooler routes them to a loaded monitor's transceive entries;
+// nullptr (or a table without them): such names are unknown printers.  The
+// access granted is the access asked for (SERVER_ACCESS_ENUMERATE without
+// defaults); "\\SERVER\" before the name is this machine's name or localhost.
+void SetXcvMonitor(const std::u16string &name, const MONITOR *monitor);
+bool HasXcvMonitor();
 
 struct SpoolerCall {
     std::string function;  // "OpenPrinterW", "GetJobW", "SetJobW", "SetPrinterW", "ClosePrinter"

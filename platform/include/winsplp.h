@@ -35,6 +35,14 @@ typedef struct _MONITOR {
     BOOL(WINAPI *pfnXcvClosePort)(HANDLE hXcv);
 } MONITOR, *LPMONITOR;
 
+/* A port monitor UI library's table, from its InitializePrintMonitorUI. */
+typedef struct _MONITORUI {
+    DWORD dwMonitorUISize;
+    BOOL(WINAPI *pfnAddPortUI)(PCWSTR pszServer, HWND hWnd, PCWSTR pszMonitorNameIn, PWSTR *ppszPortNameOut);
+    BOOL(WINAPI *pfnConfigurePortUI)(PCWSTR pName, HWND hWnd, PCWSTR pPortName);
+    BOOL(WINAPI *pfnDeletePortUI)(PCWSTR pszServer, HWND hWnd, PCWSTR pszPortName);
+} MONITORUI, *PMONITORUI;
+
 typedef struct _MONITOREX {
     DWORD dwMonitorSize;
     MONITOR Monitor;
