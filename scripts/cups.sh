@@ -4,7 +4,7 @@
 #   scripts/cups.sh install [--prefix DIR] [--libdir DIR] [--backend-dir DIR] [--from DIR]
 #   scripts/cups.sh uninstall [--purge] [--prefix DIR] [--libdir DIR] [--backend-dir DIR]
 #
-# install copies kvt, kvtmon, libkvt64.so and libkvtsearch.so from DIR (the
+# install copies kvt, kvtmon, libkvt64.so, libkvt64ui.so and libkvtsearch.so from DIR (the
 # build's build/bin) to the library folder (/usr/local/lib/kvt), links
 # <backend-dir>/kvt to the backend there (mode 0700, owner root: CUPS runs it
 # as root, as the Windows spooler runs its monitors), and makes the prefix
@@ -38,14 +38,14 @@ esac
 
 case "$action" in
 install)
-    for f in kvt kvtmon libkvt64.so libkvtsearch.so; do
+    for f in kvt kvtmon libkvt64.so libkvt64ui.so libkvtsearch.so; do
         [ -f "$from/$f" ] || { echo "cups.sh: no $from/$f; build first (make linux)" >&2; exit 1; }
     done
     [ -d "$backend_dir" ] || { echo "cups.sh: no CUPS backend folder $backend_dir (is CUPS installed?)" >&2; exit 1; }
     install -d -m 0755 "$libdir"
     install -m 0700 "$from/kvt" "$libdir/kvt"
     install -m 0755 "$from/kvtmon" "$libdir/kvtmon"
-    install -m 0644 "$from/libkvt64.so" "$from/libkvtsearch.so" "$libdir/"
+    install -m 0644 "$from/libkvt64.so" "$from/libkvt64ui.so" "$from/libkvtsearch.so" "$libdir/"
     if [ "$prefix" != /var/lib/kvt ]; then echo "$prefix" >"$libdir/kvt.prefix"; else rm -f "$libdir/kvt.prefix"; fi
     ln -sfn "$libdir/kvt" "$backend_dir/kvt"
     if [ ! -d "$prefix/drive_c" ]; then KVT_PREFIX=$prefix "$libdir/kvtmon" init >/dev/null; fi
