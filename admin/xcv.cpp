@@ -207,6 +207,7 @@ static DWORD XcvAddPortByName(const WCHAR *pName) {
     PortParam param;
     memset(&param, 0, sizeof param);
     int len = lstrlenW(pName);
+    if (len - 3 >= SERVER_NAME_CHARS) return ERROR_INVALID_PARAMETER;
     lstrcpynW(param.ServerName, pName, len - 3 + 1);
     param.Lptn = DigitKeyFromPortName(pName);
     lstrcpyW(param.QueueName1, TEXT("lpt1"));

@@ -75,6 +75,7 @@ TEST_F(Xcv, NoBadInputAndNoChangeWithoutTheRightChangesAnything) {
     XcvConfig config{PROTOCOL_IPX, 0, 1, {}, u"q"}, badConfig = config;
     badConfig.Notify = 2;
     const char16_t longName[] = u"PS1-P1\0junk";
+    const std::u16string longServer = std::u16string(48, u'S') + u"-P1";  // the longest input; one too many
     const struct {
         const char *what;
         HANDLE h;
@@ -93,6 +94,7 @@ TEST_F(Xcv, NoBadInputAndNoChangeWithoutTheRightChangesAnything) {
         {"name cut short", admin, u"DeletePort", u"PS1-P1", 8, ERROR_INVALID_PARAMETER},
         {"odd byte count", admin, u"DeletePort", u"PS1-P1", 13, ERROR_INVALID_PARAMETER},
         {"no such port form", admin, u"AddPort", u"PS1_Q9", 14, ERROR_INVALID_PARAMETER},
+        {"a server of 48 characters", admin, u"AddPort", longServer.c_str(), 2 * 52, ERROR_INVALID_PARAMETER},
         {"input length without input", admin, u"AddPort", nullptr, 14, ERROR_INVALID_PARAMETER},
         {"record one byte short", admin, u"KvtAddPortRecord", &good, sizeof good - 1, ERROR_INVALID_PARAMETER},
         {"record with a text not terminated", admin, u"KvtAddPortRecord", &unterminated, sizeof good,
