@@ -18,11 +18,22 @@ struct Xcv : MonitorTest {
     void SetUp() override {
         StartHost({}, [] { kvttest::MakePortKeys(u"PS1", u'1', 0x7F000002, 2, u"qa"); });
     }
+    void TearDown() override {
+        for (HANDLE h : opened) LocalmonXcvClosePort(h);
+        MonitorTest::TearDown();
+    }
+    // A handle, closed when the test ends unless Close closed it.
     HANDLE Open(const char16_t *object, ACCESS_MASK access = SERVER_ACCESS_ADMINISTER) {
         HANDLE h = nullptr;
         EXPECT_TRUE(LocalmonXcvOpenPort(object, access, &h)) << GetLastError();
+        if (h != nullptr) opened.push_back(h);
         return h;
     }
+    BOOL Close(HANDLE h) {
+        std::erase(opened, h);
+        return LocalmonXcvClosePort(h);
+    }
+    std::vector<HANDLE> opened;
     DWORD Data(HANDLE h, const char16_t *name, const void *in, DWORD cbIn, void *out = nullptr, DWORD cbOut = 0,
                DWORD *needed = nullptr) {
         DWORD n = 0;
@@ -59,7 +70,7 @@ TEST_F(Xcv, MonitorUiNamesTheLibraryAndSaysTheSizeWhenTheBufferIsShort) {
     EXPECT_EQ(needed, sizeof(u"libkvt64ui.so"));
     EXPECT_EQ(Data(h, u"MonitorUI", nullptr, 0, name, sizeof name, &needed), (DWORD)ERROR_SUCCESS);
     EXPECT_EQ(std::u16string(name), u"libkvt64ui.so");
-    EXPECT_TRUE(LocalmonXcvClosePort(h));
+    EXPECT_TRUE(Close(h));
     EXPECT_EQ(kvttest::LastLogLine(), "Leave LocalmonXcvClosePort");
 }
 
@@ -150,8 +161,8 @@ TEST_F(Xcv, ChangesWithTheRightReachTheListAndTheRegistry) {
 
     ASSERT_EQ(Data(port, u"DeletePort", u"PS1-P2", 14), (DWORD)ERROR_SUCCESS);
     EXPECT_EQ(State(), "PS1-P1 PS1-C1 k-k fast");
-    EXPECT_TRUE(LocalmonXcvClosePort(port));
-    EXPECT_TRUE(LocalmonXcvClosePort(admin));
+    EXPECT_TRUE(Close(port));
+    EXPECT_TRUE(Close(admin));
 }
 
 }  // namespace
