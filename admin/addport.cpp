@@ -55,6 +55,13 @@ BOOL CreateNewPort(LPCWSTR pName, const PortParam *pParam) {
     return TRUE;
 }
 
+void ReadListFileIntoTable(HANDLE hFile) {
+    EnterCriticalSection(&AvailPSLock);
+    TotalPrintServer = 0;
+    ReadListRecords(hFile);
+    LeaveCriticalSection(&AvailPSLock);
+}
+
 BOOL AddPortFromFile(void) {
     DebugLog("\n");
     DebugLog("Entry AddPortFromFile\n");
@@ -156,10 +163,7 @@ extern "C" BOOL WINAPI LocalmonAddPort(LPWSTR pName, HWND hWnd, LPWSTR pMonitorN
      * without a word.  Closing it deletes it. */
     HANDLE hFile = OpenHandOverFile(IDS_LIST_FILE, GENERIC_READ);
     if (hFile != INVALID_HANDLE_VALUE) {
-        EnterCriticalSection(&AvailPSLock);
-        TotalPrintServer = 0;
-        ReadListRecords(hFile);
-        LeaveCriticalSection(&AvailPSLock);
+        ReadListFileIntoTable(hFile);
         BOOL result = LocalmonAddPort3(pName, hWnd, pMonitorName);
         CloseHandle(hFile);
         LogPrintf("Leave LocalmonAddPort - call AddPort3 ( return = %d )\n", result);

@@ -106,6 +106,8 @@ void *DialogBlock(HWND hDlg);
 BOOL LocalmonAddPort2(LPWSTR pName, HWND hWnd, LPWSTR pMonitorName);
 BOOL LocalmonAddPort3(LPWSTR pName, HWND hWnd, LPWSTR pMonitorName);
 BOOL AddPortFromFile(void);
+/* Empties AvailPS and fills it with the list file's records, under its lock. */
+void ReadListFileIntoTable(HANDLE hFile);
 /* Opens <Windows folder>\SysWOW64 and the file name of string nameId (the
  * list file or the marker file), to be deleted when the handle closes;
  * INVALID_HANDLE_VALUE when it can't be opened, for whatever reason. */

@@ -159,6 +159,16 @@ static DWORD SearchTransport(DWORD asked, BYTE offered) {
                                                        : (offered & PROTOCOL_NETBIOS) ? PROTOCOL_NETBIOS : 0;
 }
 
+/* NetBIOS started up, now or before; a start-up that another thread finished
+ * meanwhile counts. */
+static BOOL NetBIOSReady(void) {
+    if (!bStartup) {
+        const LONG runs = NBStartupRuns();
+        if (!bStartup) bStartup = NBStartupSince(runs);
+    }
+    return bStartup;
+}
+
 /* KvtSearch: the search into a table of its own (AvailPS is the dialogs'),
  * its records behind the head. */
 static DWORD XcvSearch(const BYTE *pIn, DWORD cbIn, PBYTE pOut, DWORD cbOut, PDWORD pcbNeeded) {
@@ -172,11 +182,7 @@ static DWORD XcvSearch(const BYTE *pIn, DWORD cbIn, PBYTE pOut, DWORD cbOut, PDW
         *pcbNeeded = (DWORD)XCV_SEARCH_MAX_BYTES;
         return ERROR_INSUFFICIENT_BUFFER;
     }
-    if (transport == PROTOCOL_NETBIOS && !bStartup) {
-        const LONG runs = NBStartupRuns();
-        if (!bStartup) bStartup = NBStartupSince(runs);
-        if (!bStartup) return ERROR_NOT_READY;
-    }
+    if (transport == PROTOCOL_NETBIOS && !NetBIOSReady()) return ERROR_NOT_READY;
     AvailPSTable *table = AvailPSNewTable();
     if (table == NULL) return ERROR_NOT_ENOUGH_MEMORY;
     if (transport == PROTOCOL_TCPIP) TCPSearchInto(table);
@@ -281,26 +287,18 @@ static DWORD XcvHandOver(PBYTE pOut, DWORD cbOut, PDWORD pcbNeeded) {
     if (SupportProtocol == 0) return ERROR_NOT_SUPPORTED;
     HANDLE hFile = OpenHandOverFile(IDS_LIST_FILE, GENERIC_READ);
     if (hFile != INVALID_HANDLE_VALUE) {
-        EnterCriticalSection(&AvailPSLock);
-        TotalPrintServer = 0;
-        ReadListRecords(hFile);
-        LeaveCriticalSection(&AvailPSLock);
+        ReadListFileIntoTable(hFile);
         AddPortFromFile();
         CloseHandle(hFile);
         answer.Way = XCV_HANDOVER_LIST;
-        memcpy(pOut, &answer, sizeof answer);
-        return ERROR_SUCCESS;
-    }
-    /* A NetBIOS host starts NetBIOS up before the marker file is taken, as the
-     * monitor's own add does: a failed start-up leaves the file. */
-    if ((SupportProtocol & (PROTOCOL_TCPIP | PROTOCOL_IPX)) == 0 && !bStartup) {
-        const LONG runs = NBStartupRuns();
-        if (!bStartup) bStartup = NBStartupSince(runs);
-        if (!bStartup) return ERROR_NOT_READY;
-    }
-    if ((hFile = OpenHandOverFile(IDS_MARKER_FILE, 0)) != INVALID_HANDLE_VALUE) {
-        CloseHandle(hFile);
-        answer.Way = XCV_HANDOVER_MARKER;
+    } else {
+        /* A NetBIOS host starts NetBIOS up before the marker file is taken, as
+         * the monitor's own add does: a failed start-up leaves the file. */
+        if ((SupportProtocol & (PROTOCOL_TCPIP | PROTOCOL_IPX)) == 0 && !NetBIOSReady()) return ERROR_NOT_READY;
+        if ((hFile = OpenHandOverFile(IDS_MARKER_FILE, 0)) != INVALID_HANDLE_VALUE) {
+            CloseHandle(hFile);
+            answer.Way = XCV_HANDOVER_MARKER;
+        }
     }
     memcpy(pOut, &answer, sizeof answer);
     return ERROR_SUCCESS;
@@ -348,8 +346,9 @@ DWORD WINAPI LocalmonXcvDataPort(HANDLE hXcv, LPCWSTR pszDataName, PBYTE pInputD
     if (pcbOutputNeeded == NULL) pcbOutputNeeded = &unused;
     *pcbOutputNeeded = 0;
     int which = -1;
-    for (int i = 0; pszDataName != NULL && i < DATA_NAMES && which < 0; ++i)
-        if (TextLength(pszDataName, 32) >= 0 && lstrcmpW(pszDataName, DataNames[i].Name) == 0) which = i;
+    BOOL named = pszDataName != NULL && TextLength(pszDataName, 32) >= 0;
+    for (int i = 0; named && i < DATA_NAMES && which < 0; ++i)
+        if (lstrcmpW(pszDataName, DataNames[i].Name) == 0) which = i;
     if (which < 0 || (cbInputData > 0 && pInputData == NULL)) {
         DebugLog("Leave LocalmonXcvDataPort - unknown data name\n");
         return ERROR_INVALID_PARAMETER;

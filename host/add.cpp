@@ -120,12 +120,11 @@ int AddCommand(int argc, char **argv) {
         std::u16string monitorName = MonitorNameFromProfile();
         // As the client side of the spooler: the UI library, when the
         // monitor names one, with the administrator's desktop as its owner.
-        const MONITORUI *ui = gLegacyEntries ? nullptr : LoadMonitorUI(m, &error);
-        if (!gLegacyEntries && ui == nullptr && kvthost::HasXcvMonitor()) {
+        const MONITORUI *ui;
+        if (!ChooseAdminEntries(m, &ui)) {
             EndTerminal();
             kvthost::SetUiDriver(nullptr);
             TakeBackHandOver(laid);
-            std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
             return 2;
         }
         {

@@ -262,12 +262,8 @@ int DeleteCommand(int argc, char **argv) {
     }
     const MONITOR *m = StartMonitorQuietly();
     if (m == nullptr) return 2;
-    std::string error;
-    const MONITORUI *ui = gLegacyEntries ? nullptr : LoadMonitorUI(m, &error);
-    if (ui == nullptr && !gLegacyEntries && kvthost::HasXcvMonitor()) {
-        std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
-        return 2;
-    }
+    const MONITORUI *ui;
+    if (!ChooseAdminEntries(m, &ui)) return 2;
     // The command line is the administrator's answer to the UI library's
     // question before the delete.
     kvthost::SetMessageBoxHandler([](HWND, const std::u16string &, const std::u16string &, unsigned type) {

@@ -86,11 +86,10 @@ int ConfigureCommand(int argc, char **argv) {
     if (!port.empty()) {
         std::u16string name = kvthost::Widen(port);
         kvthost::RegistryBatch batch;  // the choices reach the hive together, or none
-        const MONITORUI *ui = gLegacyEntries ? nullptr : LoadMonitorUI(m, &error);
-        if (ui != nullptr) configured = ui->pfnConfigurePortUI(nullptr, GetDesktopWindow(), name.c_str());
-        else if (gLegacyEntries || !kvthost::HasXcvMonitor())
-            configured = m->pfnConfigurePort(nullptr, nullptr, name.data());
-        else std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
+        const MONITORUI *ui;
+        if (ChooseAdminEntries(m, &ui))
+            configured = ui != nullptr ? ui->pfnConfigurePortUI(nullptr, GetDesktopWindow(), name.c_str())
+                                       : m->pfnConfigurePort(nullptr, nullptr, name.data());
     }
     EndTerminal();
     kvthost::SetUiDriver(nullptr);

@@ -18,12 +18,14 @@ namespace kvtmon {
 // calls InitializePrintMonitor.  NULL with a message when it can't.
 const MONITOR *LoadMonitor(std::string *error);
 
-// The monitor's UI library, found as the client side of Windows' spooler
-// finds it: the monitor names it (XcvData "MonitorUI" on ",XcvMonitor NAME"),
-// and it is loaded from the monitor's folder.  The platform's OpenPrinterW
-// then reaches this monitor's transceive entries.  NULL with a message when
-// the monitor offers none.
-const MONITORUI *LoadMonitorUI(const MONITOR *m, std::string *error);
+// The entries that add, configure and delete call, as the client side of
+// Windows' spooler chooses them: *ui the monitor's UI library (the monitor
+// names it through XcvData "MonitorUI"; it is loaded from the monitor's
+// folder, and the platform's OpenPrinterW then reaches this monitor's
+// transceive entries), or nullptr for the monitor's own entries (--legacy,
+// or a monitor without transceive entries).  False, with the message
+// written, when the monitor names a UI library that cannot be used.
+bool ChooseAdminEntries(const MONITOR *m, const MONITORUI **ui);
 // --legacy: add, configure and delete call the monitor's own entries (its
 // dialogs in this process, as the spooler of old showed them) rather than
 // the UI library.  Takes the option out of the arguments.

@@ -62,6 +62,11 @@ const MONITOR *LoadMonitor(std::string *error) {
     return &table->Monitor;
 }
 
+namespace {
+
+// The monitor's UI library, found as the client side of Windows' spooler
+// finds it: the monitor names it, and it is loaded from the monitor's folder.
+// NULL with a message when the monitor offers none.
 const MONITORUI *LoadMonitorUI(const MONITOR *m, std::string *error) {
     std::u16string name = MonitorNameFromProfile();
     kvthost::SetXcvMonitor(name, m);
@@ -101,6 +106,20 @@ const MONITORUI *LoadMonitorUI(const MONITOR *m, std::string *error) {
         return nullptr;
     }
     return ui;
+}
+
+}  // namespace
+
+bool ChooseAdminEntries(const MONITOR *m, const MONITORUI **ui) {
+    *ui = nullptr;
+    if (gLegacyEntries) return true;
+    std::string error;
+    *ui = LoadMonitorUI(m, &error);
+    if (*ui == nullptr && kvthost::HasXcvMonitor()) {
+        std::fprintf(stderr, "kvtmon: %s\n", error.c_str());
+        return false;
+    }
+    return true;
 }
 
 bool gLegacyEntries = false;
