@@ -12,7 +12,7 @@ target_include_directories(KVT64 PRIVATE ${KVT_MONITOR_INCLUDES})
 set_target_properties(KVT64 PROPERTIES PREFIX "" OUTPUT_NAME KVT64 SUFFIX ".DLL")
 # No C++ runtime DLLs to ship beside the monitor.
 target_link_options(KVT64 PRIVATE -static -static-libgcc -static-libstdc++)
-target_link_libraries(KVT64 PRIVATE ws2_32 netapi32 winspool advapi32 user32 kernel32)
+target_link_libraries(KVT64 PRIVATE ws2_32 netapi32 winspool advapi32 user32 wtsapi32 kernel32)
 
 # KVT64UI.DLL: the monitor's dialogs in the administrator's process, from the
 # same dialog procedures and resources, reaching the monitor through XcvData.

@@ -7,6 +7,7 @@
 #include <windows.h>
 #include <winspool.h>
 #include <winsplp.h>
+#include <wtsapi32.h>
 
 #include <stdio.h>
 #include <string.h>
@@ -183,7 +184,7 @@ extern "C" LPMONITOREX WINAPI InitializePrintMonitor(LPWSTR pRegistryRoot) {
     ReadMonitorFlags();
 
     if (IsDEBUG != 0) {
-        MessageBoxW(NULL, TEXT("Starting DEBUG mode"), TEXT("DEBUG"), 0);
+        ShowUserBox(TEXT("Starting DEBUG mode"), TEXT("DEBUG"), 0);
         DebugLog("Starting DEBUG mode\n");
     } else {
         IsDEBUG = 1;
@@ -209,6 +210,26 @@ extern "C" LPMONITOREX WINAPI InitializePrintMonitor(LPWSTR pRegistryRoot) {
 
     LeaveCriticalSection(&PortListLock);
     return &MonitorTable;
+}
+
+/* In session 0 no one sees a window of the process: a box there would stand
+ * unanswered, and the spooler's start or a job with it.  A session that
+ * cannot be read counts as session 0, so that nothing waits. */
+void ShowUserBox(LPCWSTR text, LPCWSTR caption, UINT type) {
+    DWORD session = 0;
+    if (ProcessIdToSessionId(GetCurrentProcessId(), &session) && session != 0) {
+        MessageBoxW(NULL, text, caption, type);
+        return;
+    }
+    DWORD console = WTSGetActiveConsoleSessionId(), response = 0;
+    if (console == 0xFFFFFFFF)
+        DebugLog("Session 0: box not shown, no console session\n");
+    else if (WTSSendMessageW(WTS_CURRENT_SERVER_HANDLE, console, (LPWSTR)caption, lstrlenW(caption) * sizeof(WCHAR),
+                             (LPWSTR)text, lstrlenW(text) * sizeof(WCHAR), type, SESSION_BOX_SECONDS, &response,
+                             FALSE))
+        LogPrintf("Session 0: box sent to session %u\n", (unsigned)console);
+    else
+        LogPrintf("Session 0: box not shown, error %u\n", (unsigned)GetLastError());
 }
 
 static BOOL ComponentPresent(LPCWSTR pKeyPath, BOOL needImagePath) {

@@ -342,7 +342,7 @@ static void ShowNotice(PINIPORT pIniPort, const JOB_INFO_1W *pJob) {
     WCHAR cut[152];
     lstrcpynW(cut, document, room > 0 ? room + 1 : 1);
     wsprintfW(text, TEXT("%s %s"), cut, success);
-    MessageBoxW(NULL, text, caption, MB_ICONINFORMATION);
+    ShowUserBox(text, caption, MB_ICONINFORMATION);
 }
 
 extern "C" BOOL WINAPI LocalmonEndDocPort(HANDLE hPort) {

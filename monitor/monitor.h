@@ -124,6 +124,12 @@ DWORD StatusForLog(const IniPort *pIniPort);
 
 /* ---- host facts ------------------------------------------------------------------------- */
 BYTE GetProtocol(void);
+/* A box for the person at the machine: the start-up debug box, the notice
+ * after a job.  Shown as MessageBoxW on a desktop; from session 0 (the
+ * spooler as a service) sent to the active console session instead, with a
+ * time-out of SESSION_BOX_SECONDS, never waited on. */
+#define SESSION_BOX_SECONDS 60
+void ShowUserBox(LPCWSTR text, LPCWSTR caption, UINT type);
 
 /* ---- job flow ------------------------------------------------------------------------------ */
 /* The job record, level 1, read as the deletion test and the job end read it:

@@ -9,6 +9,8 @@
 // One lock guards every window's state.  It is never held while a procedure,
 // a hook, a timer routine or the driver runs, so they may call back in.
 #include <windows.h>
+#include <wtsapi32.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -80,6 +82,7 @@ UINT_PTR gNextTimerId = 1;
 kvthost::UiDriver gDriver;
 kvthost::MessageBoxHandler gHandler;
 std::vector<kvthost::MessageBoxRecord> gBoxes;
+DWORD gOwnSession = 1, gConsoleSession = 1;
 std::vector<kvthost::ForegroundCall> gForeground;
 
 // A handle is never given twice in a process, so that one kept after its
@@ -659,6 +662,40 @@ int WINAPI MessageBoxW(HWND owner, LPCWSTR text, LPCWSTR caption, UINT type) {
     return answer;
 }
 
+DWORD WINAPI GetCurrentProcessId(void) { return static_cast<DWORD>(getpid()); }
+
+BOOL WINAPI ProcessIdToSessionId(DWORD process, DWORD *session) {
+    if (process != GetCurrentProcessId() || session == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    std::lock_guard<std::mutex> lock(gMutex);
+    *session = gOwnSession;
+    return TRUE;
+}
+
+DWORD WINAPI WTSGetActiveConsoleSessionId(void) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    return gConsoleSession;
+}
+
+// A box on another session's desktop: recorded, and answered at once, IDOK
+// for a sender that waits and IDASYNC for one that doesn't.  Only the active
+// console session takes it.  The lengths are in bytes.
+BOOL WINAPI WTSSendMessageW(HANDLE, DWORD session, LPWSTR title, DWORD titleBytes, LPWSTR message,
+                            DWORD messageBytes, DWORD style, DWORD timeout, DWORD *response, BOOL wait) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    if (response == nullptr || session != gConsoleSession || session == 0xFFFFFFFF) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    std::u16string caption(title != nullptr ? title : u"", title != nullptr ? titleBytes / 2 : 0);
+    std::u16string text(message != nullptr ? message : u"", message != nullptr ? messageBytes / 2 : 0);
+    gBoxes.push_back({text, caption, style, static_cast<long>(session), timeout, wait != FALSE});
+    *response = wait ? IDOK : IDASYNC;
+    return TRUE;
+}
+
 }  // extern "C"
 
 namespace kvthost {
@@ -795,6 +832,11 @@ bool AnswerBox(HWND box, int result) {
                                           : result == IDOK;
     if (offered) w->answer = result;
     return offered;
+}
+
+void SetSessions(DWORD own, DWORD console) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    gOwnSession = own, gConsoleSession = console;
 }
 
 std::vector<ForegroundCall> ForegroundCalls() {

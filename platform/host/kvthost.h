@@ -206,6 +206,11 @@ struct MessageBoxRecord {
     std::u16string text;
     std::u16string caption;
     unsigned type = 0;
+    // A box sent to another session by WTSSendMessageW: that session, its
+    // time-out and whether the sender waited.  -1 for a box of this process.
+    long session = -1;
+    unsigned timeoutSeconds = 0;
+    bool waited = true;
 };
 using MessageBoxHandler =
     std::function<int(HWND owner, const std::u16string &text, const std::u16string &caption,
@@ -215,6 +220,11 @@ using MessageBoxHandler =
 void SetMessageBoxHandler(MessageBoxHandler handler);
 std::vector<MessageBoxRecord> MessageBoxes();  // every box shown, in order
 void ClearMessageBoxes();
+
+// The session this process runs in and the active console session
+// (0xFFFFFFFF: none).  Both are 1 unless a test says otherwise: a process on
+// a user's desktop.  Session 0 is that of services, the spooler's.
+void SetSessions(DWORD own, DWORD console);
 
 // ---- the private network ----------------------------------------------------------------
 // Puts this process into a new user and network namespace with loopback up and

@@ -207,6 +207,9 @@ void WINAPI SetLastError(DWORD dwErrCode);
 void WINAPI Sleep(DWORD dwMilliseconds);
 DWORD WINAPI GetTickCount(void);
 DWORD WINAPI GetCurrentThreadId(void);
+DWORD WINAPI GetCurrentProcessId(void);
+BOOL WINAPI ProcessIdToSessionId(DWORD dwProcessId, DWORD *pSessionId);
+DWORD WINAPI WTSGetActiveConsoleSessionId(void);
 
 DWORD WINAPI TlsAlloc(void);
 LPVOID WINAPI TlsGetValue(DWORD dwTlsIndex);
@@ -404,6 +407,7 @@ LONG_PTR WINAPI GetWindowLongPtrW(HWND hWnd, int nIndex);
 #define MB_SYSTEMMODAL 0x00001000u
 #define IDOK 1
 #define IDCANCEL 2
+#define IDASYNC 32001
 #define IDYES 6
 #define IDNO 7
 

@@ -25,6 +25,7 @@ TestHost::TestHost(const HostOptions &o) {
     kvthost::ResetRegistry();
     kvthost::ResetSpooler();
     kvthost::ClearMessageBoxes();
+    kvthost::SetSessions(1, 1);
     kvthost::SetMessageBoxHandler(nullptr);
     kvthost::SetUiDriver(nullptr);
     kvthost::ClearForegroundCalls();

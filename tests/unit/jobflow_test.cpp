@@ -179,6 +179,22 @@ TEST_F(JobTest, TheNoticeFollowsAJobOnlyWhenIsNotifyIsOne) {
     }
 }
 
+// From the services' session the notice goes to the console session; the
+// job's end never waits on it.
+TEST_F(JobTest, TheNoticeOfAServiceGoesToTheConsoleSession) {
+    PINIPORT port = StartPort({.notify = 1});
+    kvthost::SetSessions(0, 3);
+    AddJob(7, u"report");
+    StartServer();
+    ASSERT_TRUE(StartDoc(port));
+    kvthost::ClearMessageBoxes();
+    EXPECT_TRUE(LocalmonEndDocPort(port));
+    auto boxes = kvthost::MessageBoxes();
+    ASSERT_EQ(boxes.size(), 1u);
+    EXPECT_TRUE(boxes[0].text == u"report printing success !!" && boxes[0].caption == u"Office");
+    EXPECT_TRUE(boxes[0].session == 3 && !boxes[0].waited && boxes[0].type == MB_ICONINFORMATION);
+}
+
 TEST_F(JobTest, ClosingThePortLeavesARunningJobAlone) {
     PINIPORT port = StartPort();
     StartServer();

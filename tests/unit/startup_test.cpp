@@ -81,6 +81,36 @@ TEST_F(Startup, WithoutTheMonitorKeyTheLogStaysOnAndSaysSo) {
     EXPECT_EQ(LogCount("Can't open registry:IsDEBUG"), 1u);
 }
 
+// The debug box where someone sees it: on the process's desktop, or, from the
+// services' session 0, sent to the console session without waiting.  With no
+// console session it is not shown at all; the start goes on either way.
+TEST_F(Startup, TheDebugBoxNeverWaitsInTheServicesSession) {
+    const struct {
+        DWORD own, console;
+        long shownIn;         // -1: a box of the process; 0: none
+        const char *logLine;  // before "Starting DEBUG mode"
+    } cases[] = {{1, 1, -1, "OS type"}, {0, 2, 2, "Session 0: box sent to session 2"},
+                 {0, 0xFFFFFFFF, 0, "Session 0: box not shown, no console session"}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.own * 10 + c.console);
+        StartHost({}, [&] {
+            kvthost::SetSessions(c.own, c.console);
+            BYTE on = 1;
+            SetValue(kMonitorKey, u"IsDEBUG", REG_BINARY, &on, 1);
+        });
+        auto boxes = kvthost::MessageBoxes();
+        ASSERT_EQ(boxes.size(), c.shownIn != 0 ? 1u : 0u);
+        if (!boxes.empty()) {
+            EXPECT_EQ(boxes[0].text + u"|" + boxes[0].caption, u"Starting DEBUG mode|DEBUG");
+            EXPECT_EQ(boxes[0].session, c.shownIn);
+            EXPECT_EQ(boxes[0].waited, c.shownIn == -1);
+            EXPECT_EQ(boxes[0].timeoutSeconds, c.shownIn == -1 ? 0u : unsigned(SESSION_BOX_SECONDS));
+        }
+        EXPECT_EQ(LogCount(c.logLine), 1u);
+        EXPECT_EQ(LogCount("Starting DEBUG mode"), 1u);
+    }
+}
+
 // A second start-up keeps the records of the first (a job or a handle may use
 // them) and adds only the ports that the tree has and the list lacks.
 TEST_F(Startup, ASecondStartUpAddsNoPortTwice) {
