@@ -29,3 +29,25 @@ target_include_directories(KVT64UI PRIVATE ${KVT_MONITOR_INCLUDES})
 set_target_properties(KVT64UI PROPERTIES PREFIX "" OUTPUT_NAME KVT64UI SUFFIX ".DLL")
 target_link_options(KVT64UI PRIVATE -static -static-libgcc -static-libstdc++)
 target_link_libraries(KVT64UI PRIVATE winspool ws2_32 user32 kernel32)
+
+# kvtsetup.exe: the installer, one file holding both DLLs as resources.  Its
+# kvtsetup.rc is generated with the paths of the built DLLs, and the resource
+# object depends on them, so a rebuilt DLL rebuilds the installer.
+set(KVT_SETUP_MANIFEST ${CMAKE_SOURCE_DIR}/installer/kvtsetup.manifest)
+configure_file(${CMAKE_SOURCE_DIR}/installer/kvtsetup.rc.in
+               ${CMAKE_BINARY_DIR}/installer/kvtsetup.rc.in @ONLY)
+file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/installer/kvtsetup.rc
+     INPUT ${CMAKE_BINARY_DIR}/installer/kvtsetup.rc.in)
+add_executable(kvtsetup WIN32 ${CMAKE_SOURCE_DIR}/installer/kvtsetup.cpp
+               ${CMAKE_BINARY_DIR}/installer/kvtsetup.rc)
+# OBJECT_DEPENDS takes no generator expressions here: the DLLs by their place
+# (CMAKE_RUNTIME_OUTPUT_DIRECTORY above), built first by add_dependencies.
+set_source_files_properties(${CMAKE_BINARY_DIR}/installer/kvtsetup.rc PROPERTIES
+  GENERATED TRUE
+  OBJECT_DEPENDS "${CMAKE_BINARY_DIR}/KVT64.DLL;${CMAKE_BINARY_DIR}/KVT64UI.DLL;${KVT_SETUP_MANIFEST};${CMAKE_SOURCE_DIR}/installer/kvtsetup.h")
+add_dependencies(kvtsetup KVT64 KVT64UI)
+target_include_directories(kvtsetup PRIVATE ${CMAKE_SOURCE_DIR}/installer)
+set_target_properties(kvtsetup PROPERTIES OUTPUT_NAME kvtsetup)
+target_compile_options(kvtsetup PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-municode>)
+target_link_options(kvtsetup PRIVATE -municode -static -static-libgcc -static-libstdc++)
+target_link_libraries(kvtsetup PRIVATE winspool advapi32 shell32 user32 kernel32)
