@@ -91,7 +91,8 @@ BOOL WINAPI LocalmonXcvOpenPort(LPCWSTR pszObject, ACCESS_MASK GrantedAccess, PH
         return FALSE;
     }
     *phXcv = NULL;
-    BOOL onPort = pszObject != NULL && pszObject[0] != 0;
+    /* The monitor is opened by no name or by its own ("XcvMonitor NAME"). */
+    BOOL onPort = pszObject != NULL && pszObject[0] != 0 && lstrcmpiW(pszObject, MonitorName) != 0;
     if (onPort && TextLength(pszObject, PORT_NAME_CHARS) < 0) {
         SetLastError(ERROR_INVALID_PARAMETER);
         DebugLog("Leave LocalmonXcvOpenPort - name too long\n");

@@ -66,7 +66,7 @@ else
     echo "no chromium or no cupsd: apt-get install chromium cups for the picture of CUPS's web interface" >&2
 fi
 
-for shot in configure-port message-box add-port add-all; do
+for shot in configure-port message-box add-port add-all delete-port; do
     from=build/tests/windows/wine/screenshots/$shot.png
     if [ -f "$from" ]; then cp "$from" "$out/$shot-wine.png"; else echo "no $from: run make test first" >&2; fi
 done

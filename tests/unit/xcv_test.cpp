@@ -78,7 +78,9 @@ TEST_F(Xcv, MonitorUiNamesTheLibraryAndSaysTheSizeWhenTheBufferIsShort) {
 // their keys as they were.
 TEST_F(Xcv, NoBadInputAndNoChangeWithoutTheRightChangesAnything) {
     const std::string before = State();
-    HANDLE admin = Open(u""), reader = Open(u"", SERVER_ACCESS_ENUMERATE), port = Open(u"PS1-P1");
+    // The monitor by its name, as Windows' router passes ",XcvMonitor NAME" on.
+    HANDLE admin = Open(u"PrintServer Network Port"), reader = Open(u"", SERVER_ACCESS_ENUMERATE);
+    HANDLE port = Open(u"PS1-P1");
     PortParam good = Record(u"PS2", '1'), unterminated = good, badLptn = good, badProtocol = good;
     for (char16_t &c : unterminated.QueueName2) c = u'x';
     badLptn.Lptn = '6';

@@ -15,7 +15,17 @@
 //   kvtspool spooler PORT-TO-CONFIGURE PORT-TO-DELETE
 //   kvtspool print PRINTER DOCUMENT FILE
 //   kvtspool configure PORT CLICK TEXT [pause]
-//   kvtspool add SERVER LPT QUEUE [pause]
+//   kvtspool add SERVER LPT QUEUE [pause] [tab] [ui]
+//   kvtspool client monitors|addbyname PORT|denied PORT|delete PORT [pause]
+//   kvtspool printer NAME PORT|-
+//
+// With "ui", add and configure take the client's path of Windows' spooler:
+// the UI library named by the monitor's XcvData "MonitorUI", loaded, and its
+// AddPortUI or ConfigurePortUI.  Wine 8's localspl opens transceive handles
+// only on monitors of InitializePrintMonitor2, so for this monitor the harness
+// routes OpenPrinterW ",XcvMonitor"/",XcvPort", XcvDataW and ClosePrinter to
+// the monitor's XcvOpenPort, XcvDataPort and XcvClosePort itself, granting
+// the access asked for, as Windows' router does for an administrator.
 //
 // A message box of this process (the monitor's "Starting DEBUG mode", its
 // notice after a job) is read and answered with OK by a watcher thread and
@@ -30,6 +40,7 @@
 #include <fcntl.h>
 #include <io.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -118,8 +129,9 @@ DWORD WINAPI AnswerBoxes(void *) {
                                : icon == LoadIconW(nullptr, IDI_INFORMATION) ? "information icon"
                                                                            : "other icon";
             Say("box", Narrow(caption) + " | " + Narrow(text) + " | " + kind);
-            // The box closes with its button; it is gone before the next look.
-            PostMessageW(box, WM_COMMAND, IDOK, 0);
+            // The box closes with its button (Yes of a question); it is gone
+            // before the next look.
+            PostMessageW(box, WM_COMMAND, GetDlgItem(box, IDYES) != nullptr ? IDYES : IDOK, 0);
             while (IsWindow(box) && IsWindowVisible(box)) Sleep(10);
         }
         Sleep(50);
@@ -157,6 +169,88 @@ bool LoadMonitor() {
     for (size_t i = 0; i < sizeof(MONITOR) / sizeof(void *); ++i) slots += entries[i] != nullptr ? 'x' : '-';
     Say("table", std::to_string(table->dwMonitorSize) + " " + slots);
     return true;
+}
+
+// ---- the client's path ---------------------------------------------------------------
+// The transceive handles of the spooler's router, for this monitor.
+std::vector<HANDLE> gXcvHandles;
+
+BOOL WINAPI RouteOpenPrinter(LPWSTR name, LPHANDLE handle, LPPRINTER_DEFAULTSW defaults) {
+    std::wstring object = name != nullptr ? name : L"";
+    const std::wstring monitor = L",XcvMonitor ", port = L",XcvPort ";
+    bool isMonitor = object.rfind(monitor, 0) == 0;
+    if (!isMonitor && object.rfind(port, 0) != 0) return OpenPrinterW(name, handle, defaults);
+    object.erase(0, isMonitor ? monitor.size() : port.size());
+    if (isMonitor && object != kMonitorName) {
+        SetLastError(ERROR_INVALID_PRINT_MONITOR);
+        return FALSE;
+    }
+    HANDLE xcv = nullptr;
+    if (!gMonitor->pfnXcvOpenPort(object.c_str(), defaults != nullptr ? defaults->DesiredAccess : 0, &xcv)) return FALSE;
+    gXcvHandles.push_back(xcv);
+    *handle = xcv;
+    return TRUE;
+}
+
+BOOL WINAPI RouteXcvData(HANDLE xcv, PCWSTR dataName, PBYTE in, DWORD cbIn, PBYTE out, DWORD cbOut, PDWORD needed,
+                         PDWORD status) {
+    *status = gMonitor->pfnXcvDataPort(xcv, dataName, in, cbIn, out, cbOut, needed);
+    return TRUE;
+}
+
+BOOL WINAPI RouteClosePrinter(HANDLE handle) {
+    auto at = std::find(gXcvHandles.begin(), gXcvHandles.end(), handle);
+    if (at == gXcvHandles.end()) return ClosePrinter(handle);
+    gXcvHandles.erase(at);
+    return gMonitor->pfnXcvClosePort(handle);
+}
+
+// The UI library's imports of winspool pointed at the router.
+void RouteImports(HMODULE module) {
+    auto *base = reinterpret_cast<BYTE *>(module);
+    auto *nt = reinterpret_cast<IMAGE_NT_HEADERS *>(base + reinterpret_cast<IMAGE_DOS_HEADER *>(base)->e_lfanew);
+    const auto &dir = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    const std::pair<const char *, void *> routes[] = {{"OpenPrinterW", reinterpret_cast<void *>(RouteOpenPrinter)},
+                                                      {"XcvDataW", reinterpret_cast<void *>(RouteXcvData)},
+                                                      {"ClosePrinter", reinterpret_cast<void *>(RouteClosePrinter)}};
+    for (auto *imp = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR *>(base + dir.VirtualAddress); imp->Name != 0; ++imp) {
+        if (lstrcmpiA(reinterpret_cast<char *>(base + imp->Name), "winspool.drv") != 0) continue;
+        auto *names = reinterpret_cast<IMAGE_THUNK_DATA *>(base + imp->OriginalFirstThunk);
+        auto *slots = reinterpret_cast<IMAGE_THUNK_DATA *>(base + imp->FirstThunk);
+        for (; names->u1.AddressOfData != 0; ++names, ++slots) {
+            if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal)) continue;
+            auto *byName = reinterpret_cast<IMAGE_IMPORT_BY_NAME *>(base + names->u1.AddressOfData);
+            for (const auto &[function, route] : routes) {
+                if (std::strcmp(reinterpret_cast<char *>(byName->Name), function) != 0) continue;
+                DWORD old;
+                VirtualProtect(&slots->u1.Function, sizeof(void *), PAGE_READWRITE, &old);
+                slots->u1.Function = reinterpret_cast<ULONG_PTR>(route);
+                VirtualProtect(&slots->u1.Function, sizeof(void *), old, &old);
+            }
+        }
+    }
+}
+
+// What the client side does before AddPortUI, ConfigurePortUI or
+// DeletePortUI: the UI library's name from the monitor, the library loaded,
+// its table.  Prints "ui: NAME".
+PMONITORUI LoadMonitorUi() {
+    HANDLE xcv;
+    PRINTER_DEFAULTSW defaults = {nullptr, nullptr, SERVER_ACCESS_ADMINISTER};
+    if (!RouteOpenPrinter(const_cast<LPWSTR>((L",XcvMonitor " + std::wstring(kMonitorName)).c_str()), &xcv, &defaults))
+        return nullptr;
+    wchar_t name[MAX_PATH] = L"";
+    DWORD needed = 0, status = 0;
+    RouteXcvData(xcv, L"MonitorUI", nullptr, 0, reinterpret_cast<PBYTE>(name), sizeof name, &needed, &status);
+    RouteClosePrinter(xcv);
+    Say("ui", Narrow(name) + " " + std::to_string(status));
+    HMODULE module = status == ERROR_SUCCESS ? LoadLibraryW(name) : nullptr;
+    auto init = module == nullptr ? nullptr
+                                  : reinterpret_cast<PMONITORUI(WINAPI *)()>(
+                                        reinterpret_cast<void *>(GetProcAddress(module, "InitializePrintMonitorUI")));
+    if (init == nullptr) return nullptr;
+    RouteImports(module);
+    return init();
 }
 
 // ---- setup ----------------------------------------------------------------------------
@@ -249,8 +343,12 @@ int Setup(int argc, wchar_t **argv) {
     if (argc < 3) return 2;
     wchar_t system[MAX_PATH];
     GetSystemDirectoryW(system, MAX_PATH);
-    if (!CopyFileW(argv[2], (std::wstring(system) + L"\\KVT64.DLL").c_str(), FALSE)) {
-        Say("setup", "cannot copy the DLL: " + std::to_string(GetLastError()));
+    // The UI library from beside the monitor.
+    std::wstring ui = argv[2];
+    ui.replace(ui.find_last_of(L"\\/") + 1, std::wstring::npos, L"KVT64UI.DLL");
+    if (!CopyFileW(argv[2], (std::wstring(system) + L"\\KVT64.DLL").c_str(), FALSE) ||
+        !CopyFileW(ui.c_str(), (std::wstring(system) + L"\\KVT64UI.DLL").c_str(), FALSE)) {
+        Say("setup", "cannot copy the DLLs: " + std::to_string(GetLastError()));
         return 1;
     }
 
@@ -525,17 +623,32 @@ DWORD WINAPI AnswerDialog(void *) {
     return 0;
 }
 
-int Configure(wchar_t *port, int click, const wchar_t *text, bool pause) {
-    gPause = pause, gPressDialogs = false, gClick = click, gText = text;
-    if (!LoadMonitor()) return 1;
+bool HasWord(int argc, wchar_t **argv, int from, const wchar_t *word) {
+    for (int i = from; i < argc; ++i)
+        if (std::wstring(argv[i]) == word) return true;
+    return false;
+}
+
+int Configure(int argc, wchar_t **argv) {
+    wchar_t *port = argv[2];
+    gPause = HasWord(argc, argv, 5, L"pause"), gPressDialogs = false, gClick = _wtoi(argv[3]), gText = argv[4];
+    PMONITORUI ui = nullptr;
+    if (!LoadMonitor() || (HasWord(argc, argv, 5, L"ui") && (ui = LoadMonitorUi()) == nullptr)) return 1;
     HANDLE thread = CreateThread(nullptr, 0, AnswerDialog, nullptr, 0, nullptr);
     SetLastError(kSentinel);
-    BOOL ok = gMonitor->pfnConfigurePort(nullptr, nullptr, port);
-    Say("ConfigurePort", Outcome(ok, GetLastError()));
+    if (ui != nullptr) {
+        BOOL ok = ui->pfnConfigurePortUI(nullptr, GetDesktopWindow(), port);
+        Say("ConfigurePortUI", Outcome(ok, GetLastError()));
+    } else {
+        BOOL ok = gMonitor->pfnConfigurePort(nullptr, nullptr, port);
+        Say("ConfigurePort", Outcome(ok, GetLastError()));
+    }
     WaitForSingleObject(thread, 5000);
     CloseHandle(thread);
     return Tree();
 }
+
+std::string SpoolerPortNames();
 
 // ---- adding a port ----------------------------------------------------------------------------
 // The monitor's AddPort, with a person at its dialogs on a second thread.
@@ -600,15 +713,24 @@ DWORD WINAPI AnswerAdd(void *) {
 
 int Add(int argc, wchar_t **argv) {
     gServer = argv[2], gLpt = _wtoi(argv[3]), gText = argv[4], gPressDialogs = false;
-    for (int i = 5; i < argc; ++i) gPause = gPause || std::wstring(argv[i]) == L"pause", gTab = gTab || std::wstring(argv[i]) == L"tab";
-    if (!LoadMonitor()) return 1;
+    gPause = HasWord(argc, argv, 5, L"pause"), gTab = HasWord(argc, argv, 5, L"tab");
+    PMONITORUI ui = nullptr;
+    if (!LoadMonitor() || (HasWord(argc, argv, 5, L"ui") && (ui = LoadMonitorUi()) == nullptr)) return 1;
     HANDLE thread = CreateThread(nullptr, 0, AnswerAdd, nullptr, 0, nullptr);
     SetLastError(kSentinel);
-    BOOL ok = gMonitor->pfnAddPort(nullptr, nullptr, const_cast<LPWSTR>(kMonitorName));
-    Say("AddPort", Outcome(ok, GetLastError()));
+    if (ui != nullptr) {
+        PWSTR made = nullptr;
+        BOOL ok = ui->pfnAddPortUI(nullptr, GetDesktopWindow(), kMonitorName, &made);
+        Say("AddPortUI", Outcome(ok, GetLastError()) + " " + (made != nullptr ? Narrow(made) : "-"));
+        LocalFree(made);
+    } else {
+        BOOL ok = gMonitor->pfnAddPort(nullptr, nullptr, const_cast<LPWSTR>(kMonitorName));
+        Say("AddPort", Outcome(ok, GetLastError()));
+    }
     WaitForSingleObject(thread, 5000);
     CloseHandle(thread);
     Say("ports", PortNames(gMonitor->pfnEnumPorts));
+    if (ui != nullptr) Say("spooler.ports", SpoolerPortNames());
     return Tree();
 }
 
@@ -642,7 +764,7 @@ std::string SpoolerPortNames() {
 
 // The monitor through winspool and localspl: listed among the monitors, its
 // ports among the ports, and the port calls passed to its entries.
-int Spooler(wchar_t *configurePort, wchar_t *deletePort) {
+void SayMonitors() {
     DWORD needed = 0, returned = 0;
     EnumMonitorsW(nullptr, 2, nullptr, 0, &needed, &returned);
     std::vector<BYTE> monitors(needed + 1);
@@ -651,6 +773,11 @@ int Spooler(wchar_t *configurePort, wchar_t *deletePort) {
         for (DWORD i = 0; i < returned; ++i)
             Say("monitor", Narrow(info[i].pName) + " | " + Narrow(info[i].pDLLName ? info[i].pDLLName : L""));
     }
+}
+
+int Spooler(wchar_t *configurePort, wchar_t *deletePort) {
+    DWORD needed = 0, returned = 0;
+    SayMonitors();
 
     EnumPortsW(nullptr, 2, nullptr, 0, &needed, &returned);
     std::vector<BYTE> ports(needed + 1);
@@ -702,6 +829,50 @@ int Print(wchar_t *printerName, wchar_t *document, const wchar_t *file) {
     return 0;
 }
 
+// The monitor as an administrator's tools reach it after kvtsetup installed
+// it: the monitors and ports of Wine's spooler; a port made by the platform's
+// "AddPort" data name; the changes refused on a handle without the right to
+// administer; DeletePortUI, its question answered Yes.
+int Client(const std::wstring &action, wchar_t *port) {
+    SayMonitors();
+    if (action != L"monitors") {
+        if (!LoadMonitor()) return 1;
+        PRINTER_DEFAULTSW defaults = {nullptr, nullptr,
+                                      static_cast<ACCESS_MASK>(action == L"denied" ? SERVER_ACCESS_ENUMERATE
+                                                                                   : SERVER_ACCESS_ADMINISTER)};
+        const std::wstring object = L",XcvMonitor " + std::wstring(kMonitorName);
+        const DWORD cb = static_cast<DWORD>((wcslen(port) + 1) * sizeof(wchar_t));
+        HANDLE xcv;
+        DWORD needed = 0, status = 0;
+        if (action == L"delete") {
+            PMONITORUI ui = LoadMonitorUi();
+            SetLastError(kSentinel);
+            BOOL ok = ui != nullptr && ui->pfnDeletePortUI(nullptr, GetDesktopWindow(), port);
+            Say("DeletePortUI", Outcome(ok, GetLastError()));
+        } else if (RouteOpenPrinter(const_cast<LPWSTR>(object.c_str()), &xcv, &defaults)) {
+            for (const wchar_t *name : {L"AddPort", L"DeletePort"}) {
+                if (action == L"addbyname" && name != std::wstring(L"AddPort")) continue;
+                RouteXcvData(xcv, name, reinterpret_cast<PBYTE>(port), cb, nullptr, 0, &needed, &status);
+                Say(("XcvData." + Narrow(name)).c_str(), std::to_string(status));
+            }
+            RouteClosePrinter(xcv);
+        }
+    }
+    Say("ports", SpoolerPortNames());
+    return 0;
+}
+
+// A printer on a port, or ("-") the printer deleted.
+int Printer(const std::wstring &name, const std::wstring &port) {
+    HANDLE printer;
+    PRINTER_DEFAULTSW admin = {nullptr, nullptr, PRINTER_ALL_ACCESS};
+    if (port != L"-") return InstallPrinter(name + L"," + port) ? 0 : 1;
+    if (!OpenPrinterW(const_cast<LPWSTR>(name.c_str()), &printer, &admin)) return 1;
+    BOOL deleted = DeletePrinter(printer);
+    ClosePrinter(printer);
+    return deleted ? 0 : 1;
+}
+
 }  // namespace
 
 int wmain(int argc, wchar_t **argv) {
@@ -715,9 +886,13 @@ int wmain(int argc, wchar_t **argv) {
     if (command == L"tree") return Tree();
     if (command == L"spooler" && argc == 4) return Spooler(argv[2], argv[3]);
     if (command == L"print" && argc == 5) return Print(argv[2], argv[3], argv[4]);
-    if (command == L"configure" && (argc == 5 || argc == 6))
-        return Configure(argv[2], _wtoi(argv[3]), argv[4], argc == 6 && std::wstring(argv[5]) == L"pause");
+    if (command == L"configure" && argc >= 5) return Configure(argc, argv);
     if (command == L"add" && argc >= 5) return Add(argc, argv);
-    std::fprintf(stderr, "usage: kvtspool setup|job|enum|delete|tree|spooler|print|configure|add ...\n");
+    if (command == L"client" && argc >= 3) {
+        gPause = HasWord(argc, argv, 4, L"pause");
+        return Client(argv[2], argc > 3 ? argv[3] : const_cast<wchar_t *>(L""));
+    }
+    if (command == L"printer" && argc == 4) return Printer(argv[2], argv[3]);
+    std::fprintf(stderr, "usage: kvtspool setup|job|enum|delete|tree|spooler|print|configure|add|client|printer ...\n");
     return 2;
 }

@@ -599,49 +599,61 @@ protected:
     }
 };
 
-TEST_F(OnADisplay, ConfigurePortShowsDialog550AndStoresWhatAPersonChose) {
+// Dialogs 550, 200 and 250 in the administrator's process: the client's path
+// (the UI library that the monitor names, its ConfigurePortUI and AddPortUI),
+// the monitor reached through its transceive entries.
+TEST_F(OnADisplay, ConfigurePortUIShowsDialog550AndStoresWhatAPersonChose) {
     ASSERT_NO_FATAL_FAILURE(Install({"debug=1", "notify=1", "port=PS1-P1,127.0.0.2,2,lp"}));
     Ran ran;
     // Typed past the box's limit: Windows' own edit box keeps to the monitor's 31 characters.
     std::string typed = "raw-queue-name-typed-past-the-limit";
-    std::thread harness([&] { ran = Spool({"configure", "PS1-P1", "551", typed, "pause"}); });
+    std::thread harness([&] { ran = Spool({"configure", "PS1-P1", "551", typed, "pause", "ui"}); });
     EXPECT_TRUE(Screenshot("box", "DEBUG", "message-box.png"));
     EXPECT_TRUE(Screenshot("dialog", "Select Protocol", "configure-port.png"));
     harness.join();
     EXPECT_EQ(ran.All("box"), std::vector<std::string>{"DEBUG | Starting DEBUG mode | no icon"}) << ran;
     // TCP/IP checked, the transports the host lacks disabled, the queue name in its box.
     EXPECT_EQ(ran.One("shown"), "551 552- 553x 554- 556x lp") << ran;
-    EXPECT_EQ(ran.Result("ConfigurePort"), "1") << ran;
+    EXPECT_EQ(ran.One("ui"), "KVT64UI.DLL 0") << ran;
+    EXPECT_EQ(ran.Result("ConfigurePortUI"), "1") << ran;
     EXPECT_TRUE(Stored(ran, "Ports\\PS1\\1 [ ] 3 00") && Stored(ran, " [IsNOTIFY] 3 01") &&
                 Stored(ran, "Ports\\PS1\\1 [QueueName] 1 " + Hex(Wide(typed.substr(0, 31)))))
         << ran;
 }
 
 // Dialog 200 as a person fills it, over a search of kvtps's servers; the
-// port in the monitor's list and in Wine's registry; then dialog 250.
-TEST_F(OnADisplay, AddPortShowsDialog200AndMakesThePortAPersonChose) {
+// port in the monitor's list, in Wine's spooler and in Wine's registry; then
+// dialog 250.
+TEST_F(OnADisplay, AddPortUIShowsDialog200AndMakesThePortAPersonChose) {
     ASSERT_NO_FATAL_FAILURE(Install({"debug=0"}));
     kvtps::ServerConfig ps2 = Server("PS2", "127.0.0.3");
     ps2.model = 3;
     ASSERT_NO_FATAL_FAILURE(StartServers({Server("PS1", "127.0.0.2"), ps2}));
     Ran ran;
-    std::thread harness([&] { ran = Spool({"add", "PS2", "2", "lp2", "pause"}); });
+    std::thread harness([&] { ran = Spool({"add", "PS2", "2", "lp2", "pause", "ui"}); });
     EXPECT_TRUE(Screenshot("dialog200", "Add Port", "add-port.png"));
     harness.join();
     EXPECT_EQ(ran.One("listed"), "PS1        127.0.0.2 | PS2        127.0.0.3") << ran;
     EXPECT_EQ(ran.One("shown"), "PS2-P2 127.0.0.3 lpt1 lp2 lpt3") << ran;
-    EXPECT_EQ(ran.Result("AddPort"), "1") << ran;
+    EXPECT_EQ(ran.One("AddPortUI"), "1 0 PS2-P2") << ran;
     EXPECT_EQ(ran.One("ports"), "PS2-P2") << ran;
+    EXPECT_TRUE(ran.One("spooler.ports").ends_with(" LPT3: PS2-P2")) << ran;
     EXPECT_TRUE(Stored(ran, "Ports\\PS2 [IP    ] 3 0300007f") && Stored(ran, "Ports\\PS2\\2 [ ] 3 00") &&
                 Stored(ran, "Ports\\PS2\\2 [QueueName] 1 " + Hex(Wide("lp2"))))
         << ran;
 
     // Dialog 250, for its picture: the marker file's way.
     WriteFile(Prefix() + "/drive_c/windows/syswow64/KVTJLPR", "");
-    std::thread again([&] { ran = Spool({"add", "-", "1", "-", "pause"}); });
+    std::thread again([&] { ran = Spool({"add", "-", "1", "-", "pause", "ui"}); });
     EXPECT_TRUE(Screenshot("dialog250", "Add Port", "add-all.png"));
     again.join();
     EXPECT_EQ(ran.One("ports"), "PS2-P2 PS1-P1 PS2-P1 PS2-P3") << ran;
+
+    // DeletePortUI's question, for its picture.
+    std::thread remove([&] { ran = Spool({"client", "delete", "PS2-P3", "pause"}); });
+    EXPECT_TRUE(Screenshot("box", "KVT Manager", "delete-port.png"));
+    remove.join();
+    EXPECT_EQ(ran.One("DeletePortUI"), "1 0") << ran;
 }
 
 // In dialog 200, Tab pressed after LPT2 until the list has the focus: the
@@ -685,6 +697,49 @@ TEST_F(UnderWine, AddPortTakesTheListFileAndTheMarkerFile) {
     EXPECT_EQ(ran.One("listed"), "PS1-P1        127.0.0.2 | PS31-P1       127.0.0.4 | PS3-P1        127.0.0.3") << ran;
     EXPECT_EQ(ran.One("ports"), "LST-P1 PS1-P1 PS3-P1 PS31-P1") << ran;
     EXPECT_FALSE(std::ifstream(folder + "KVTJLPR").good());
+}
+
+// kvtsetup.exe as an administrator runs it, silent: the monitor added through
+// Wine's spooler and reached by the client's path; a change refused on a
+// handle without the right to administer; no uninstall while a printer uses
+// a port; DeletePortUI; then nothing left of the monitor.
+TEST_F(UnderWine, KvtsetupInstallsTheMonitorAndItsUninstallLeavesNothing) {
+    Spool({"printer", "Office", "-"});  // what other tests left
+    RunProgram({KVT_WINE, "reg", "delete", "HKLM\\System\\CurrentControlSet\\Control\\Print\\Monitors\\" + kMonitorName,
+                "/f"});
+    for (const char *file : {"KVT64.DLL", "KVT64UI.DLL", "KVTLOG"}) std::remove((SystemFolder() + "/" + file).c_str());
+    const std::vector<std::string> install = {KVT_WINE, KVT_SETUP_EXE, "/S"},
+                                   uninstall = {KVT_WINE, KVT_SETUP_EXE, "/uninstall", "/S"};
+    Ran ran = RunProgram(install);
+    ASSERT_EQ(ran.status, 0) << ran;
+    ran = RunProgram(install);
+    EXPECT_EQ(ran.status, 4) << ran;
+    EXPECT_NE(ran.err.find("already installed"), std::string::npos) << ran;
+
+    ran = Spool({"client", "addbyname", "PS9-P1"});
+    auto monitors = ran.All("monitor");
+    EXPECT_EQ(std::count(monitors.begin(), monitors.end(), kMonitorName + " | KVT64.DLL"), 1) << ran;
+    EXPECT_EQ(ran.One("XcvData.AddPort"), "0") << ran;
+    EXPECT_TRUE(ran.One("ports").ends_with(" PS9-P1")) << ran;
+    ran = Spool({"client", "denied", "PS9-P2"});
+    EXPECT_EQ(ran.One("XcvData.AddPort") + " " + ran.One("XcvData.DeletePort"), "5 5") << ran;
+    EXPECT_TRUE(ran.One("ports").ends_with(" PS9-P1")) << ran;
+
+    ASSERT_EQ(Spool({"printer", "Office", "PS9-P1"}).status, 0);
+    ran = RunProgram(uninstall);
+    EXPECT_EQ(ran.status, 5) << ran;
+    EXPECT_NE(ran.err.find("PS9-P1"), std::string::npos) << ran;
+    ASSERT_EQ(Spool({"printer", "Office", "-"}).status, 0);
+    ran = Spool({"client", "delete", "PS9-P1"});
+    EXPECT_EQ(ran.One("DeletePortUI"), "1 0") << ran;
+    EXPECT_EQ(ran.One("ports").find("PS9"), std::string::npos) << ran;
+
+    ran = RunProgram(uninstall);
+    EXPECT_EQ(ran.status, 0) << ran;
+    for (const char *file : {"KVT64.DLL", "KVT64UI.DLL", "KVTLOG"})
+        EXPECT_FALSE(std::ifstream(SystemFolder() + "/" + file).good()) << file;
+    EXPECT_EQ(Spool({"tree"}).One("key"), "missing");
+    EXPECT_EQ(RunProgram(uninstall).status, 4);
 }
 
 }  // namespace
