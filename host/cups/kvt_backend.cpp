@@ -30,6 +30,7 @@ namespace {
 // The exit codes of backend(7).
 constexpr int kOk = 0, kFailed = 1, kRetry = 6;
 constexpr size_t kSpoolBuffer = 64 * 1024;
+constexpr uint8_t kTypeQueueNames = 4;  // a print server that names its own queues
 // A job start that takes longer (in the monitor's time) is reported as a
 // print server that does not take the job yet.
 constexpr int kStartPatienceMs = 5000;
@@ -117,7 +118,11 @@ bool EnsurePrefix() {
 }
 
 // ---- listing the devices -----------------------------------------------------------
-// One line per printer port of the server (backend(7)'s device listing).
+// One line per printer port of the server (backend(7)'s device listing).  A
+// print server of Type 4 names its own queues: the port's URI carries the
+// name, cut to the monitor's 31 characters as dialog 200 cuts it, so that a
+// queue made from the line prints where the line said; any other prints to
+// "lpt1".."lpt3", and its URI names no queue.
 std::string DeviceLines(const kvtmon::FoundServer &server, const char *carrier) {
     std::string lines;
     const int ports = (server.model & 3) != 0 ? server.model & 3 : 1;
@@ -126,10 +131,11 @@ std::string DeviceLines(const kvtmon::FoundServer &server, const char *carrier) 
                             : std::string("found over ") + (std::strcmp(carrier, "ipx") == 0 ? "IPX" : "NetBIOS");
     for (int p = 1; p <= ports; ++p) {
         const std::string name = kvtcups::DeviceField(server.name), port = "P" + std::to_string(p);
+        const std::string queue = server.type == kTypeQueueNames ? server.queues[p - 1].substr(0, 31) : "";
         std::string info = "KVT " + name + " port " + port + " (" + where;
-        if (!server.queues[p - 1].empty()) info += ", queue " + kvtcups::DeviceField(server.queues[p - 1]);
+        if (!queue.empty()) info += ", queue " + kvtcups::DeviceField(queue);
         info += ")";
-        lines += "network " + kvtcups::DeviceUriFor(server.name, p) + " \"KVT Print Server\" \"" + info +
+        lines += "network " + kvtcups::DeviceUriFor(server.name, p, queue) + " \"KVT Print Server\" \"" + info +
                  "\" \"MFG:KVT;MDL:Print Server;CMD:;CLS:PRINTER;DES:KVT " + name + " port " + port +
                  ";\" \"\"\n";
     }

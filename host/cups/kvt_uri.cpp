@@ -106,8 +106,8 @@ std::string DeviceField(const std::string &in) {
     return out;
 }
 
-std::string DeviceUriFor(const std::string &server, int port) {
-    return "kvt://" + Encode(server) + "/P" + std::to_string(port);
+std::string DeviceUriFor(const std::string &server, int port, const std::string &queue) {
+    return "kvt://" + Encode(server) + "/P" + std::to_string(port) + (queue.empty() ? "" : "?queue=" + Encode(queue));
 }
 
 }  // namespace kvtcups

@@ -20,7 +20,8 @@ struct DeviceUri {
 
 // False, with a message, for anything but a URI of that form.
 bool ParseDeviceUri(const std::string &text, DeviceUri *uri, std::string *error);
-std::string DeviceUriFor(const std::string &server, int port);
+// The URI of a printer port, with queue=NAME when a queue is given.
+std::string DeviceUriFor(const std::string &server, int port, const std::string &queue = "");
 // A text as a quoted field of a device line holds it: no double quote, no
 // backslash, no control character.
 std::string DeviceField(const std::string &in);

@@ -37,9 +37,12 @@ protected:
                                              dir_ + "/prefix", "--libdir", dir_ + "/lib", "--backend-dir",
                                              dir_ + "/bin/backend", "--from", KVT_BIN_DIR});
         ASSERT_EQ(installed.status, 0) << installed.out;
-        kvtps::ServerConfig ps2 = kvttest::Server("PS2", "127.0.0.3");
+        // PS1 prints to "lpt1"; PS2 names its own queues.
+        kvtps::ServerConfig ps1 = kvttest::Server("PS1", "127.0.0.2"), ps2 = kvttest::Server("PS2", "127.0.0.3");
+        ps1.type = 0;
         ps2.model = 3;
-        StartServers({kvttest::Server("PS1", "127.0.0.2"), ps2});
+        ps2.queueTexts[2] = "draft&3 P3";
+        StartServers({ps1, ps2});
         // cupsd as the README runs one of one's own (the test is in the private network).
         std::vector<std::string> args = {KVT_SOURCE_DIR "/scripts/cupsd-here.sh", dir_,
                                          std::string("KVT_TIMESCALE=") + timeScale_};
@@ -136,14 +139,23 @@ TEST_F(Cups, AJobPrintedWithLpArrivesWholeOverEachTransport) {
 }
 
 // lpinfo -v (CUPS's device listing, which the web interface's Add Printer shows)
-// lists every printer port of the emulated print servers.
-TEST_F(Cups, LpinfoListsThePrintServersPorts) {
+// lists every printer port of the emulated print servers, with the queue names
+// of a print server that names its own; a queue made from a line prints there.
+TEST_F(Cups, LpinfoListsThePrintServersPortsAndTheirOwnQueues) {
     const std::string devices = Run({"lpinfo", "-v"}).out;
-    for (const char *uri : {"network kvt://PS1/P1\n", "network kvt://PS2/P1\n", "network kvt://PS2/P2\n",
-                            "network kvt://PS2/P3\n"})
-        EXPECT_TRUE(kvttest::Holds(devices, uri));
+    for (const char *uri : {"network kvt://PS1/P1\n", "network kvt://PS2/P1?queue=lpt1\n",
+                            "network kvt://PS2/P2?queue=lpt2\n", "network kvt://PS2/P3?queue=draft%263\n"})
+        EXPECT_TRUE(kvttest::Holds(devices, uri)) << devices;
     EXPECT_EQ(devices.find("kvt://PS1/P2"), std::string::npos) << "PS1 has one printer port";
-    EXPECT_TRUE(kvttest::Holds(Run({"lpinfo", "-l", "-v"}).out, "KVT PS2 port P3 (127.0.0.3, queue lpt3)"));
+    EXPECT_TRUE(kvttest::Holds(Run({"lpinfo", "-l", "-v"}).out, "KVT PS2 port P3 (127.0.0.3, queue draft&3)"));
+
+    const size_t at = devices.find("kvt://PS2/P3");
+    ASSERT_NE(at, std::string::npos);
+    AddQueue("LISTED", devices.substr(at, devices.find('\n', at) - at));
+    const std::string job = Print("LISTED", Bytes(3000, 5));
+    ASSERT_TRUE(Eventually([&] { return Completed(job); })) << QueueState("LISTED");
+    ASSERT_TRUE(Eventually([&] { return emulator_.Jobs("PS2").size() == 1; }));
+    EXPECT_EQ(emulator_.Jobs("PS2")[0].queue, "draft&3");
 }
 
 // With the monitor's waits less shrunk: a print server busy for minutes.
@@ -219,7 +231,11 @@ TEST(DeviceUri, TakesServerPortProtocolAndQueueAndRefusesTheRest) {
         EXPECT_EQ(uri.port, c.port) << c.uri;
         EXPECT_EQ(uri.protocol, c.protocol) << c.uri;
         EXPECT_EQ(uri.queue.value_or("(none)"), c.queue != nullptr ? c.queue : "(none)") << c.uri;
-        EXPECT_TRUE(kvtcups::ParseDeviceUri(kvtcups::DeviceUriFor(uri.server, uri.port), &uri, &error)) << c.uri;
+        const std::optional<std::string> queue = uri.queue;  // the listing's URI of the port reads back
+        EXPECT_TRUE(kvtcups::ParseDeviceUri(kvtcups::DeviceUriFor(uri.server, uri.port, queue.value_or("")), &uri,
+                                            &error))
+            << c.uri;
+        EXPECT_EQ(uri.queue, queue) << c.uri;
     }
 }
 
