@@ -131,6 +131,17 @@ TEST_F(KvtmonPrint, PortsListsWhatTheTreeHoldsAndDeleteRemovesIt) {
     KvtmonRun again = Kvtmon({"delete", "PS9-P2"});
     EXPECT_EQ(again.status, 3);
     EXPECT_TRUE(kvttest::Holds(again.err, "no port 'PS9-P2'"));
+
+    // Through the UI library and the transceive entries, or with --legacy the
+    // monitor's own DeletePort: the log tells which.
+    for (const std::vector<std::string> &args : {std::vector<std::string>{"delete", "PS9-P2"},
+                                                 {"delete", "PS9-P2", "--legacy"}}) {
+        ASSERT_EQ(Print({"PS9-P2", job_, "--server", "127.0.0.9", "--debug"}).status, 0);
+        ASSERT_EQ(Kvtmon(args).status, 0);
+        const std::string log = Kvtmon({"log"}).out;
+        EXPECT_EQ(kvttest::Holds(log, "Entry LocalmonXcvDataPort"), args.size() == 2) << log;
+        EXPECT_EQ(kvttest::Holds(log, "Entry LocalmonDeletePort"), args.size() == 3) << log;
+    }
 }
 
 TEST_F(KvtmonPrint, TheLogShowsTheLastStartUpsLines) {
