@@ -850,8 +850,9 @@ int Client(const std::wstring &action, wchar_t *port) {
             BOOL ok = ui != nullptr && ui->pfnDeletePortUI(nullptr, GetDesktopWindow(), port);
             Say("DeletePortUI", Outcome(ok, GetLastError()));
         } else if (RouteOpenPrinter(const_cast<LPWSTR>(object.c_str()), &xcv, &defaults)) {
-            for (const wchar_t *name : {L"AddPort", L"DeletePort"}) {
-                if (action == L"addbyname" && name != std::wstring(L"AddPort")) continue;
+            std::vector<const wchar_t *> names = {L"AddPort"};
+            if (action == L"denied") names.push_back(L"DeletePort");
+            for (const wchar_t *name : names) {
                 RouteXcvData(xcv, name, reinterpret_cast<PBYTE>(port), cb, nullptr, 0, &needed, &status);
                 Say(("XcvData." + Narrow(name)).c_str(), std::to_string(status));
             }
